@@ -1,0 +1,116 @@
+// Arrays and objects, read in place.
+//
+//   array:              ID_ARRAY  | offset array | entity area
+//   object (v2 and up): ID_OBJECT | key array | offset array | entity area
+//   object (v1):        ID_OBJECT | offset array | records (key tag, value)
+//
+// Offsets count from the start of the container's own entity area, so an
+// encoded value means the same wherever it lies and equal elements may share
+// one encoding. Key arrays ascend strictly, which a binary search relies on.
+//
+// Guards: every operation answers as for an empty container on the null view
+// and on a view of another kind (one test of the id byte), and an index at or
+// beyond size() gives the null view (one compare with the count already read).
+// The image's bytes themselves are trusted.
+#include "vkt/format.h"
+#include "vkt/packed_array.h"
+
+namespace {
+
+bool is_container(const VKTObject* obj, const vkt_u8* p) {
+  return obj != nullptr && (*p == ID_ARRAY || *p == ID_OBJECT);
+}
+
+}  // namespace
+
+vkt_size VKTValue::size() const {
+  if (!is_container(mObj, mPtr)) return 0;
+  unsigned_array a;
+  setup_unsigned_array(&a, mPtr + 1);
+  return a.valueNum;
+}
+
+VKTValue VKTValue::at(vkt_u32 index) const {
+  if (mObj == nullptr || *mPtr != ID_ARRAY) return VKTValue();
+  unsigned_array a;
+  setup_unsigned_array(&a, mPtr + 1);
+  if (index >= a.valueNum) return VKTValue();
+  return VKTValue(mObj, mPtr + 1 + a.size + get_unsigned_array(&a, index));
+}
+
+VKTValue VKTValue::at(const char* key, vkt_u32* hint) const {
+  VKTValue value;
+  findMember(key, &value, hint);
+  return value;
+}
+
+bool VKTValue::isMember(const char* key, vkt_u32* hint) const {
+  VKTValue value;
+  return findMember(key, &value, hint);
+}
+
+bool VKTValue::findMember(const char* key, VKTValue* value,
+                          vkt_u32* hint) const {
+  if (mObj == nullptr || *mPtr != ID_OBJECT) return false;
+  // A name that no object of the image uses is turned away by the key table.
+  vkt_u32 tag;
+  if (!mObj->findKey(key, &tag, hint)) return false;
+
+  unsigned_array keys;
+  setup_unsigned_array(&keys, mPtr + 1);
+  const vkt_u8* base = mPtr + 1 + keys.size;
+  vkt_u32 begin = 0;
+  vkt_u32 end = keys.valueNum;
+
+  if (mObj->mVersion == 1) {
+    // The first array holds offsets of records that open with the key tag.
+    while (begin < end) {
+      const vkt_u32 mid = (begin + end) / 2;
+      const vkt_u8* p = base + get_unsigned_array(&keys, mid);
+      const vkt_u32 objectTag = parse_key(p);
+      if (objectTag == tag) {
+        *value = VKTValue(mObj, p + get_value_size(p));
+        return true;
+      }
+      if (objectTag < tag) {
+        begin = mid + 1;
+      } else {
+        end = mid;
+      }
+    }
+    return false;
+  }
+
+  while (begin < end) {
+    const vkt_u32 mid = (begin + end) / 2;
+    const vkt_u32 objectTag = get_unsigned_array(&keys, mid);
+    if (objectTag == tag) {
+      unsigned_array offsets;
+      setup_unsigned_array(&offsets, base);
+      *value = VKTValue(
+          mObj, base + offsets.size + get_unsigned_array(&offsets, mid));
+      return true;
+    }
+    if (objectTag < tag) {
+      begin = mid + 1;
+    } else {
+      end = mid;
+    }
+  }
+  return false;
+}
+
+void VKTValue::getMemberNames(vkt_members* result) const {
+  result->clear();
+  if (mObj == nullptr || *mPtr != ID_OBJECT) return;
+  unsigned_array a;
+  setup_unsigned_array(&a, mPtr + 1);
+  const vkt_u8* base = mPtr + 1 + a.size;
+  result->reserve(a.valueNum);
+  for (vkt_u32 i = 0; i < a.valueNum; ++i) {
+    const vkt_u32 objectTag = mObj->mVersion == 1
+                                  ? parse_key(base + get_unsigned_array(&a, i))
+                                  : get_unsigned_array(&a, i);
+    result->push_back(mObj->getKey(objectTag));
+  }
+}

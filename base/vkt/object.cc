@@ -1,0 +1,265 @@
+// VKTObject: opening an image in its five ownership modes or through a read
+// stream, the plain header copy and the section pointers, the purge of the
+// stream entity, and decode, the one validation of an image.
+//
+// Opening never parses a section: it copies the header (and, by mode, the
+// image or its front part), unscrambles what the flags say, and turns each
+// header offset into a pointer.
+#include <cstring>  // memcpy, memcmp
+
+#include "vkt/format.h"
+#include "vkt/packed_array.h"
+#include "vkt/streams.h"
+
+namespace {
+
+vkt_u32 header_field(const vkt_u8* header, vkt_u32 field) {
+  return read_32bit_unsigned(header + field);
+}
+
+vkt_u8* copy_bytes(const vkt_u8* src, vkt_u32 size) {
+  vkt_u8* dest = new vkt_u8[size];
+  if (size != 0) std::memcpy(dest, src, size);
+  return dest;
+}
+
+}  // namespace
+
+VKTObject::VKTObject(const vkt_binary& image, VKTFilter* structFilter)
+    : VKTObject(image.data(), vkt_u32(image.size()), VKT_ALLOC_DUPLICATE,
+                structFilter) {}
+
+VKTObject::VKTObject(const vkt_u8* ptr, vkt_u32 size, vkt_alloc_type allocType,
+                     VKTFilter* structFilter)
+    : mImageSize(size), mAllocType(allocType) {
+  switch (allocType) {
+    case VKT_ALLOC_DUPLICATE:
+      mImage = copy_bytes(ptr, size);
+      init(structFilter);
+      break;
+    case VKT_ALLOC_PURGE:
+    case VKT_ALLOC_PURGE_REFER:
+      // Open as if owned, then copy the front part away from the payloads.
+      mImage = ptr;
+      mAllocType = VKT_ALLOC_OWN;
+      init(structFilter);
+      preparePurge();
+      mAllocType = allocType;
+      break;
+    default:  // VKT_ALLOC_REFER, VKT_ALLOC_OWN
+      mImage = ptr;
+      init(structFilter);
+      break;
+  }
+  // In the purge modes the pointers already lie in the copy, so the caller's
+  // bytes are never written.
+  filterInfo(structFilter);
+}
+
+VKTObject::VKTObject(VKTReadStream* reader, VKTFilter* structFilter)
+    : mReader(reader), mAllocType(VKT_ALLOC_OWN) {
+  // The header first: 8 bytes tell the version, and the version how much
+  // more to read (a version-3 image gives up 12 unused bytes).
+  vkt_u8 header[HEADER_SIZE];
+  reader->Read(header, HEADER_OFST_KEY_OFFSET_ARRAY);
+  const vkt_u32 version = read_16bit_unsigned(header + HEADER_OFST_VERSION);
+  const vkt_u32 wanted = version < 3 ? HEADER_SIZE_VER2 : HEADER_SIZE;
+  reader->Read(header + HEADER_OFST_KEY_OFFSET_ARRAY,
+               wanted - HEADER_OFST_KEY_OFFSET_ARRAY);
+  loadHeader(header, structFilter);
+
+  // Then the front part: everything in front of the stream entity, which
+  // stays in the source and is reached through windows.
+  mStreamOffset = header_field(mHeader, HEADER_OFST_STREAM_ENTITY);
+  mImageSize = reader->Size();
+  vkt_u8* front = new vkt_u8[mStreamOffset];
+  reader->Seek(0, VKT_ORIGIN_SET);
+  reader->Read(front, mStreamOffset);
+  mImage = front;
+  decodeInfo();
+  mStreamEntity = nullptr;
+  filterInfo(structFilter);
+}
+
+VKTObject::~VKTObject() {
+  delete mReader;
+  mReader = nullptr;
+  releaseStreamBuffer();
+  if (mAllocType != VKT_ALLOC_REFER) delete[] mImage;
+  delete[] mHeader;
+}
+
+void VKTObject::loadHeader(const vkt_u8* header, VKTFilter* structFilter) {
+  mVersion = read_16bit_unsigned(header + HEADER_OFST_VERSION);
+  // Versions 1 and 2 have no flags word and filter their info range only.
+  mFlags = mVersion < 3 ? VKT_FLAGS_FILTER_INFO
+                        : read_16bit_unsigned(header + HEADER_OFST_FLAGS);
+  const vkt_u32 headerSize = header_size_of_version(mVersion);
+  mHeader = copy_bytes(header, headerSize);
+  if (structFilter != nullptr && (mFlags & VKT_FLAGS_FILTER_HEADER)) {
+    filter_header(structFilter, mHeader, mVersion);
+  }
+}
+
+void VKTObject::init(VKTFilter* structFilter) {
+  loadHeader(mImage, structFilter);
+  decodeInfo();
+}
+
+void VKTObject::decodeInfo() {
+  auto section = [this](vkt_u32 field) {
+    return mImage + header_field(mHeader, field);
+  };
+  mKeyOffsetArray = section(HEADER_OFST_KEY_OFFSET_ARRAY);
+  mKeyEntity = section(HEADER_OFST_KEY_ENTITY);
+  mStringOffsetArray = section(HEADER_OFST_STRING_OFFSET_ARRAY);
+  mStringEntity = section(HEADER_OFST_STRING_ENTITY);
+  mStreamOffsetArray = section(HEADER_OFST_STREAM_OFFSET_ARRAY);
+  mStreamSizeArray = section(HEADER_OFST_STREAM_SIZE_ARRAY);
+  mStreamEntity = section(HEADER_OFST_STREAM_ENTITY);
+  mFilteredInfoBegin = mKeyOffsetArray;
+  if (mVersion > 3) {
+    mBStreamOffsetArray = section(HEADER_OFST_BSTREAM_OFFSET_ARRAY);
+    mBStreamSizeArray = section(HEADER_OFST_BSTREAM_SIZE_ARRAY);
+    mBStreamEntity = section(HEADER_OFST_BSTREAM_ENTITY);
+    mFilteredInfoEnd = mBStreamOffsetArray;
+  } else {
+    mBStreamOffsetArray = nullptr;
+    mBStreamSizeArray = nullptr;
+    mBStreamEntity = nullptr;
+    mFilteredInfoEnd = mStreamOffsetArray;
+  }
+  mRootValuePtr = section(HEADER_OFST_ROOT_VALUE);
+  mTotalStreamEntitySize =
+      mImageSize - header_field(mHeader, HEADER_OFST_STREAM_ENTITY);
+}
+
+void VKTObject::filterInfo(VKTFilter* structFilter) {
+  if (structFilter == nullptr || !(mFlags & VKT_FLAGS_FILTER_INFO)) return;
+  // The bytes are ours or were handed over for writing (REFER, OWN).
+  structFilter->Filter(const_cast<vkt_u8*>(mFilteredInfoBegin),
+                       vkt_size(mFilteredInfoEnd - mFilteredInfoBegin));
+}
+
+void VKTObject::preparePurge() {
+  if (mAllocType != VKT_ALLOC_DUPLICATE && mAllocType != VKT_ALLOC_OWN) return;
+  // A stream-backed image has no stream entity in memory to part from.
+  if (mReader != nullptr) return;
+  const vkt_u8* newEntity = mStreamEntity;
+  mImage = copy_bytes(mImage, vkt_u32(mStreamEntity - mImage));
+  mAllocType = VKT_ALLOC_PURGE;
+  decodeInfo();
+  // The payloads stay in the old allocation, which mStreamEntity now stands
+  // for: its start lies the stream entity's offset before it.
+  mStreamEntity = newEntity;
+}
+
+void VKTObject::purgeStreamEntity() { releaseStreamBuffer(); }
+
+void VKTObject::releaseStreamBuffer() {
+  if (mAllocType != VKT_ALLOC_PURGE || mStreamEntity == nullptr) return;
+  delete[](mStreamEntity - header_field(mHeader, HEADER_OFST_STREAM_ENTITY));
+  mStreamEntity = nullptr;
+}
+
+bool VKTObject::decode(vkt_binary& image, VKTFilter* structFilter) {
+  return decode(image.data(), vkt_size(image.size()), structFilter);
+}
+
+bool VKTObject::decode(vkt_u8* p, vkt_size size, VKTFilter* structFilter) {
+  if (size < HEADER_SIZE) return false;
+  if (std::memcmp(p, MAGIC_NUMBER, MAGIC_NUMBER_LENGTH) != 0) return false;
+  const vkt_u32 version = read_16bit_unsigned(p + HEADER_OFST_VERSION);
+  if (version != 3 && version != 4) return false;
+
+  // Cleared whatever comes next, so that the filter runs once per image
+  // however often decode is called.
+  const vkt_u8 flags = p[HEADER_OFST_FLAGS];
+  p[HEADER_OFST_FLAGS] = vkt_u8(flags & ~FLAGS_FILTER_BITS);
+
+  if (structFilter != nullptr && (flags & VKT_FLAGS_FILTER_HEADER)) {
+    filter_header(structFilter, p, version);
+  }
+  if (header_checksum(p, version) != header_field(p, HEADER_OFST_CHECKSUM)) {
+    return false;
+  }
+  if (structFilter == nullptr || !(flags & VKT_FLAGS_FILTER_INFO)) return true;
+
+  const vkt_u32 begin = header_field(p, HEADER_OFST_KEY_OFFSET_ARRAY);
+  const vkt_u32 end =
+      header_field(p, version > 3 ? HEADER_OFST_BSTREAM_OFFSET_ARRAY
+                                  : HEADER_OFST_STREAM_OFFSET_ARRAY);
+  if (end > size || begin > end) return false;
+  structFilter->Filter(p + begin, end - begin);
+  return true;
+}
+
+// ---------------------------------------------------------------------------
+// Strings, streams and bstreams: a tag indexes the offset and size arrays of
+// its table. Stream payloads may be gone (purged) or in the source only.
+// ---------------------------------------------------------------------------
+
+namespace {
+
+vkt_u32 array_element(const vkt_u8* array, vkt_u32 index) {
+  unsigned_array a;
+  setup_unsigned_array(&a, array);
+  return get_unsigned_array(&a, index);
+}
+
+}  // namespace
+
+const char* VKTObject::getString(vkt_u32 stringTag) const {
+  unsigned_array a;
+  setup_unsigned_array(&a, mStringOffsetArray);
+  // An image without strings has no string 0 for a non-string value to name.
+  if (stringTag >= a.valueNum) return "";
+  return reinterpret_cast<const char*>(mStringEntity) +
+         get_unsigned_array(&a, stringTag);
+}
+
+const vkt_u8* VKTObject::getStream(vkt_u32 streamTag) const {
+  if (mStreamEntity == nullptr) return nullptr;
+  return mStreamEntity + array_element(mStreamOffsetArray, streamTag);
+}
+
+const vkt_u8* VKTObject::getBStream(vkt_u32 streamTag) const {
+  if (mBStreamEntity == nullptr) return nullptr;
+  return mBStreamEntity + array_element(mBStreamOffsetArray, streamTag);
+}
+
+vkt_u32 VKTObject::streamSize(vkt_u32 streamTag) const {
+  return array_element(mStreamSizeArray, streamTag);
+}
+
+vkt_u32 VKTObject::bstreamSize(vkt_u32 streamTag) const {
+  if (mBStreamSizeArray == nullptr) return 0;
+  return array_element(mBStreamSizeArray, streamTag);
+}
+
+VKTReadStream* VKTObject::buildStreamReader(vkt_u32 streamTag) const {
+  const vkt_u32 size = array_element(mStreamSizeArray, streamTag);
+  const vkt_u32 offset = array_element(mStreamOffsetArray, streamTag);
+  if (mReader != nullptr) {
+    return new VKTReadStreamWindow(mReader, mStreamOffset + offset, size);
+  }
+  if (mStreamEntity != nullptr) {
+    return new VKTMemoryReadStream(mStreamEntity + offset, size);
+  }
+  return nullptr;
+}
+
+VKTReadStream* VKTObject::buildBStreamReader(vkt_u32 streamTag) const {
+  if (mBStreamSizeArray == nullptr) return nullptr;
+  const vkt_u32 size = array_element(mBStreamSizeArray, streamTag);
+  const vkt_u32 offset = array_element(mBStreamOffsetArray, streamTag);
+  if (mReader != nullptr) {
+    // Read from the source like a stream, although the bytes are in memory.
+    return new VKTReadStreamWindow(
+        mReader, vkt_offset(mBStreamEntity - mImage) + offset, size);
+  }
+  if (mBStreamEntity != nullptr) {
+    return new VKTMemoryReadStream(mBStreamEntity + offset, size);
+  }
+  return nullptr;
+}

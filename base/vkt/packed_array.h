@@ -1,0 +1,111 @@
+// Packed unsigned arrays: the image's one form of a list of numbers.
+//
+//   count id | count (count id - 12 bytes) | width id | n x width bytes
+//
+// The ids are ID_UNSIGNED8..ID_UNSIGNED32 (13..16); a width is the id minus
+// 12. The count's width follows the count alone and the elements' width the
+// largest element alone, so the same list always gives the same bytes. No
+// padding; readers index an array in place and allocate nothing.
+//
+//   (no values)  0D 00 0D
+//   0, 1, 300    0D 03 0E 00 00 01 00 2C 01
+#ifndef VKT_PACKED_ARRAY_H_
+#define VKT_PACKED_ARRAY_H_
+
+#include <algorithm>
+
+#include "vkt/format.h"
+
+// The reader's view of one array, made on the stack; points into the image.
+struct unsigned_array {
+  vkt_u32 size;       // whole encoded size in bytes
+  vkt_u32 valueNum;   // number of elements
+  vkt_u32 valueSize;  // width of one element, 1 to 4
+  const vkt_u8* values;
+};
+
+// Bytes that the id of an unsigned number adds to its payload width.
+const vkt_u32 UNSIGNED_ID_BIAS = ID_UNSIGNED8 - 1;
+
+static inline void setup_unsigned_array(unsigned_array* a, const vkt_u8* p) {
+  // Count field with its id: 2 to 5 bytes, known from the id alone.
+  const vkt_u32 valueNumSize = vkt_u32(p[0]) - (UNSIGNED_ID_BIAS - 1);
+  a->valueNum = parse_unsigned(p);
+  a->valueSize = vkt_u32(p[valueNumSize]) - UNSIGNED_ID_BIAS;
+  a->values = p + valueNumSize + 1;
+  a->size = valueNumSize + 1 + a->valueNum * a->valueSize;
+}
+
+static inline vkt_u32 get_unsigned_array(const unsigned_array* a,
+                                         vkt_u32 index) {
+  switch (a->valueSize) {
+    case 1:
+      return a->values[index];
+    case 2:
+      return read_16bit_unsigned(a->values + index * 2);
+    case 3:
+      return read_24bit_unsigned(a->values + index * 3);
+    case 4:
+      return read_32bit_unsigned(a->values + index * 4);
+    default:
+      return 0;
+  }
+}
+
+// Width in bytes of the smallest unsigned form that holds `value`.
+static inline vkt_u32 unsigned_width(vkt_u32 value) {
+  return value < (1u << 8)    ? 1
+         : value < (1u << 16) ? 2
+         : value < (1u << 24) ? 3
+                              : 4;
+}
+
+static inline vkt_u32 max_of(const std::vector<vkt_u32>& values) {
+  return values.empty() ? 0 : *std::max_element(values.begin(), values.end());
+}
+
+static inline vkt_u32 unsigned_array_size(const std::vector<vkt_u32>& values) {
+  vkt_u8 buf[SCALAR_BUFFER_SIZE];
+  generate_unsigned(buf, vkt_u32(values.size()), ID_UNSIGNED8);
+  return get_value_size(buf) + 1 +
+         vkt_u32(values.size()) * unsigned_width(max_of(values));
+}
+
+// The caller provides unsigned_array_size(values) bytes at p.
+static inline void generate_unsigned_array(vkt_u8* p,
+                                           const std::vector<vkt_u32>& values) {
+  const vkt_u32 valueSize = unsigned_width(max_of(values));
+  generate_unsigned(p, vkt_u32(values.size()), ID_UNSIGNED8);
+  p += get_value_size(p);
+  *p++ = vkt_u8(valueSize + UNSIGNED_ID_BIAS);
+  switch (valueSize) {
+    case 1:
+      for (vkt_u32 v : values) p = write_8bit_unsigned(p, v);
+      break;
+    case 2:
+      for (vkt_u32 v : values) p = write_16bit_unsigned(p, v);
+      break;
+    case 3:
+      for (vkt_u32 v : values) p = write_24bit_unsigned(p, v);
+      break;
+    default:
+      for (vkt_u32 v : values) p = write_32bit_unsigned(p, v);
+      break;
+  }
+}
+
+static inline void concat_unsigned_array(vkt_binary& image,
+                                         const std::vector<vkt_u32>& values) {
+  const size_t old = image.size();
+  image.resize(old + unsigned_array_size(values));
+  generate_unsigned_array(image.data() + old, values);
+}
+
+static inline vkt_binary create_unsigned_array(
+    const std::vector<vkt_u32>& values) {
+  vkt_binary image;
+  concat_unsigned_array(image, values);
+  return image;
+}
+
+#endif  // VKT_PACKED_ARRAY_H_

@@ -1,0 +1,206 @@
+// VKTValue: the public kind of a value, the conversion matrix of the scalar
+// accessors, strings and stream payloads reached through their tags, and the
+// identity of a view.
+//
+// A view is trusted: nothing here tests that a pointer lies in the image. The
+// null view (no object) answers like an ID_NULL value, at the price of one
+// test of mObj.
+#include <cmath>  // ldexp
+#include <functional>
+#include <limits>
+
+#include "vkt/format.h"
+
+namespace {
+
+// Internal kind to public kind, indexed by TYPE_*; the 0 of a non-id byte,
+// unsigned numbers and key tags read as null.
+const vkt_type sPublicTypeTable[] = {
+    VKT_TYPE_NULL,     // (none)
+    VKT_TYPE_NULL,     // TYPE_NULL
+    VKT_TYPE_BOOL,     // TYPE_BOOL
+    VKT_TYPE_INTEGER,  // TYPE_INTEGER
+    VKT_TYPE_INTEGER,  // TYPE_LONG_INTEGER
+    VKT_TYPE_NULL,     // TYPE_UNSIGNED
+    VKT_TYPE_NULL,     // TYPE_KEY
+    VKT_TYPE_STRING,   // TYPE_STRING
+    VKT_TYPE_STREAM,   // TYPE_STREAM
+    VKT_TYPE_STREAM,   // TYPE_BSTREAM
+    VKT_TYPE_FLOAT,    // TYPE_SINGLE
+    VKT_TYPE_FLOAT,    // TYPE_DOUBLE
+    VKT_TYPE_ARRAY,    // TYPE_ARRAY
+    VKT_TYPE_OBJECT,   // TYPE_OBJECT
+};
+static_assert(sizeof(sPublicTypeTable) / sizeof(sPublicTypeTable[0]) ==
+                  TYPE_MAX,
+              "one public kind per internal kind");
+
+// Truncation toward zero that saturates at the target's limits, with 0 for a
+// NaN: a float outside the range of Int has no defined conversion.
+template <typename Int, typename Float>
+Int saturate_to(Float f) {
+  if (f != f) return 0;
+  const Float limit = std::ldexp(Float(1), std::numeric_limits<Int>::digits);
+  if (f >= limit) return std::numeric_limits<Int>::max();
+  if (f < -limit) return std::numeric_limits<Int>::min();
+  return static_cast<Int>(f);
+}
+
+}  // namespace
+
+vkt_type VKTValue::type() const {
+  if (mObj == nullptr) return VKT_TYPE_NULL;
+  return sPublicTypeTable[identify_value(mPtr)];
+}
+
+bool VKTValue::asBool() const {
+  if (mObj == nullptr) return false;
+  switch (identify_value(mPtr)) {
+    case TYPE_BOOL:
+      return parse_bool(mPtr);
+    case TYPE_INTEGER:
+      return parse_integer(mPtr) != 0;
+    case TYPE_LONG_INTEGER:
+      return parse_long_integer(mPtr) != 0;
+    case TYPE_SINGLE:
+      return parse_single(mPtr) != 0.0f;  // unordered: a NaN is true
+    case TYPE_DOUBLE:
+      return parse_double(mPtr) != 0.0;
+    default:
+      return false;
+  }
+}
+
+vkt_s32 VKTValue::asInt() const {
+  if (mObj == nullptr) return 0;
+  switch (identify_value(mPtr)) {
+    case TYPE_BOOL:
+      return parse_bool(mPtr) ? 1 : 0;
+    case TYPE_INTEGER:
+      return parse_integer(mPtr);
+    case TYPE_LONG_INTEGER:  // the low 32 bits
+      return vkt_s32(vkt_u32(vkt_u64(parse_long_integer(mPtr))));
+    case TYPE_SINGLE:
+      return saturate_to<vkt_s32>(parse_single(mPtr));
+    case TYPE_DOUBLE:
+      return saturate_to<vkt_s32>(parse_double(mPtr));
+    default:
+      return 0;
+  }
+}
+
+vkt_s64 VKTValue::asLongInt() const {
+  if (mObj == nullptr) return 0;
+  switch (identify_value(mPtr)) {
+    case TYPE_BOOL:
+      return parse_bool(mPtr) ? 1 : 0;
+    case TYPE_INTEGER:
+      return parse_integer(mPtr);
+    case TYPE_LONG_INTEGER:
+      return parse_long_integer(mPtr);
+    case TYPE_SINGLE:
+      return saturate_to<vkt_s64>(parse_single(mPtr));
+    case TYPE_DOUBLE:
+      return saturate_to<vkt_s64>(parse_double(mPtr));
+    default:
+      return 0;
+  }
+}
+
+float VKTValue::asFloat() const {
+  if (mObj == nullptr) return 0.0f;
+  switch (identify_value(mPtr)) {
+    case TYPE_BOOL:
+      return parse_bool(mPtr) ? 1.0f : 0.0f;
+    case TYPE_INTEGER:
+      return float(parse_integer(mPtr));
+    case TYPE_LONG_INTEGER:  // straight from 64 bits, one rounding
+      return float(parse_long_integer(mPtr));
+    case TYPE_SINGLE:
+      return parse_single(mPtr);
+    case TYPE_DOUBLE:
+      return float(parse_double(mPtr));
+    default:
+      return 0.0f;
+  }
+}
+
+double VKTValue::asDouble() const {
+  if (mObj == nullptr) return 0.0;
+  switch (identify_value(mPtr)) {
+    case TYPE_BOOL:
+      return parse_bool(mPtr) ? 1.0 : 0.0;
+    case TYPE_INTEGER:
+      return double(parse_integer(mPtr));
+    case TYPE_LONG_INTEGER:
+      return double(parse_long_integer(mPtr));
+    case TYPE_SINGLE:
+      return double(parse_single(mPtr));
+    case TYPE_DOUBLE:
+      return parse_double(mPtr);
+    default:
+      return 0.0;
+  }
+}
+
+const char* VKTValue::asString() const {
+  if (mObj == nullptr) return "";
+  return mObj->getString(parse_string(mPtr));
+}
+
+const vkt_u8* VKTValue::asStream() const {
+  if (mObj == nullptr) return nullptr;
+  switch (identify_value(mPtr)) {
+    case TYPE_STREAM:
+      return mObj->getStream(parse_stream(mPtr));
+    case TYPE_BSTREAM:
+      return mObj->getBStream(parse_bstream(mPtr));
+    default:
+      return nullptr;
+  }
+}
+
+vkt_u32 VKTValue::streamSize() const {
+  if (mObj == nullptr) return 0;
+  switch (identify_value(mPtr)) {
+    case TYPE_STREAM:
+      return mObj->streamSize(parse_stream(mPtr));
+    case TYPE_BSTREAM:
+      return mObj->bstreamSize(parse_bstream(mPtr));
+    default:
+      return 0;
+  }
+}
+
+VKTReadStream* VKTValue::buildStreamReader() const {
+  if (mObj == nullptr) return nullptr;
+  switch (identify_value(mPtr)) {
+    case TYPE_STREAM:
+      return mObj->buildStreamReader(parse_stream(mPtr));
+    case TYPE_BSTREAM:
+      return mObj->buildBStreamReader(parse_bstream(mPtr));
+    default:
+      return nullptr;
+  }
+}
+
+VKTValue VKTValue::root() const {
+  return mObj == nullptr ? VKTValue() : mObj->root();
+}
+
+bool VKTValue::operator<(const VKTValue& r) const {
+  // std::less orders unrelated pointers too, as plain addresses.
+  if (mObj != r.mObj) return std::less<const VKTObject*>()(mObj, r.mObj);
+  return std::less<const vkt_u8*>()(mPtr, r.mPtr);
+}
+
+size_t VKTValue::getHash() const {
+  return std::hash<const VKTObject*>()(mObj) + std::hash<const vkt_u8*>()(mPtr);
+}
+
+vkt_endian vkt_get_local_endian() {
+  const vkt_u32 key = 0x12345678;
+  vkt_u8 storage[sizeof(key)];
+  std::memcpy(storage, &key, sizeof(key));
+  return storage[0] == 0x78 ? VKT_ENDIAN_LITTLE : VKT_ENDIAN_BIG;
+}

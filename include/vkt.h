@@ -1,0 +1,606 @@
+// vkt: a tree of typed values stored as one self-contained image, read in
+// place.
+//
+// A program builds a tree of VKTWriterValue nodes and turns it into an image
+// with VKTWriterObject. Another program opens the image's bytes with
+// VKTObject and walks it through VKTValue views that point into those bytes:
+// opening copies the header and nothing else, and a value is parsed only when
+// it is asked for.
+//
+// The library has no global state, no threads and no output of its own. It
+// throws nothing: a failed lookup answers false or a null view, missing
+// stream data answers null, and VKTObject::decode answers false on a bad
+// image. Everything else trusts its input; run decode before opening bytes
+// that you did not write yourself.
+#ifndef VKT_VKT_H_
+#define VKT_VKT_H_
+
+#include <cstddef>
+#include <list>
+#include <map>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "vkttypes.h"
+
+// A growable run of bytes: an image, or a payload.
+typedef std::vector<vkt_u8> vkt_binary;
+// Member names, as VKTValue::getMemberNames fills them.
+typedef std::vector<std::string> vkt_members;
+
+// The kind of a value, as VKTValue::type answers it.
+enum vkt_type {
+  VKT_TYPE_NULL = 0,
+  VKT_TYPE_BOOL = 1,
+  VKT_TYPE_INTEGER = 2,
+  VKT_TYPE_FLOAT = 3,
+  VKT_TYPE_STRING = 4,
+  VKT_TYPE_STREAM = 5,
+  VKT_TYPE_ARRAY = 6,
+  VKT_TYPE_OBJECT = 7,
+};
+
+// Who owns a buffer handed to VKTObject or VKTWriterValue::setStream.
+//
+// VKTObject(ptr, size, mode, filter):
+//   DUPLICATE    the object copies all bytes; the caller's buffer is free
+//                again once the constructor returns.
+//   REFER        the object reads the caller's buffer in place; it must
+//                outlive the object. An info filter writes into it.
+//   OWN          the object takes the buffer, which must come from new[],
+//                and releases it with delete[]. An info filter writes into it.
+//   PURGE        as OWN, but the front part (everything in front of the stream
+//                entity) is copied, so the stream payloads can be released on
+//                their own by purgeStreamEntity. The caller's bytes are not
+//                written.
+//   PURGE_REFER  the front part is copied; stream payloads are read from the
+//                caller's buffer, which must outlive every use of stream data.
+//                It is never written and never released.
+enum vkt_alloc_type {
+  VKT_ALLOC_DUPLICATE = 0,
+  VKT_ALLOC_REFER = 1,
+  VKT_ALLOC_OWN = 2,
+  VKT_ALLOC_PURGE = 3,
+  VKT_ALLOC_PURGE_REFER = 4,
+};
+
+// What the offset of VKTReadStream::Seek counts from.
+enum vkt_origin {
+  VKT_ORIGIN_SET = 0,
+  VKT_ORIGIN_CUR = 1,
+  VKT_ORIGIN_END = 2,
+};
+
+// Byte order. An image is little-endian whatever this says: the writer only
+// marks the order it was told in the image's flags (VKT_FLAGS_ENDIAN_BIG).
+enum vkt_endian {
+  VKT_ENDIAN_LITTLE = 0,
+  VKT_ENDIAN_BIG = 1,
+};
+
+// Flags of VKTWriterValue::setStream.
+enum vkt_stream_flags {
+  // The payload is a bstream: it is stored in the front part of the image and
+  // stays in memory when the stream entity is cut off or purged.
+  VKT_STREAM_FLAG_BOUND = 1,
+};
+
+// Bits of the image's flags word, as passed to VKTWriterObject::writeImage.
+// Bits 3 to 15 are stored as given and carry no meaning.
+const vkt_u32 VKT_FLAGS_FILTER_HEADER = 1;  // header offsets are scrambled
+const vkt_u32 VKT_FLAGS_FILTER_INFO = 2;    // keys, root, strings scrambled
+const vkt_u32 VKT_FLAGS_FILTER_MASK = 2;    // kept for its historic value
+const vkt_u32 VKT_FLAGS_ENDIAN_SHIFT = 2;
+const vkt_u32 VKT_FLAGS_ENDIAN_LITTLE = 0;
+const vkt_u32 VKT_FLAGS_ENDIAN_BIG = 1 << VKT_FLAGS_ENDIAN_SHIFT;
+const vkt_u32 VKT_FLAGS_ENDIAN_MASK = 1 << VKT_FLAGS_ENDIAN_SHIFT;
+
+class VKTObject;
+class VKTWriterObject;
+class VKTWriterValue;
+class VKTTestAccess;  // defined by the library's own tests only
+
+// Scrambles or unscrambles bytes in place; one operation serves both ways.
+// The writer and every reader call it on the same bytes in the same order
+// (header range, second header range, then the structural sections in file
+// order), and a reader may cover in one call what the writer did in several.
+// A stateful filter must therefore give the same result however the byte
+// sequence is cut into calls, and each side must start with a fresh one.
+// The library never keeps a pointer to a filter after the call that took it.
+class VKTFilter {
+ public:
+  virtual ~VKTFilter() {}
+  virtual void Filter(vkt_u8* ptr, vkt_size size) = 0;
+};
+
+// A byte source with a position. A program implements it to hand the library
+// data that is not in memory: an image to open or a payload to store.
+//
+// Requirements: Read delivers from the current position, moves it by what it
+// delivered and answers 0 only at the end; Seek(offset, VKT_ORIGIN_SET) works,
+// also back to 0; Size is right whatever the position.
+class VKTReadStream {
+ public:
+  virtual ~VKTReadStream() {}
+  // Total number of bytes of the source.
+  virtual vkt_size Size() const = 0;
+  // Copies at most `size` bytes into `image`; answers how many, 0 at the end.
+  virtual vkt_size Read(vkt_u8* image, vkt_size size) = 0;
+  // Moves the position (32-bit arithmetic, wrapping) and answers it.
+  virtual vkt_offset Seek(vkt_offset offset, vkt_origin origin) = 0;
+  // The current position.
+  vkt_offset Tell() { return Seek(0, VKT_ORIGIN_CUR); }
+};
+
+// An append-only byte sink that knows how many bytes it has taken.
+// VKTWriterObject::writeImage computes all padding from Offset, so a sink
+// handed to it must stand at 0 when the image begins.
+//
+// A derived class that overrides Write hides the two convenience overloads
+// below; add `using VKTWriteStream::Write;` to keep them.
+class VKTWriteStream {
+ public:
+  virtual ~VKTWriteStream() {}
+  // Bytes taken so far: where the next byte will lie.
+  virtual vkt_u32 Offset() const = 0;
+  // Takes `size` bytes. There is no way to refuse them.
+  virtual void Write(const vkt_u8* catImage, vkt_u32 size) = 0;
+
+  // Writes the vector; an empty one makes no call of the virtual Write.
+  void Write(const vkt_binary& image);
+  // Seeks `reader` to 0 and copies it through an 8 KiB buffer until its Read
+  // answers 0. A null reader writes nothing. The reader stays the caller's.
+  void Write(VKTReadStream* reader);
+};
+
+// A view of one value in an opened image: two pointers, copied freely, owning
+// nothing. It stays valid while its VKTObject lives and the bytes it points at
+// stay in memory. The default view is the null view; a missed lookup gives it.
+//
+// Views only read. Any number of threads may use views of one image at once,
+// except for lookups that pass a hint while the object's key cache is enabled
+// (see VKTObject::setKeyHashEnabled).
+//
+// Kinds: the scalar accessors convert between bool, integer and float and give
+// false/0/0.0 for every other kind, and for the null view. Container
+// operations on a view that is no container, or on the null view, answer as for
+// an empty container: 0, the null view, false, no names.
+class VKTValue {
+ public:
+  VKTValue() : mObj(nullptr), mPtr(nullptr) {}
+
+  vkt_type type() const;
+
+  // Scalars. Integers narrowed by asInt keep their low 32 bits. A float or
+  // double is truncated toward zero and saturates at the target's limits; a
+  // NaN gives 0 (and true from asBool).
+  bool asBool() const;
+  vkt_s32 asInt() const;
+  vkt_s64 asLongInt() const;
+  float asFloat() const;
+  double asDouble() const;
+
+  // The string of a string value. On a value of another kind this is the
+  // image's first string, or "" when the image has none or the view is null.
+  // Valid while the VKTObject lives.
+  const char* asString() const;
+  // The payload of a stream or bstream value, or null when its bytes are not
+  // in memory (purged, or the image was opened through a VKTReadStream) or
+  // the value is no stream. A stream payload stays valid while its bytes do:
+  // until purgeStreamEntity in VKT_ALLOC_PURGE, else while the object (or,
+  // for REFER and PURGE_REFER, the caller's buffer) lives. A bstream payload
+  // stays valid while the object lives.
+  const vkt_u8* asStream() const;
+  // Size of the payload in bytes, also when the bytes are gone; 0 for a value
+  // that is no stream.
+  vkt_u32 streamSize() const;
+  // A new reader over the payload, or null when it is neither in memory nor
+  // in the source. The caller owns it, deletes it, and must do so before the
+  // bytes it reads go (before a purge, before the VKTObject dies).
+  VKTReadStream* buildStreamReader() const;
+
+  // Containers.
+  vkt_size size() const;
+  vkt_size count() const { return size(); }
+  // Element `index` of an array; the null view at or beyond size().
+  VKTValue operator[](vkt_u32 index) const { return at(index); }
+  // Any other integer type, so that v[0] or v[i] with an int or size_t index
+  // does not collide with the key form.
+  template <typename T,
+            typename std::enable_if<std::is_integral<T>::value, int>::type = 0>
+  VKTValue operator[](T index) const {
+    return at(static_cast<vkt_u32>(index));
+  }
+  VKTValue at(vkt_u32 index) const;
+
+  // Member of an object by name; the null view when it is missing. A member
+  // that holds null is found: its view has a non-null object().
+  VKTValue operator[](const char* key) const { return at(key, nullptr); }
+  VKTValue operator[](const std::string& key) const {
+    return at(key.c_str(), nullptr);
+  }
+  VKTValue at(const std::string& key) const { return at(key.c_str(), nullptr); }
+  // `hint`, when not null, takes part in the object's key cache: set it to 0
+  // once and pass the same variable with the same key every time. While the
+  // cache is enabled the cache keeps the `key` pointer, so the string must
+  // stay alive and unchanged until the cache is disabled or the object dies,
+  // and lookups with a hint on one object must not run concurrently with each
+  // other or with setKeyHashEnabled. Without a hint nothing of this applies.
+  VKTValue at(const char* key, vkt_u32* hint) const;
+
+  bool isMember(const std::string& key) const {
+    return isMember(key.c_str(), nullptr);
+  }
+  bool isMember(const char* key, vkt_u32* hint) const;
+  // True and *value set when `key` is a member; false and *value untouched
+  // otherwise. `value` must not be null. `hint` as for at.
+  bool findMember(const std::string& key, VKTValue* value) const {
+    return findMember(key.c_str(), value, nullptr);
+  }
+  bool findMember(const char* key, VKTValue* value, vkt_u32* hint) const;
+  // Clears *result and fills it with the member names in stored order, which
+  // is ascending byte order for images of this library's writer.
+  void getMemberNames(vkt_members* result) const;
+
+  // The root of the same image; the null view for a null view.
+  VKTValue root() const;
+  // The image this view belongs to; null for the null view.
+  const VKTObject* object() const { return mObj; }
+
+  // Identity, not content: views are equal when they point at the same bytes
+  // of the same object. Elements that share one encoding compare equal.
+  bool operator==(const VKTValue& r) const {
+    return mObj == r.mObj && mPtr == r.mPtr;
+  }
+  bool operator!=(const VKTValue& r) const { return !(*this == r); }
+  bool operator<(const VKTValue& r) const;
+  size_t getHash() const;
+
+ private:
+  friend class VKTObject;
+  friend class VKTTestAccess;
+  VKTValue(const VKTObject* obj, const vkt_u8* ptr) : mObj(obj), mPtr(ptr) {}
+
+  const VKTObject* mObj;
+  const vkt_u8* mPtr;
+};
+
+// An opened image.
+//
+// The constructors validate nothing: the bytes must be a whole image, opened
+// with the filter if its flags ask for one. Run decode first on bytes that you
+// do not trust; it answers false on a bad header.
+//
+// Ownership: see vkt_alloc_type. The header copy is always the object's own.
+// A VKTObject owns memory and is not copied.
+//
+// Threads: any number of threads may read one object at once, except for
+// lookups with a hint while the key cache is enabled, and setKeyHashEnabled.
+class VKTObject {
+ public:
+  // Copies the image (VKT_ALLOC_DUPLICATE). `structFilter` may be null; it is
+  // not kept.
+  explicit VKTObject(const vkt_binary& image,
+                     VKTFilter* structFilter = nullptr);
+  // Opens `size` bytes at `ptr` in the given ownership mode. In VKT_ALLOC_REFER
+  // and VKT_ALLOC_OWN an info filter unscrambles the buffer in place while its
+  // header stays scrambled: do not open such a buffer a second time with a
+  // filter (decode it first instead).
+  VKTObject(const vkt_u8* ptr, vkt_u32 size, vkt_alloc_type allocType,
+            VKTFilter* structFilter = nullptr);
+  // Opens an image through `reader`, which must stand at the image's first
+  // byte. Only the front part comes into memory; stream payloads are read
+  // through windows on the reader. The object takes ownership of `reader` and
+  // deletes it; a program must neither delete it nor rely on its position.
+  explicit VKTObject(VKTReadStream* reader, VKTFilter* structFilter = nullptr);
+  virtual ~VKTObject();
+
+  VKTObject(const VKTObject&) = delete;
+  VKTObject& operator=(const VKTObject&) = delete;
+
+  // Validates the header of the image at `p` and makes the image plain in
+  // place: unscrambles it with `structFilter` and clears the filter bits of
+  // its flags. Answers false for fewer than 56 bytes, a wrong magic, a version
+  // other than 3 or 4, a checksum mismatch or an info range beyond `size`.
+  // Once a call has cleared the bits, later calls run no filter.
+  static bool decode(vkt_u8* p, vkt_size size,
+                     VKTFilter* structFilter = nullptr);
+  static bool decode(vkt_binary& image, VKTFilter* structFilter = nullptr);
+
+  VKTValue root() const { return VKTValue(this, mRootValuePtr); }
+
+  // Moves a VKT_ALLOC_DUPLICATE or VKT_ALLOC_OWN object to VKT_ALLOC_PURGE:
+  // the front part is copied, so that purgeStreamEntity can release the
+  // stream payloads. Views taken before the call die with the old bytes.
+  // Does nothing in any other mode.
+  void preparePurge();
+  // In VKT_ALLOC_PURGE, releases the buffer holding the stream payloads;
+  // asStream and buildStreamReader on streams answer null from then on.
+  // Does nothing in any other mode or a second time.
+  void purgeStreamEntity();
+  // True when the stream entity is not in memory: after a purge, and always
+  // for an image opened through a VKTReadStream.
+  bool isPurged() const { return mStreamEntity == nullptr; }
+
+  vkt_u32 version() const { return mVersion; }
+  vkt_endian endian() const {
+    return static_cast<vkt_endian>((mFlags >> VKT_FLAGS_ENDIAN_SHIFT) & 1);
+  }
+  // The whole image's size, also when only its front part is in memory.
+  vkt_size size() const { return mImageSize; }
+  // The bytes in memory: the front part only in the purge modes and for an
+  // image opened through a VKTReadStream. Header bytes are as stored.
+  const vkt_u8* image() const { return mImage; }
+  // Bytes of the stream entity: the payloads and the padding between them.
+  vkt_u32 totalStreamEntitySize() const { return mTotalStreamEntitySize; }
+
+  // Turns the key cache on or off. With it on, lookups that pass a hint
+  // remember each key's verdict, so a repeated lookup skips the trie walk.
+  // Turning it on again keeps the entries; turning it off frees them. See
+  // VKTValue::at for what a caller takes on by passing hints.
+  void setKeyHashEnabled(bool state);
+
+ private:
+  friend class VKTValue;
+  friend class VKTTestAccess;
+
+  struct KeyHashEntry {
+    const char* key;  // the caller's pointer; the string is not copied
+    vkt_u32 value;    // key tag, or FALSE_HASH for an absent key
+  };
+  typedef std::list<KeyHashEntry> key_hash_entry_list;
+
+  void loadHeader(const vkt_u8* header, VKTFilter* structFilter);
+  void init(VKTFilter* structFilter);
+  void decodeInfo();
+  void filterInfo(VKTFilter* structFilter);
+  void releaseStreamBuffer();
+
+  bool findKey(const char* key, vkt_u32* result, vkt_u32* hint) const;
+  std::string getKey(vkt_u32 keyTag) const;
+  vkt_u32 calcKeyHash(const char* key, vkt_u32* hint) const;
+  bool findKeyTagFromHashTable(const char* key, vkt_u32* keyTag, bool* success,
+                               vkt_u32* hint) const;
+  void registerKeyTagToHashTable(const char* key, vkt_u32 keyTag, bool success,
+                                 vkt_u32* hint) const;
+
+  const char* getString(vkt_u32 stringTag) const;
+  const vkt_u8* getStream(vkt_u32 streamTag) const;
+  const vkt_u8* getBStream(vkt_u32 streamTag) const;
+  vkt_u32 streamSize(vkt_u32 streamTag) const;
+  vkt_u32 bstreamSize(vkt_u32 streamTag) const;
+  VKTReadStream* buildStreamReader(vkt_u32 streamTag) const;
+  VKTReadStream* buildBStreamReader(vkt_u32 streamTag) const;
+
+  VKTReadStream* mReader = nullptr;  // owned; stream-backed images only
+  vkt_offset mStreamOffset = 0;      // stream entity's offset in mReader
+  const vkt_u8* mImage = nullptr;
+  vkt_u8* mHeader = nullptr;  // owned, plain copy of the header
+  vkt_u32 mImageSize = 0;
+  vkt_alloc_type mAllocType = VKT_ALLOC_DUPLICATE;
+  vkt_u32 mVersion = 0;
+  vkt_u32 mFlags = 0;
+  const vkt_u8* mKeyOffsetArray = nullptr;
+  const vkt_u8* mKeyEntity = nullptr;
+  const vkt_u8* mStringOffsetArray = nullptr;
+  const vkt_u8* mStringEntity = nullptr;
+  const vkt_u8* mStreamOffsetArray = nullptr;
+  const vkt_u8* mStreamSizeArray = nullptr;
+  const vkt_u8* mStreamEntity = nullptr;
+  const vkt_u8* mBStreamOffsetArray = nullptr;
+  const vkt_u8* mBStreamSizeArray = nullptr;
+  const vkt_u8* mBStreamEntity = nullptr;
+  const vkt_u8* mRootValuePtr = nullptr;
+  const vkt_u8* mFilteredInfoBegin = nullptr;
+  const vkt_u8* mFilteredInfoEnd = nullptr;
+  vkt_u32 mTotalStreamEntitySize = 0;
+  // Empty while the key cache is off; one chain per hash while it is on.
+  // Lookups with a hint change it although they are const.
+  mutable std::vector<key_hash_entry_list> mKeyHashTable;
+};
+
+// Turns a VKTWriterValue tree into an image. One object can write any number
+// of images, one after the other; setOptimize and setEndian stay in force.
+// While an image is being written the tree must not change. Not for use by
+// two threads at once.
+class VKTWriterObject {
+ public:
+  VKTWriterObject();
+
+  // The whole image in a new vector.
+  vkt_binary createImage(const VKTWriterValue& root,
+                         VKTFilter* structFilter = nullptr, vkt_u32 flags = 0);
+  // Writes the image to `writer`, which must stand at Offset 0. Stream
+  // payloads go from their source to `writer` without being held whole.
+  // `flags` combines VKT_FLAGS_*; the filter bits are dropped when
+  // `structFilter` is null. Readers in the tree are left at their end.
+  void writeImage(const VKTWriterValue& root, VKTWriteStream& writer,
+                  VKTFilter* structFilter = nullptr, vkt_u32 flags = 0);
+  // Share equal element images within each container (on by default).
+  void setOptimize(bool state) { mOptimize = state; }
+  // Marks the byte order in the flags and forces a version-4 image.
+  void setEndian(vkt_endian endian) {
+    mEndian = endian;
+    mEndianSet = true;
+  }
+
+ private:
+  friend class VKTWriterValue;
+  friend class VKTTestAccess;
+
+  // Describes one stream payload without owning it. The order decides both
+  // merging (equal entries are one payload) and the order in the image:
+  // alignment, then size, then bytes for memory, readers by address last.
+  struct StreamWrapper {
+    StreamWrapper(const vkt_u8* _ptr, vkt_u32 _size, vkt_u32 _alignment,
+                  VKTReadStream* _reader)
+        : ptr(_ptr), size(_size), alignment(_alignment), reader(_reader) {}
+    bool operator<(const StreamWrapper& r) const;
+
+    const vkt_u8* ptr;
+    vkt_u32 size;
+    vkt_u32 alignment;
+    VKTReadStream* reader;
+  };
+  // Keys and strings order as unsigned bytes, a prefix first.
+  typedef std::map<std::string, unsigned> string_table;
+  typedef std::map<StreamWrapper, unsigned> stream_table;
+
+  // Appends the double-array key table of the keys of `table` to *image.
+  static void createDAImage(const string_table& table, vkt_binary* image);
+
+  string_table mKeyTable;
+  string_table mStringTable;
+  stream_table mStreamTable;
+  stream_table mBStreamTable;
+  bool mOptimize;
+  vkt_endian mEndian;
+  bool mEndianSet;
+};
+
+// A node of a tree to be written.
+//
+// Scalars live in the node. Strings, streams, arrays and objects live in a
+// reference-counted payload block, and copying a node shares the block with
+// no copy on write: after `b = a`, `b.append(x)` or `b["k"] = 1` change what
+// `a` sees too, while `b.setInt(1)` only drops b's reference. Setters always
+// make a new block, so shared strings and streams behave like values.
+//
+// A tree and every node sharing a block with it belong to one thread at a
+// time. Walks recurse without a depth limit: never make a node hold itself.
+class VKTWriterValue {
+ public:
+  VKTWriterValue() : mType(kNullType) {}
+  VKTWriterValue(const VKTWriterValue& r) : mType(kNullType) { share(r); }
+  VKTWriterValue(VKTWriterValue&& r) noexcept;
+  ~VKTWriterValue() { clear(); }
+
+  // Shares r's block. Safe when r lies inside this node's own payload
+  // (`root = root["child"]`): r's block is held before the old one goes.
+  VKTWriterValue& operator=(const VKTWriterValue& r);
+
+  void setInt(vkt_s32 value);
+  // Stored as a long integer; written with the smallest width that holds it.
+  void setLongInt(vkt_s64 value);
+  void setFloat(float value);
+  void setDouble(double value);
+  void setBool(bool value);
+  // The node keeps its own copy; a NUL inside the string is kept.
+  void setString(const std::string& value);
+
+  // A stream payload from memory. With VKT_ALLOC_REFER (or size 0) the node
+  // keeps the pointer: the bytes must stay valid and unchanged until the last
+  // image using them is written. Every other mode copies the bytes now, and
+  // the caller keeps its memory (OWN does not take it over).
+  //
+  // `alignment` (0 and 1 mean none) places the payload at a multiple of it
+  // within its entity, and the entity at a multiple of the largest alignment
+  // of its table. When every alignment of a table divides the largest (as
+  // powers of two do), each payload is aligned from the image's first byte.
+  // Other alignments are honoured within the entity only; the stored offsets
+  // always point at the payloads.
+  //
+  // `flags` VKT_STREAM_FLAG_BOUND makes the payload a bstream.
+  void setStream(const vkt_u8* stream, vkt_u32 size, vkt_u32 alignment,
+                 vkt_alloc_type allocType, vkt_u32 flags = 0);
+  // A stream payload read from `reader` when the image is written, from
+  // position 0, as many times as the tree is written. The node owns the
+  // reader and deletes it when the last node sharing it goes. Not null.
+  void setStream(VKTReadStream* reader, vkt_u32 alignment, vkt_u32 flags = 0);
+
+  // Makes the node an empty array, unless it is one already.
+  void toArray();
+  // Appends a copy of ref (sharing its block).
+  void append(const VKTWriterValue& ref);
+  // Element `index`, growing the array with nulls up to it. The reference
+  // holds until the array grows again.
+  VKTWriterValue& operator[](vkt_u32 index);
+  template <typename T,
+            typename std::enable_if<std::is_integral<T>::value, int>::type = 0>
+  VKTWriterValue& operator[](T index) {
+    return (*this)[static_cast<vkt_u32>(index)];
+  }
+
+  // Makes the node an empty object, unless it is one already.
+  void toObject();
+  // Stores a copy of ref under key, replacing what was there.
+  void append(const std::string& key, const VKTWriterValue& ref);
+  // Member `key`, created as null if missing (so reading creates it). The
+  // reference holds while the member exists. Keys must not contain NUL.
+  VKTWriterValue& operator[](const std::string& key);
+  VKTWriterValue& operator[](const char* key);
+
+  void operator=(vkt_s32 value) { setInt(value); }
+  void operator=(vkt_s64 value) { setLongInt(value); }
+  void operator=(float value) { setFloat(value); }
+  void operator=(double value) { setDouble(value); }
+  void operator=(bool value) { setBool(value); }
+  void operator=(const char* value) { setString(std::string(value)); }
+  void operator=(const std::string& value) { setString(value); }
+  // Other integer types (unsigned, long long, size_t, char...): a value that
+  // a vkt_s32 holds is an integer, anything else a long integer (wrapping
+  // above the vkt_s64 range).
+  template <typename T,
+            typename std::enable_if<std::is_integral<T>::value &&
+                                        !std::is_same<T, bool>::value,
+                                    int>::type = 0>
+  void operator=(T value) {
+    if (std::is_signed<T>::value ? (sizeof(T) <= sizeof(vkt_s32))
+                                 : (sizeof(T) < sizeof(vkt_s32))) {
+      setInt(static_cast<vkt_s32>(value));
+    } else {
+      setLongInt(static_cast<vkt_s64>(value));
+    }
+  }
+
+ private:
+  friend class VKTWriterObject;
+  friend class VKTTestAccess;
+
+  static const vkt_u32 kNullType = 1;  // TYPE_NULL of the value encoding
+
+  struct StringInfo;
+  struct StreamInfo;
+  struct ArrayInfo;
+  struct ObjectInfo;
+
+  void clear();
+  // Adds a reference to r's block (if any) and takes r's type and payload;
+  // this node must be null.
+  void share(const VKTWriterValue& r);
+  void prepare(VKTWriterObject* object) const;
+  void createImage(VKTWriterObject* object, vkt_binary* image) const;
+  // The stream table entry of a stream node, and the table it belongs in.
+  VKTWriterObject::StreamWrapper streamWrapper() const;
+  VKTWriterObject::stream_table& streamTable(VKTWriterObject* object) const;
+
+  vkt_u32 mType;
+  union {
+    bool mBoolValue;
+    vkt_s32 mIntegerValue;
+    vkt_s64 mLongIntegerValue;
+    float mFloatValue;
+    double mDoubleValue;
+    StringInfo* mStringInfo;
+    StreamInfo* mStreamInfo;
+    ArrayInfo* mArrayInfo;
+    ObjectInfo* mObjectInfo;
+  };
+};
+
+// The byte order of the machine running the code.
+vkt_endian vkt_get_local_endian();
+
+// Writes and reads back a fixed tree that touches every value kind, in 20
+// configurations of streams, bstreams, filters and open modes. Prints nothing.
+void vkt_test();
+// The same, adding to *mismatches (when not null) the number of values that
+// did not read back as written: 0 on a sound build.
+void vkt_test(vkt_u32* mismatches);
+
+// Walks the bytes of a finished image. Prints nothing: a program that wants a
+// dump formats the bytes itself.
+void vkt_dump_image(const vkt_binary& image);
+
+#endif  // VKT_VKT_H_
