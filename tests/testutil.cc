@@ -1,0 +1,255 @@
+#include "testutil.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+
+#include "vkt/writer_blocks.h"
+
+vkt_binary hex(const std::string& text) {
+  vkt_binary out;
+  int nibbles = 0;
+  unsigned value = 0;
+  for (char c : text) {
+    int digit;
+    if (c >= '0' && c <= '9') {
+      digit = c - '0';
+    } else if (c >= 'a' && c <= 'f') {
+      digit = c - 'a' + 10;
+    } else if (c >= 'A' && c <= 'F') {
+      digit = c - 'A' + 10;
+    } else {
+      continue;
+    }
+    value = value << 4 | unsigned(digit);
+    if (++nibbles == 2) {
+      out.push_back(vkt_u8(value));
+      nibbles = 0;
+      value = 0;
+    }
+  }
+  return out;
+}
+
+std::string to_hex(const vkt_binary& bytes) {
+  std::string out;
+  char buf[4];
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    std::snprintf(buf, sizeof(buf), i ? " %02X" : "%02X", bytes[i]);
+    out += buf;
+  }
+  return out;
+}
+
+namespace {
+
+void append(vkt_binary* image, const vkt_binary& part) {
+  image->insert(image->end(), part.begin(), part.end());
+}
+
+void pad(vkt_binary* image, vkt_u32 alignment) {
+  while (alignment > 1 && image->size() % alignment != 0) image->push_back(0);
+}
+
+}  // namespace
+
+vkt_binary ImageParts::assemble() const {
+  const vkt_u32 headerSize = header_size_of_version(version);
+  vkt_binary image(headerSize, 0);
+  std::memcpy(image.data(), MAGIC_NUMBER, MAGIC_NUMBER_LENGTH);
+  write_16bit_unsigned(&image[HEADER_OFST_VERSION], version);
+  if (version >= 3) write_16bit_unsigned(&image[HEADER_OFST_FLAGS], flags);
+  auto field = [&](vkt_u32 f) {
+    write_32bit_unsigned(&image[f], vkt_u32(image.size()));
+  };
+  field(HEADER_OFST_KEY_OFFSET_ARRAY);
+  append(&image, keyOffsetArray);
+  field(HEADER_OFST_KEY_ENTITY);
+  append(&image, keyTable);
+  field(HEADER_OFST_ROOT_VALUE);
+  append(&image, root);
+  field(HEADER_OFST_STRING_OFFSET_ARRAY);
+  append(&image, stringOffsets);
+  field(HEADER_OFST_STRING_ENTITY);
+  append(&image, strings);
+  if (version > 3) {
+    field(HEADER_OFST_BSTREAM_OFFSET_ARRAY);
+    append(&image, bstreamOffsets);
+    field(HEADER_OFST_BSTREAM_SIZE_ARRAY);
+    append(&image, bstreamSizes);
+    pad(&image, bstreamAlignment);
+    field(HEADER_OFST_BSTREAM_ENTITY);
+    append(&image, bstreams);
+  }
+  field(HEADER_OFST_STREAM_OFFSET_ARRAY);
+  append(&image, streamOffsets);
+  field(HEADER_OFST_STREAM_SIZE_ARRAY);
+  append(&image, streamSizes);
+  pad(&image, streamAlignment);
+  field(HEADER_OFST_STREAM_ENTITY);
+  append(&image, streams);
+  if (version >= 3) fix_header_checksum(&image);
+  return image;
+}
+
+void fix_header_checksum(vkt_binary* image) {
+  const vkt_u32 version = read_16bit_unsigned(&(*image)[HEADER_OFST_VERSION]);
+  write_32bit_unsigned(&(*image)[HEADER_OFST_CHECKSUM],
+                       header_checksum(image->data(), version));
+}
+
+vkt_binary empty_key_table() { return hex("0D 01 0D 00 0D 01 0D 00 0D 00 0D"); }
+
+vkt_size RecordingReadStream::Size() const {
+  const_cast<RecordingReadStream*>(this)->calls += 'S';
+  return vkt_size(bytes.size());
+}
+
+vkt_size RecordingReadStream::Read(vkt_u8* image, vkt_size size) {
+  calls += 'R';
+  if (pos >= bytes.size()) return 0;
+  const vkt_size len = std::min<vkt_size>(size, vkt_size(bytes.size()) - pos);
+  std::memcpy(image, bytes.data() + pos, len);
+  pos += len;
+  return len;
+}
+
+vkt_offset RecordingReadStream::Seek(vkt_offset offset, vkt_origin origin) {
+  calls += 'K';
+  if (origin == VKT_ORIGIN_SET) pos = offset;
+  if (origin == VKT_ORIGIN_CUR) pos += offset;
+  if (origin == VKT_ORIGIN_END) pos = vkt_offset(bytes.size()) + offset;
+  return pos;
+}
+
+// ---------------------------------------------------------------------------
+// Allocation counting: the global operator new of the test binary counts
+// while a counter is alive. Each block carries its size in a header so that
+// live bytes can be tracked for peak measurements.
+// ---------------------------------------------------------------------------
+
+namespace {
+
+std::atomic<int> gCounting{0};
+std::atomic<size_t> gAllocations{0};
+std::atomic<size_t> gLive{0};
+std::atomic<size_t> gPeak{0};
+std::atomic<size_t> gBaseline{0};
+const size_t kHeader = alignof(std::max_align_t);
+
+void* counted_alloc(size_t size) {
+  void* raw = std::malloc(size + kHeader);
+  if (raw == nullptr) throw std::bad_alloc();
+  *static_cast<size_t*>(raw) = size;
+  const size_t live = gLive += size;
+  if (gCounting.load() > 0) {
+    ++gAllocations;
+    size_t peak = gPeak.load();
+    while (live > peak && !gPeak.compare_exchange_weak(peak, live)) {
+    }
+  }
+  return static_cast<char*>(raw) + kHeader;
+}
+
+void counted_free(void* p) {
+  if (p == nullptr) return;
+  void* raw = static_cast<char*>(p) - kHeader;
+  gLive -= *static_cast<size_t*>(raw);
+  std::free(raw);
+}
+
+}  // namespace
+
+void* operator new(size_t size) { return counted_alloc(size); }
+void* operator new[](size_t size) { return counted_alloc(size); }
+void operator delete(void* p) noexcept { counted_free(p); }
+void operator delete[](void* p) noexcept { counted_free(p); }
+void operator delete(void* p, size_t) noexcept { counted_free(p); }
+void operator delete[](void* p, size_t) noexcept { counted_free(p); }
+
+AllocationCounter::AllocationCounter() {
+  gAllocations = 0;
+  gBaseline = gLive.load();
+  gPeak = gLive.load();
+  ++gCounting;
+}
+AllocationCounter::~AllocationCounter() { --gCounting; }
+size_t AllocationCounter::count() const { return gAllocations.load(); }
+size_t AllocationCounter::peakBytes() const {
+  return gPeak.load() - gBaseline.load();
+}
+
+// ---------------------------------------------------------------------------
+// VKTTestAccess, writer side.
+// ---------------------------------------------------------------------------
+
+vkt_s32 VKTTestAccess::refCount(const VKTWriterValue& v) {
+  switch (v.mType) {
+    case TYPE_STRING:
+      return v.mStringInfo->mRefCount;
+    case TYPE_STREAM:
+      return v.mStreamInfo->mRefCount;
+    case TYPE_ARRAY:
+      return v.mArrayInfo->mRefCount;
+    case TYPE_OBJECT:
+      return v.mObjectInfo->mRefCount;
+    default:
+      return 0;
+  }
+}
+
+namespace {
+
+template <typename Table>
+void number(Table& table) {
+  unsigned index = 0;
+  for (auto& entry : table) entry.second = index++;
+}
+
+}  // namespace
+
+vkt_binary VKTTestAccess::valueImage(const VKTWriterValue& v, bool optimize) {
+  VKTWriterObject object;
+  object.setOptimize(optimize);
+  v.prepare(&object);
+  number(object.mKeyTable);
+  number(object.mStringTable);
+  number(object.mStreamTable);
+  number(object.mBStreamTable);
+  vkt_binary image;
+  v.createImage(&object, &image);
+  return image;
+}
+
+std::vector<std::pair<vkt_u32, vkt_u32>> VKTTestAccess::streamTable(
+    const VKTWriterValue& v, bool bound) {
+  VKTWriterObject object;
+  v.prepare(&object);
+  std::vector<std::pair<vkt_u32, vkt_u32>> out;
+  for (const auto& e : bound ? object.mBStreamTable : object.mStreamTable) {
+    out.emplace_back(e.first.alignment, e.first.size);
+  }
+  return out;
+}
+
+size_t VKTTestAccess::stringTableSize(const VKTWriterValue& v) {
+  VKTWriterObject object;
+  v.prepare(&object);
+  return object.mStringTable.size();
+}
+
+size_t VKTTestAccess::keyTableSize(const VKTWriterValue& v) {
+  VKTWriterObject object;
+  v.prepare(&object);
+  return object.mKeyTable.size();
+}
+
+vkt_binary VKTTestAccess::keyTableImage(const std::vector<std::string>& keys) {
+  VKTWriterObject::string_table table;
+  for (const std::string& k : keys) table.emplace(k, 0);
+  vkt_binary image;
+  VKTWriterObject::createDAImage(table, &image);
+  return image;
+}

@@ -1,0 +1,144 @@
+// Shared helpers of the tests: hex images, a header assembler for hand-built
+// images, checksum re-sealing, a filter that records its calls, an allocation
+// counter, and VKTTestAccess, the tests' window on the library's internals.
+#ifndef VKT_TESTS_TESTUTIL_H_
+#define VKT_TESTS_TESTUTIL_H_
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "vkt.h"
+#include "vkt/format.h"
+#include "vkt/packed_array.h"
+#include "vkt/streams.h"
+#include "vkt/test_filter.h"
+
+// Bytes from hex text; spaces and '|' separate groups and are ignored.
+vkt_binary hex(const std::string& text);
+// "0D 00 0D" form, for failure messages.
+std::string to_hex(const vkt_binary& bytes);
+
+// The sections of an image, in file order, as a hand-built test gives them.
+// assemble() lays them out as the writer would (no padding unless the
+// alignments ask for it), fills in the header and seals the checksum.
+struct ImageParts {
+  vkt_u32 version = 3;
+  vkt_u32 flags = 0;
+  vkt_binary keyOffsetArray;  // version 1 only: the sorted form's offsets
+  vkt_binary keyTable;        // double-array section, or v1 key entity
+  vkt_binary root = {ID_NULL};
+  vkt_binary stringOffsets = {0x0D, 0x00, 0x0D};
+  vkt_binary strings;
+  vkt_binary bstreamOffsets = {0x0D, 0x00, 0x0D};
+  vkt_binary bstreamSizes = {0x0D, 0x00, 0x0D};
+  vkt_u32 bstreamAlignment = 0;
+  vkt_binary bstreams;
+  vkt_binary streamOffsets = {0x0D, 0x00, 0x0D};
+  vkt_binary streamSizes = {0x0D, 0x00, 0x0D};
+  vkt_u32 streamAlignment = 0;
+  vkt_binary streams;
+
+  vkt_binary assemble() const;
+};
+
+// Recomputes the header checksum of a plain version-3 or -4 image.
+void fix_header_checksum(vkt_binary* image);
+
+// The empty double-array key table: base 0, check 0, no tail.
+vkt_binary empty_key_table();
+
+// A filter that XORs a running counter, like the self-check's, and records
+// the size of each call.
+class RecordingFilter : public VKTFilter {
+ public:
+  void Filter(vkt_u8* ptr, vkt_size size) override {
+    sizes.push_back(size);
+    for (vkt_size i = 0; i < size; ++i) ptr[i] ^= count++;
+  }
+  std::vector<vkt_size> sizes;
+
+ private:
+  vkt_u8 count = 0;
+};
+
+// A read stream over a copy of some bytes that records the calls made on it
+// and whether it was destroyed.
+class RecordingReadStream : public VKTReadStream {
+ public:
+  explicit RecordingReadStream(vkt_binary bytes, bool* destroyed = nullptr)
+      : bytes(std::move(bytes)), destroyed(destroyed) {}
+  ~RecordingReadStream() override {
+    if (destroyed != nullptr) *destroyed = true;
+  }
+  vkt_size Size() const override;
+  vkt_size Read(vkt_u8* image, vkt_size size) override;
+  vkt_offset Seek(vkt_offset offset, vkt_origin origin) override;
+
+  vkt_binary bytes;
+  std::string calls;  // one letter per call: R(ead), S(ize), K (seek)
+  vkt_offset pos = 0;
+  bool* destroyed;
+};
+
+// Counts calls of the global operator new while alive (all threads).
+class AllocationCounter {
+ public:
+  AllocationCounter();
+  ~AllocationCounter();
+  size_t count() const;
+  // Highest number of live bytes allocated through operator new since
+  // construction (net of what was live before).
+  size_t peakBytes() const;
+};
+
+// The tests' window on private members.
+class VKTTestAccess {
+ public:
+  static bool findKey(const VKTObject& o, const char* key, vkt_u32* result,
+                      vkt_u32* hint) {
+    return o.findKey(key, result, hint);
+  }
+  static std::string getKey(const VKTObject& o, vkt_u32 tag) {
+    return o.getKey(tag);
+  }
+  static size_t keyHashChains(const VKTObject& o) {
+    return o.mKeyHashTable.size();
+  }
+  // (key pointer, value) of each entry of one chain, front first.
+  static std::vector<std::pair<const char*, vkt_u32>> keyHashChain(
+      const VKTObject& o, vkt_u32 hash) {
+    std::vector<std::pair<const char*, vkt_u32>> out;
+    for (const auto& e : o.mKeyHashTable[hash]) out.emplace_back(e.key, e.value);
+    return out;
+  }
+  static size_t keyHashEntries(const VKTObject& o) {
+    size_t n = 0;
+    for (const auto& chain : o.mKeyHashTable) n += chain.size();
+    return n;
+  }
+  static const vkt_u8* streamEntity(const VKTObject& o) {
+    return o.mStreamEntity;
+  }
+  static vkt_alloc_type allocType(const VKTObject& o) { return o.mAllocType; }
+  static VKTValue view(const VKTObject* o, const vkt_u8* p) {
+    return VKTValue(o, p);
+  }
+  static const vkt_u8* ptr(const VKTValue& v) { return v.mPtr; }
+
+  // Writer internals.
+  static vkt_u32 type(const VKTWriterValue& v) { return v.mType; }
+  // Reference count of the node's block; 0 for a scalar or null node.
+  static vkt_s32 refCount(const VKTWriterValue& v);
+  // Runs prepare on a fresh object and numbers its tables as writeImage
+  // does, then answers the value image of `v`.
+  static vkt_binary valueImage(const VKTWriterValue& v, bool optimize = true);
+  // Stream and bstream tags, in table order, by (alignment, size).
+  static std::vector<std::pair<vkt_u32, vkt_u32>> streamTable(
+      const VKTWriterValue& v, bool bound);
+  static size_t stringTableSize(const VKTWriterValue& v);
+  static size_t keyTableSize(const VKTWriterValue& v);
+  static vkt_binary keyTableImage(const std::vector<std::string>& keys);
+};
+
+#endif  // VKT_TESTS_TESTUTIL_H_
