@@ -99,7 +99,7 @@ const vkt_u32 VKT_FLAGS_ENDIAN_MASK = 1 << VKT_FLAGS_ENDIAN_SHIFT;
 class VKTObject;
 class VKTWriterObject;
 class VKTWriterValue;
-class VKTTestAccess;  // defined by the library's own tests only
+class VKTTestAccess;  // defined only by the library's tests and benchmarks
 
 // Scrambles or unscrambles bytes in place; one operation serves both ways.
 // The writer and every reader call it on the same bytes in the same order
