@@ -75,8 +75,9 @@ static inline vkt_u32 unsigned_array_size(const std::vector<vkt_u32>& values) {
 static inline void generate_unsigned_array(vkt_u8* p,
                                            const std::vector<vkt_u32>& values) {
   const vkt_u32 valueSize = unsigned_width(max_of(values));
-  generate_unsigned(p, vkt_u32(values.size()), ID_UNSIGNED8);
-  p += get_value_size(p);
+  const vkt_u32 count = vkt_u32(values.size());
+  generate_unsigned(p, count, ID_UNSIGNED8);
+  p += 1 + unsigned_width(count);  // the count's id and payload
   *p++ = vkt_u8(valueSize + UNSIGNED_ID_BIAS);
   switch (valueSize) {
     case 1:
@@ -103,8 +104,8 @@ static inline void concat_unsigned_array(vkt_binary& image,
 
 static inline vkt_binary create_unsigned_array(
     const std::vector<vkt_u32>& values) {
-  vkt_binary image;
-  concat_unsigned_array(image, values);
+  vkt_binary image(unsigned_array_size(values));
+  generate_unsigned_array(image.data(), values);
   return image;
 }
 
