@@ -21,6 +21,25 @@ bool is_container(const VKTObject* obj, const vkt_u8* p) {
   return obj != nullptr && (*p == ID_ARRAY || *p == ID_OBJECT);
 }
 
+// Binary search of an object's strictly ascending key tags: the index whose
+// tag is `tag`, or `count` when there is none.
+template <typename TagAt>
+vkt_u32 search_tag(vkt_u32 count, vkt_u32 tag, TagAt tagAt) {
+  vkt_u32 begin = 0;
+  vkt_u32 end = count;
+  while (begin < end) {
+    const vkt_u32 mid = (begin + end) / 2;
+    const vkt_u32 objectTag = tagAt(mid);
+    if (objectTag == tag) return mid;
+    if (objectTag < tag) {
+      begin = mid + 1;
+    } else {
+      end = mid;
+    }
+  }
+  return count;
+}
+
 }  // namespace
 
 vkt_size VKTValue::size() const {
@@ -59,45 +78,27 @@ bool VKTValue::findMember(const char* key, VKTValue* value,
   unsigned_array keys;
   setup_unsigned_array(&keys, mPtr + 1);
   const vkt_u8* base = mPtr + 1 + keys.size;
-  vkt_u32 begin = 0;
-  vkt_u32 end = keys.valueNum;
-
   if (mObj->mVersion == 1) {
     // The first array holds offsets of records that open with the key tag.
-    while (begin < end) {
-      const vkt_u32 mid = (begin + end) / 2;
-      const vkt_u8* p = base + get_unsigned_array(&keys, mid);
-      const vkt_u32 objectTag = parse_key(p);
-      if (objectTag == tag) {
-        *value = VKTValue(mObj, p + get_value_size(p));
-        return true;
-      }
-      if (objectTag < tag) {
-        begin = mid + 1;
-      } else {
-        end = mid;
-      }
-    }
-    return false;
+    auto record = [&](vkt_u32 i) {
+      return base + get_unsigned_array(&keys, i);
+    };
+    const vkt_u32 found = search_tag(
+        keys.valueNum, tag, [&](vkt_u32 i) { return parse_key(record(i)); });
+    if (found == keys.valueNum) return false;
+    const vkt_u8* p = record(found);
+    *value = VKTValue(mObj, p + get_value_size(p));
+    return true;
   }
-
-  while (begin < end) {
-    const vkt_u32 mid = (begin + end) / 2;
-    const vkt_u32 objectTag = get_unsigned_array(&keys, mid);
-    if (objectTag == tag) {
-      unsigned_array offsets;
-      setup_unsigned_array(&offsets, base);
-      *value = VKTValue(
-          mObj, base + offsets.size + get_unsigned_array(&offsets, mid));
-      return true;
-    }
-    if (objectTag < tag) {
-      begin = mid + 1;
-    } else {
-      end = mid;
-    }
-  }
-  return false;
+  const vkt_u32 found = search_tag(keys.valueNum, tag, [&](vkt_u32 i) {
+    return get_unsigned_array(&keys, i);
+  });
+  if (found == keys.valueNum) return false;
+  unsigned_array offsets;
+  setup_unsigned_array(&offsets, base);
+  *value =
+      VKTValue(mObj, base + offsets.size + get_unsigned_array(&offsets, found));
+  return true;
 }
 
 void VKTValue::getMemberNames(vkt_members* result) const {

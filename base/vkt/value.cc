@@ -8,6 +8,7 @@
 #include <cmath>  // ldexp
 #include <functional>
 #include <limits>
+#include <type_traits>
 
 #include "vkt/format.h"
 
@@ -46,6 +47,43 @@ Int saturate_to(Float f) {
   return static_cast<Int>(f);
 }
 
+// A float to the target type: truncated and saturated for an integer, plain
+// conversion (IEEE rounding, overflow to infinity) for a float.
+template <typename T, typename Float>
+T from_float(Float f) {
+  if constexpr (std::is_integral<T>::value) {
+    return saturate_to<T>(f);
+  } else {
+    return static_cast<T>(f);
+  }
+}
+
+// The numeric reading of a value: booleans as 0 and 1, integers converted
+// (a long integer narrowed to 32 bits keeps its low bits), floats by
+// from_float, every other kind 0. Each step converts straight from the
+// stored width to the target.
+template <typename T>
+T number(const VKTObject* obj, const vkt_u8* p) {
+  if (obj == nullptr) return T(0);
+  switch (identify_value(p)) {
+    case TYPE_BOOL:
+      return T(parse_bool(p) ? 1 : 0);
+    case TYPE_INTEGER:
+      return T(parse_integer(p));
+    case TYPE_LONG_INTEGER: {
+      const vkt_s64 v = parse_long_integer(p);
+      if constexpr (std::is_same<T, vkt_s32>::value) return vkt_s32(vkt_u32(v));
+      return T(v);
+    }
+    case TYPE_SINGLE:
+      return from_float<T>(parse_single(p));
+    case TYPE_DOUBLE:
+      return from_float<T>(parse_double(p));
+    default:
+      return T(0);
+  }
+}
+
 }  // namespace
 
 vkt_type VKTValue::type() const {
@@ -71,77 +109,10 @@ bool VKTValue::asBool() const {
   }
 }
 
-vkt_s32 VKTValue::asInt() const {
-  if (mObj == nullptr) return 0;
-  switch (identify_value(mPtr)) {
-    case TYPE_BOOL:
-      return parse_bool(mPtr) ? 1 : 0;
-    case TYPE_INTEGER:
-      return parse_integer(mPtr);
-    case TYPE_LONG_INTEGER:  // the low 32 bits
-      return vkt_s32(vkt_u32(vkt_u64(parse_long_integer(mPtr))));
-    case TYPE_SINGLE:
-      return saturate_to<vkt_s32>(parse_single(mPtr));
-    case TYPE_DOUBLE:
-      return saturate_to<vkt_s32>(parse_double(mPtr));
-    default:
-      return 0;
-  }
-}
-
-vkt_s64 VKTValue::asLongInt() const {
-  if (mObj == nullptr) return 0;
-  switch (identify_value(mPtr)) {
-    case TYPE_BOOL:
-      return parse_bool(mPtr) ? 1 : 0;
-    case TYPE_INTEGER:
-      return parse_integer(mPtr);
-    case TYPE_LONG_INTEGER:
-      return parse_long_integer(mPtr);
-    case TYPE_SINGLE:
-      return saturate_to<vkt_s64>(parse_single(mPtr));
-    case TYPE_DOUBLE:
-      return saturate_to<vkt_s64>(parse_double(mPtr));
-    default:
-      return 0;
-  }
-}
-
-float VKTValue::asFloat() const {
-  if (mObj == nullptr) return 0.0f;
-  switch (identify_value(mPtr)) {
-    case TYPE_BOOL:
-      return parse_bool(mPtr) ? 1.0f : 0.0f;
-    case TYPE_INTEGER:
-      return float(parse_integer(mPtr));
-    case TYPE_LONG_INTEGER:  // straight from 64 bits, one rounding
-      return float(parse_long_integer(mPtr));
-    case TYPE_SINGLE:
-      return parse_single(mPtr);
-    case TYPE_DOUBLE:
-      return float(parse_double(mPtr));
-    default:
-      return 0.0f;
-  }
-}
-
-double VKTValue::asDouble() const {
-  if (mObj == nullptr) return 0.0;
-  switch (identify_value(mPtr)) {
-    case TYPE_BOOL:
-      return parse_bool(mPtr) ? 1.0 : 0.0;
-    case TYPE_INTEGER:
-      return double(parse_integer(mPtr));
-    case TYPE_LONG_INTEGER:
-      return double(parse_long_integer(mPtr));
-    case TYPE_SINGLE:
-      return double(parse_single(mPtr));
-    case TYPE_DOUBLE:
-      return parse_double(mPtr);
-    default:
-      return 0.0;
-  }
-}
+vkt_s32 VKTValue::asInt() const { return number<vkt_s32>(mObj, mPtr); }
+vkt_s64 VKTValue::asLongInt() const { return number<vkt_s64>(mObj, mPtr); }
+float VKTValue::asFloat() const { return number<float>(mObj, mPtr); }
+double VKTValue::asDouble() const { return number<double>(mObj, mPtr); }
 
 const char* VKTValue::asString() const {
   if (mObj == nullptr) return "";
