@@ -1,118 +1,83 @@
-// The double-array key table: exact layouts of small tables, and for random
-// key sets that every key is found under its table position and given back.
+// The double-array key table, byte for byte against a plain first-fit build:
+// tables of known shape, then random key sets.
 #include <gtest/gtest.h>
 
+#include <map>
 #include <random>
 #include <set>
+#include <tuple>
 
 #include "testutil.h"
 
-namespace {
+using Keys = std::vector<std::string>;  // ascending as unsigned bytes, unique
+using It = Keys::const_iterator;
 
-using A = VKTTestAccess;
+// Each node takes the lowest base from 1 at which the codes of all its
+// children land on unused positions (0 is always used); code 0 ends a key,
+// and the base of its position is the key's number in the tail.
+struct Reference {
+  std::vector<vkt_u32> base{0}, check{0}, tail;
+  std::vector<bool> used{true};
+  vkt_u32 firstFree = 1;  // every position before it is used
 
-// base, check and tail of a key table section.
-std::vector<std::vector<vkt_u32>> unpack(const vkt_binary& image) {
-  std::vector<std::vector<vkt_u32>> out(3);
-  const vkt_u8* p = image.data();
-  for (auto& values : out) {
-    unsigned_array a;
-    setup_unsigned_array(&a, p);
-    for (vkt_u32 i = 0; i < a.valueNum; ++i) {
-      values.push_back(get_unsigned_array(&a, i));
+  void build(It begin, It end, size_t depth, vkt_u32 x) {
+    std::map<vkt_u8, It> kids;  // where each child's keys start, by code
+    for (It k = begin; k != end; ++k) kids.emplace(vkt_u8((*k)[depth]), k);
+    if (kids.empty()) return;
+    while (firstFree < used.size() && used[firstFree]) ++firstFree;
+    vkt_u32 y = std::max(1, int(firstFree) - kids.begin()->first);
+    // First fit: after a clash, all codes again from the next base.
+    for (auto c = kids.begin(); c != kids.end();) {
+      const bool clash = y + c->first < used.size() && used[y + c->first];
+      c = clash ? (++y, kids.begin()) : std::next(c);
     }
-    p += a.size;
+    const size_t size = y + kids.rbegin()->first + 1;
+    if (size > used.size())
+      base.resize(size), check.resize(size), used.resize(size);
+    base[x] = y;
+    for (const auto& c : kids) check[y + c.first] = x, used[y + c.first] = true;
+    for (auto c = kids.begin(); c != kids.end(); ++c) {
+      const It stop = std::next(c) == kids.end() ? end : std::next(c)->second;
+      if (c->first == 0) base[y] = vkt_u32(tail.size()), tail.push_back(y);
+      if (c->first != 0) build(c->second, stop, depth + 1, y + c->first);
+    }
   }
-  EXPECT_EQ(p, image.data() + image.size());
-  EXPECT_EQ(out[0].size(), out[1].size());
-  for (vkt_u32 k = 0; k < out[2].size(); ++k) EXPECT_EQ(out[0][out[2][k]], k);
-  return out;
-}
+};
 
-TEST(KeyTableBuilder, Layouts) {
-  EXPECT_EQ(to_hex(A::keyTableImage({})), "0D 01 0D 00 0D 01 0D 00 0D 00 0D");
-  EXPECT_EQ(to_hex(A::keyTableImage({""})),
-            "0D 02 0D 01 00 0D 02 0D 00 00 0D 01 0D 01");
-  const struct {
-    std::vector<std::string> keys;
-    size_t positions, free, bytes;
-    std::vector<vkt_u32> tail, used;  // used: position, base, check, ...
-  } rows[] = {
-      // clang-format off
-      {{"a"}, 99, 96, 208, {1}, {0, 1, 0,  1, 0, 98,  98, 1, 0}},
-      {{"a", "ab", "b"}, 101, 94, 214, {2, 1, 3},
-       {0, 1, 0,  1, 1, 100,  2, 0, 98,  3, 2, 99,  98, 2, 0,  99, 3, 0,
-        100, 1, 98}},
-      {{"ba", "bb"}, 102, 96, 215, {1, 2},
-       {0, 1, 0,  1, 0, 100,  2, 1, 101,  99, 3, 0,  100, 1, 99,  101, 2, 99}},
-      {{"", "b", "ba"}, 101, 96, 214, {1, 3, 2},
-       {0, 1, 0,  2, 2, 100,  3, 1, 99,  99, 3, 0,  100, 2, 99}},
-      {{"\xFF"}, 257, 254, 783, {1}, {0, 1, 0,  1, 0, 256,  256, 1, 0}},
-      {{"array_test1", "array_test2", "bool_test", "bstream_test",
-        "double_test", "float_test", "longint_test", "object_test",
-        "stream_test", "string_test"},
-       189, 83, 397, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, {}},
+TEST(KeyTableBuilder, MatchesAPlainFirstFitBuild) {
+  // clang-format off
+  const std::tuple<Keys, size_t, size_t, size_t, std::vector<vkt_u32>> shapes[] = {  // positions, unused, bytes, tail
+      {{}, 1, 0, 11, {}}, {{""}, 2, 0, 14, {1}}, {{"a"}, 99, 96, 208, {1}}, {{"a", "ab", "b"}, 101, 94, 214, {2, 1, 3}},
+      {{"\xFF"}, 257, 254, 783, {1}},  // two-byte positions
+      {{"array_test1", "array_test2", "bool_test", "bstream_test", "double_test", "float_test", "longint_test", "object_test", "stream_test", "string_test"}, 189, 83, 397, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}},
   };  // clang-format on
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.keys[0]);
-    const vkt_binary image = A::keyTableImage(row.keys);
-    const auto t = unpack(image);
-    EXPECT_EQ(image.size(), row.bytes);
-    EXPECT_EQ(t[0].size(), row.positions);
-    EXPECT_EQ(t[2], row.tail);
-    std::vector<vkt_u32> used;
-    size_t free = 0;
-    for (vkt_u32 y = 0; y < t[0].size(); ++y) {
-      if (t[0][y] == 0 && t[1][y] == 0 && y != 0) {
-        ++free;
-      } else if (!row.used.empty()) {
-        used.insert(used.end(), {y, t[0][y], t[1][y]});
-      }
-    }
-    EXPECT_EQ(free, row.free);
-    EXPECT_EQ(used, row.used);
-  }
-  // Position 256 needs a two-byte count, and check alone two-byte values.
-  const vkt_binary ff = A::keyTableImage({"\xFF"});
-  EXPECT_EQ(to_hex({ff.begin(), ff.begin() + 4}), "0E 01 01 0D");
-  EXPECT_EQ(to_hex({ff.begin() + 261, ff.begin() + 265}), "0E 01 01 0E");
-}
-
-TEST(KeyTableBuilder, RandomKeySetsAreFoundUnderTheirTableOrder) {
-  std::mt19937 rng(20240521);
-  const std::string alphabet("ab\x01\x7F\x80\xFE\xFF", 7);
-  for (int round = 0; round < 60; ++round) {
-    SCOPED_TRACE(round);
-    std::set<std::string> keys;  // ascending unsigned bytes, like the table
-    for (int i = 1 + int(rng() % 40); i > 0; --i) {
-      std::string key(rng() % 7, 'a');
-      for (char& c : key) {
-        c = rng() % 2 ? alphabet[rng() % 7] : char(1 + rng() % 255);
-      }
+  std::vector<Keys> sets;
+  for (const auto& shape : shapes) sets.push_back(std::get<0>(shape));
+  std::mt19937 rng(7);
+  while (sets.size() < 106) {  // the last: thousands of keys over every byte
+    const bool large = sets.size() == 105;
+    const unsigned alphabet = large ? 255 : 2 + rng() % 254;
+    std::set<std::string> keys;
+    for (unsigned n = large ? 4000 : rng() % 80; n > 0; --n) {
+      std::string key(rng() % (large ? 12 : 8), ' ');
+      for (char& c : key) c = char(1 + rng() % alphabet);
       keys.insert(key);
     }
-    VKTWriterValue root;
-    vkt_s32 tag = 0;
-    for (const std::string& key : keys) root[key] = tag++;
-    const vkt_binary image = VKTWriterObject().createImage(root);
-    const std::vector<std::string> list(keys.begin(), keys.end());
-    const vkt_binary table = A::keyTableImage(list);
-    ASSERT_TRUE(std::equal(table.begin(), table.end(),
-                           image.begin() + HEADER_SIZE_VER3));
-    unpack(table);
-    const VKTObject object(image);
-    for (vkt_u32 k = 0; k < list.size(); ++k) {
-      vkt_u32 found = ~0u;
-      EXPECT_TRUE(A::findKey(object, list[k].c_str(), &found, nullptr));
-      EXPECT_EQ(found, k);
-      EXPECT_EQ(A::getKey(object, k), list[k]);
-      EXPECT_EQ(object.root()[list[k]].asInt(), vkt_s32(k));
-      const std::string longer = list[k] + "\x7F";
-      if (!keys.count(longer)) {
-        EXPECT_FALSE(A::findKey(object, longer.c_str(), &found, nullptr));
-      }
-    }
+    sets.emplace_back(keys.begin(), keys.end());
+  }
+  for (size_t i = 0; i < sets.size(); ++i) {
+    Reference r;
+    r.build(sets[i].begin(), sets[i].end(), 0, 0);
+    const vkt_binary image = VKTTestAccess::keyTableImage(sets[i]);
+    vkt_binary want;
+    for (auto* v : {&r.base, &r.check, &r.tail})
+      concat_unsigned_array(want, *v);
+    EXPECT_TRUE(image == want) << "key set " << i;
+    if (i >= std::size(shapes)) continue;
+    const auto& [keys, positions, unused, bytes, tail] = shapes[i];
+    EXPECT_EQ(r.base.size(), positions);
+    EXPECT_EQ(size_t(std::count(r.used.begin(), r.used.end(), false)), unused);
+    EXPECT_EQ(image.size(), bytes);
+    EXPECT_EQ(r.tail, tail);
   }
 }
-
-}  // namespace

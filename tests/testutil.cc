@@ -53,6 +53,12 @@ void pad(vkt_binary* image, vkt_u32 alignment) {
   while (alignment > 1 && image->size() % alignment != 0) image->push_back(0);
 }
 
+void fix_header_checksum(vkt_binary* image) {
+  const vkt_u32 version = read_16bit_unsigned(&(*image)[HEADER_OFST_VERSION]);
+  write_32bit_unsigned(&(*image)[HEADER_OFST_CHECKSUM],
+                       header_checksum(image->data(), version));
+}
+
 }  // namespace
 
 vkt_binary ImageParts::assemble() const {
@@ -92,12 +98,6 @@ vkt_binary ImageParts::assemble() const {
   append(&image, streams);
   if (version >= 3) fix_header_checksum(&image);
   return image;
-}
-
-void fix_header_checksum(vkt_binary* image) {
-  const vkt_u32 version = read_16bit_unsigned(&(*image)[HEADER_OFST_VERSION]);
-  write_32bit_unsigned(&(*image)[HEADER_OFST_CHECKSUM],
-                       header_checksum(image->data(), version));
 }
 
 vkt_binary empty_key_table() { return hex("0D 01 0D 00 0D 01 0D 00 0D 00 0D"); }
@@ -221,29 +221,6 @@ vkt_binary VKTTestAccess::valueImage(const VKTWriterValue& v, bool optimize) {
   vkt_binary image;
   v.createImage(&object, &image);
   return image;
-}
-
-std::vector<std::pair<vkt_u32, vkt_u32>> VKTTestAccess::streamTable(
-    const VKTWriterValue& v, bool bound) {
-  VKTWriterObject object;
-  v.prepare(&object);
-  std::vector<std::pair<vkt_u32, vkt_u32>> out;
-  for (const auto& e : bound ? object.mBStreamTable : object.mStreamTable) {
-    out.emplace_back(e.first.alignment, e.first.size);
-  }
-  return out;
-}
-
-size_t VKTTestAccess::stringTableSize(const VKTWriterValue& v) {
-  VKTWriterObject object;
-  v.prepare(&object);
-  return object.mStringTable.size();
-}
-
-size_t VKTTestAccess::keyTableSize(const VKTWriterValue& v) {
-  VKTWriterObject object;
-  v.prepare(&object);
-  return object.mKeyTable.size();
 }
 
 vkt_binary VKTTestAccess::keyTableImage(const std::vector<std::string>& keys) {

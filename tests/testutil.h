@@ -20,8 +20,9 @@ vkt_binary hex(const std::string& text);
 std::string to_hex(const vkt_binary& bytes);
 
 // The sections of an image, in file order, as a hand-built test gives them.
-// assemble() lays them out as the writer would (no padding unless the
-// alignments ask for it), fills in the header and seals the checksum.
+// assemble() lays them out as the writer would (zero bytes in front of an
+// entity only as its alignment asks), fills in the header and, from version
+// 3 on, seals the checksum.
 struct ImageParts {
   vkt_u32 version = 3;
   vkt_u32 flags = 0;
@@ -41,9 +42,6 @@ struct ImageParts {
 
   vkt_binary assemble() const;
 };
-
-// Recomputes the header checksum of a plain version-3 or -4 image.
-void fix_header_checksum(vkt_binary* image);
 
 // The empty double-array key table: base 0, check 0, no tail.
 vkt_binary empty_key_table();
@@ -102,14 +100,12 @@ class VKTTestAccess {
   static std::string getKey(const VKTObject& o, vkt_u32 tag) {
     return o.getKey(tag);
   }
-  static size_t keyHashChains(const VKTObject& o) {
-    return o.mKeyHashTable.size();
-  }
   // (key pointer, value) of each entry of one chain, front first.
   static std::vector<std::pair<const char*, vkt_u32>> keyHashChain(
       const VKTObject& o, vkt_u32 hash) {
     std::vector<std::pair<const char*, vkt_u32>> out;
-    for (const auto& e : o.mKeyHashTable[hash]) out.emplace_back(e.key, e.value);
+    for (const auto& e : o.mKeyHashTable[hash])
+      out.emplace_back(e.key, e.value);
     return out;
   }
   static size_t keyHashEntries(const VKTObject& o) {
@@ -120,24 +116,17 @@ class VKTTestAccess {
   static const vkt_u8* streamEntity(const VKTObject& o) {
     return o.mStreamEntity;
   }
-  static vkt_alloc_type allocType(const VKTObject& o) { return o.mAllocType; }
   static VKTValue view(const VKTObject* o, const vkt_u8* p) {
     return VKTValue(o, p);
   }
   static const vkt_u8* ptr(const VKTValue& v) { return v.mPtr; }
 
   // Writer internals.
-  static vkt_u32 type(const VKTWriterValue& v) { return v.mType; }
   // Reference count of the node's block; 0 for a scalar or null node.
   static vkt_s32 refCount(const VKTWriterValue& v);
   // Runs prepare on a fresh object and numbers its tables as writeImage
   // does, then answers the value image of `v`.
   static vkt_binary valueImage(const VKTWriterValue& v, bool optimize = true);
-  // Stream and bstream tags, in table order, by (alignment, size).
-  static std::vector<std::pair<vkt_u32, vkt_u32>> streamTable(
-      const VKTWriterValue& v, bool bound);
-  static size_t stringTableSize(const VKTWriterValue& v);
-  static size_t keyTableSize(const VKTWriterValue& v);
   static vkt_binary keyTableImage(const std::vector<std::string>& keys);
 };
 
