@@ -313,7 +313,8 @@ class VKTObject {
   // Moves a VKT_ALLOC_DUPLICATE or VKT_ALLOC_OWN object to VKT_ALLOC_PURGE:
   // the front part is copied, so that purgeStreamEntity can release the
   // stream payloads. Views taken before the call die with the old bytes.
-  // Does nothing in any other mode.
+  // Does nothing in any other mode, nor on an image opened through a
+  // VKTReadStream, whose payloads are not in memory.
   void preparePurge();
   // In VKT_ALLOC_PURGE, releases the buffer holding the stream payloads;
   // asStream and buildStreamReader on streams answer null from then on.
@@ -538,9 +539,10 @@ class VKTWriterValue {
   void operator=(bool value) { setBool(value); }
   void operator=(const char* value) { setString(std::string(value)); }
   void operator=(const std::string& value) { setString(value); }
-  // Other integer types (unsigned, long long, size_t, char...): a value that
-  // a vkt_s32 holds is an integer, anything else a long integer (wrapping
-  // above the vkt_s64 range).
+  // Other integer types (unsigned, long long, size_t, char...): a type whose
+  // every value fits a vkt_s32 is stored as an integer, any other as a long
+  // integer (wrapping above the vkt_s64 range). The image holds the value in
+  // its smallest width either way.
   template <typename T,
             typename std::enable_if<std::is_integral<T>::value &&
                                         !std::is_same<T, bool>::value,

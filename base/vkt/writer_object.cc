@@ -79,7 +79,7 @@ void write_entity(VKTWriteStream& writer, const Table& table,
     pad_to(writer, entityStart + layout.offsets[i++]);
     if (entry.first.reader != nullptr) {
       writer.Write(entry.first.reader);
-    } else if (entry.first.size != 0) {
+    } else {
       writer.Write(entry.first.ptr, entry.first.size);
     }
   }
