@@ -207,6 +207,19 @@ vkt_u32 array_element(const vkt_u8* array, vkt_u32 index) {
   return get_unsigned_array(&a, index);
 }
 
+// A reader over `size` bytes at `offset` in an entity: a window on the
+// source of a stream-backed image (where the entity starts at `sourceEntity`),
+// else a memory reader when the entity is in memory, else null.
+VKTReadStream* build_reader(VKTReadStream* source, vkt_offset sourceEntity,
+                            const vkt_u8* entity, vkt_u32 offset,
+                            vkt_u32 size) {
+  if (source != nullptr) {
+    return new VKTReadStreamWindow(source, sourceEntity + offset, size);
+  }
+  if (entity != nullptr) return new VKTMemoryReadStream(entity + offset, size);
+  return nullptr;
+}
+
 }  // namespace
 
 const char* VKTObject::getString(vkt_u32 stringTag) const {
@@ -238,28 +251,17 @@ vkt_u32 VKTObject::bstreamSize(vkt_u32 streamTag) const {
 }
 
 VKTReadStream* VKTObject::buildStreamReader(vkt_u32 streamTag) const {
-  const vkt_u32 size = array_element(mStreamSizeArray, streamTag);
-  const vkt_u32 offset = array_element(mStreamOffsetArray, streamTag);
-  if (mReader != nullptr) {
-    return new VKTReadStreamWindow(mReader, mStreamOffset + offset, size);
-  }
-  if (mStreamEntity != nullptr) {
-    return new VKTMemoryReadStream(mStreamEntity + offset, size);
-  }
-  return nullptr;
+  return build_reader(mReader, mStreamOffset, mStreamEntity,
+                      array_element(mStreamOffsetArray, streamTag),
+                      array_element(mStreamSizeArray, streamTag));
 }
 
 VKTReadStream* VKTObject::buildBStreamReader(vkt_u32 streamTag) const {
   if (mBStreamSizeArray == nullptr) return nullptr;
-  const vkt_u32 size = array_element(mBStreamSizeArray, streamTag);
-  const vkt_u32 offset = array_element(mBStreamOffsetArray, streamTag);
-  if (mReader != nullptr) {
-    // Read from the source like a stream, although the bytes are in memory.
-    return new VKTReadStreamWindow(
-        mReader, vkt_offset(mBStreamEntity - mImage) + offset, size);
-  }
-  if (mBStreamEntity != nullptr) {
-    return new VKTMemoryReadStream(mBStreamEntity + offset, size);
-  }
-  return nullptr;
+  // A stream-backed image reads bstreams from the source like streams,
+  // although their bytes are in memory too.
+  return build_reader(mReader, vkt_offset(mBStreamEntity - mImage),
+                      mBStreamEntity,
+                      array_element(mBStreamOffsetArray, streamTag),
+                      array_element(mBStreamSizeArray, streamTag));
 }

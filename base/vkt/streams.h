@@ -112,7 +112,6 @@ class VKTDummyWriteStream : public VKTWriteStream {
 
   vkt_u32 Offset() const override { return offset; }
   void Write(const vkt_u8*, vkt_u32 size) override { offset += size; }
-  void reset() { offset = 0; }
 
  private:
   vkt_u32 offset;

@@ -141,7 +141,7 @@ void VKTWriterObject::writeImage(const VKTWriterValue& root,
 
   // Bstreams, and a byte order asked for, need the version-4 header.
   const bool ver4 = !bstreams.offsets.empty() || mEndianSet;
-  const vkt_u32 packVersion = ver4 ? 4 : 3;
+  const vkt_u32 packVersion = ver4 ? CURRENT_VERSION : 3;
   const vkt_u32 headerSize = ver4 ? HEADER_SIZE_VER4 : HEADER_SIZE_VER3;
   if (ver4 && mEndian == VKT_ENDIAN_BIG) flags |= VKT_FLAGS_ENDIAN_BIG;
 
