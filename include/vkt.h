@@ -17,8 +17,8 @@
 
 #include <cstddef>
 #include <list>
-#include <map>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -430,31 +430,15 @@ class VKTWriterObject {
   friend class VKTWriterValue;
   friend class VKTTestAccess;
 
-  // Describes one stream payload without owning it. The order decides both
-  // merging (equal entries are one payload) and the order in the image:
-  // alignment, then size, then bytes for memory, readers by address last.
-  struct StreamWrapper {
-    StreamWrapper(const vkt_u8* _ptr, vkt_u32 _size, vkt_u32 _alignment,
-                  VKTReadStream* _reader)
-        : ptr(_ptr), size(_size), alignment(_alignment), reader(_reader) {}
-    bool operator<(const StreamWrapper& r) const;
+  // The key, string and stream tables of one writeImage call, and the
+  // scratch space of the value walk; defined in base/vkt/writer_tables.h.
+  struct Tables;
 
-    const vkt_u8* ptr;
-    vkt_u32 size;
-    vkt_u32 alignment;
-    VKTReadStream* reader;
-  };
-  // Keys and strings order as unsigned bytes, a prefix first.
-  typedef std::map<std::string, unsigned> string_table;
-  typedef std::map<StreamWrapper, unsigned> stream_table;
+  // Appends the double-array key table of `keys` to *image. The keys are
+  // sorted as unsigned bytes (a prefix first), unique, and free of NUL.
+  static void createDAImage(const std::vector<std::string_view>& keys,
+                            vkt_binary* image);
 
-  // Appends the double-array key table of the keys of `table` to *image.
-  static void createDAImage(const string_table& table, vkt_binary* image);
-
-  string_table mKeyTable;
-  string_table mStringTable;
-  stream_table mStreamTable;
-  stream_table mBStreamTable;
   bool mOptimize;
   vkt_endian mEndian;
   bool mEndianSet;
@@ -565,17 +549,15 @@ class VKTWriterValue {
   struct StringInfo;
   struct StreamInfo;
   struct ArrayInfo;
+  struct Member;
   struct ObjectInfo;
 
   void clear();
   // Adds a reference to r's block (if any) and takes r's type and payload;
   // this node must be null.
   void share(const VKTWriterValue& r);
-  void prepare(VKTWriterObject* object) const;
-  void createImage(VKTWriterObject* object, vkt_binary* image) const;
-  // The stream table entry of a stream node, and the table it belongs in.
-  VKTWriterObject::StreamWrapper streamWrapper() const;
-  VKTWriterObject::stream_table& streamTable(VKTWriterObject* object) const;
+  void prepare(VKTWriterObject::Tables& tables) const;
+  void createImage(VKTWriterObject::Tables& tables, vkt_binary* image) const;
 
   vkt_u32 mType;
   union {

@@ -5,8 +5,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <new>
+#include <set>
 
-#include "vkt/writer_blocks.h"
+#include "vkt/writer_tables.h"
 
 vkt_binary hex(const std::string& text) {
   vkt_binary out;
@@ -200,33 +201,19 @@ vkt_s32 VKTTestAccess::refCount(const VKTWriterValue& v) {
   }
 }
 
-namespace {
-
-template <typename Table>
-void number(Table& table) {
-  unsigned index = 0;
-  for (auto& entry : table) entry.second = index++;
-}
-
-}  // namespace
-
 vkt_binary VKTTestAccess::valueImage(const VKTWriterValue& v, bool optimize) {
-  VKTWriterObject object;
-  object.setOptimize(optimize);
-  v.prepare(&object);
-  number(object.mKeyTable);
-  number(object.mStringTable);
-  number(object.mStreamTable);
-  number(object.mBStreamTable);
+  VKTWriterObject::Tables tables(optimize);
+  v.prepare(tables);
+  tables.number();
   vkt_binary image;
-  v.createImage(&object, &image);
+  v.createImage(tables, &image);
   return image;
 }
 
 vkt_binary VKTTestAccess::keyTableImage(const std::vector<std::string>& keys) {
-  VKTWriterObject::string_table table;
-  for (const std::string& k : keys) table.emplace(k, 0);
+  std::set<std::string> sorted(keys.begin(), keys.end());
+  std::vector<std::string_view> views(sorted.begin(), sorted.end());
   vkt_binary image;
-  VKTWriterObject::createDAImage(table, &image);
+  VKTWriterObject::createDAImage(views, &image);
   return image;
 }

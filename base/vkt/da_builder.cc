@@ -9,8 +9,8 @@
 // leaf's key tag is its key's place in the table. The same keys always give
 // the same bytes.
 #include <algorithm>
-#include <map>
-#include <string>
+#include <string_view>
+#include <vector>
 
 #include "vkt/packed_array.h"
 
@@ -18,11 +18,11 @@ namespace {
 
 const vkt_u32 CODE_COUNT = 256;  // a code is a key byte, 0 the terminator
 
-typedef std::map<std::string, unsigned>::const_iterator key_iterator;
+typedef std::vector<std::string_view>::const_iterator key_iterator;
 
-// The key's byte at `index`; its terminating NUL when the key ends there.
+// The key's byte at `index`; the terminator 0 when the key ends there.
 inline vkt_u32 code_at(key_iterator key, vkt_u32 index) {
-  return vkt_u8(key->first.c_str()[index]);
+  return index < key->size() ? vkt_u8((*key)[index]) : 0;
 }
 
 class DABuilder {
@@ -166,10 +166,10 @@ void DABuilder::build(key_iterator tableBegin, key_iterator tableEnd,
 
 }  // namespace
 
-void VKTWriterObject::createDAImage(const string_table& table,
+void VKTWriterObject::createDAImage(const std::vector<std::string_view>& keys,
                                     vkt_binary* image) {
   DABuilder builder;
-  builder.build(table.begin(), table.end(), 0, 0);
+  builder.build(keys.begin(), keys.end(), 0, 0);
   concat_unsigned_array(*image, builder.base);
   concat_unsigned_array(*image, builder.check);
   concat_unsigned_array(*image, builder.tail);

@@ -1,22 +1,69 @@
 // The reference-counted payload blocks of VKTWriterValue. Each starts with
 // mRefCount, the number of nodes that point at it (1 when made); the last
 // node to let go deletes the block and what it owns.
+//
+// Strings and object members carry their text in the same allocation, right
+// behind the block, so a short string or a member costs one small block:
+//
+//   StringInfo:  refcount | tag | size | text bytes | NUL
+//   Member:      value node | key tag | key size | key bytes | NUL
+//
+// The tags are scratch fields of the writer: a writeImage walk stores there
+// where the text stands in its tables, so the second walk needs no lookup.
 #ifndef VKT_WRITER_BLOCKS_H_
 #define VKT_WRITER_BLOCKS_H_
 
-#include <map>
+#include <cstring>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "vkt/format.h"
 
+// A 64-bit hash of n bytes, eight at a time. Only equality of hashes is
+// used (never their order), so the mixing just has to spread well.
+static inline vkt_u64 hash_bytes(const void* data, size_t n) {
+  const vkt_u64 kMul = 0x9E3779B97F4A7C15ull;
+  const unsigned char* p = static_cast<const unsigned char*>(data);
+  vkt_u64 h = n * kMul;
+  for (; n >= 8; p += 8, n -= 8) {
+    vkt_u64 w;
+    std::memcpy(&w, p, 8);
+    h = (h ^ w) * kMul;
+    h ^= h >> 29;
+  }
+  vkt_u64 w = 0;
+  std::memcpy(&w, p, n);
+  h = (h ^ w) * kMul;
+  return h ^ (h >> 32);
+}
+
+// Allocates a block of type T with `textSize` bytes and a NUL behind it.
+template <typename T>
+void* allocate_with_text(size_t textSize) {
+  return ::operator new(sizeof(T) + textSize + 1);
+}
+
 struct VKTWriterValue::StringInfo {
+  // The caller allocates with allocate_with_text<StringInfo>(text.size()).
+  explicit StringInfo(std::string_view text) : mSize(vkt_u32(text.size())) {
+    char* p = reinterpret_cast<char*>(this + 1);
+    if (!text.empty()) std::memcpy(p, text.data(), text.size());
+    p[text.size()] = 0;
+  }
+  static void operator delete(void* p) { ::operator delete(p); }
+  std::string_view text() const {
+    return std::string_view(reinterpret_cast<const char*>(this + 1), mSize);
+  }
+
   vkt_s32 mRefCount = 1;
-  std::string mStringValue;  // own copy; a NUL inside it stays
+  mutable vkt_u32 mTag = 0;  // writer scratch: the string's table entry
+  vkt_u32 mSize;             // a NUL inside the text stays
 };
 
 struct VKTWriterValue::StreamInfo {
   vkt_s32 mRefCount = 1;
+  mutable vkt_u32 mTag = 0;            // writer scratch: the table entry
   vkt_binary* mStreamImage = nullptr;  // owned copy of the bytes, or null
   const vkt_u8* mStreamPtr = nullptr;  // where the bytes are; never freed
   vkt_u32 mStreamSize = 0;
@@ -35,15 +82,51 @@ struct VKTWriterValue::ArrayInfo {
   std::vector<VKTWriterValue> mArrayValue;
 };
 
-struct VKTWriterValue::ObjectInfo {
-  vkt_s32 mRefCount = 1;
-  // Nodes are allocated one by one, so a member's address stays put while
-  // the map grows. std::string orders as unsigned bytes, a prefix first.
-  std::map<std::string, VKTWriterValue*> mObjectValue;
-
-  ~ObjectInfo() {
-    for (auto& member : mObjectValue) delete member.second;
+// One member of an object: its node and its key, in one allocation, so the
+// node's address stays put however the object grows or is reordered.
+struct VKTWriterValue::Member {
+  explicit Member(std::string_view key) : mKeySize(vkt_u32(key.size())) {
+    char* p = reinterpret_cast<char*>(this + 1);
+    if (!key.empty()) std::memcpy(p, key.data(), key.size());
+    p[key.size()] = 0;
   }
+  static void operator delete(void* p) { ::operator delete(p); }
+  std::string_view key() const {
+    return std::string_view(reinterpret_cast<const char*>(this + 1), mKeySize);
+  }
+
+  VKTWriterValue mValue;
+  mutable vkt_u32 mKeyTag = 0;  // writer scratch: the key's table entry
+  vkt_u32 mKeySize;
+};
+
+// Members in a vector of pointers, sorted by key (unsigned bytes, a prefix
+// first) whenever the writer walks them; appends in key order keep it
+// sorted, others mark it for one sort before the next walk. Lookups scan a
+// small object and go through a hash index of member pointers once it
+// grows, so building an object of n members takes O(n) expected time.
+struct VKTWriterValue::ObjectInfo {
+  ~ObjectInfo() {
+    for (Member* m : mMembers) delete m;
+  }
+
+  // The member named `key`, made as a null node if missing.
+  VKTWriterValue& at(std::string_view key);
+  // Brings the members into key order (the writer calls it; the tree does
+  // not change, only the order in which it is walked).
+  void sort() const;
+
+  vkt_s32 mRefCount = 1;
+  mutable bool mSorted = true;
+  mutable std::vector<Member*> mMembers;
+  // Open addressing over the members, empty while the object is small:
+  // a power-of-two number of slots, null for a free one.
+  std::vector<Member*> mIndex;
+
+ private:
+  Member* find(std::string_view key, vkt_u64 hash) const;
+  void insertIndex(Member* m, vkt_u64 hash);
+  void rebuildIndex();
 };
 
 #endif  // VKT_WRITER_BLOCKS_H_

@@ -1,96 +1,43 @@
-// The writer's two walks over a tree: prepare collects keys, strings, streams
-// and bstreams into the sorted tables of VKTWriterObject, and createImage
-// turns a node into its encoded value once those tables are numbered.
+// The writer's two walks over a tree: prepare interns keys, strings, streams
+// and bstreams into the tables of one writeImage call and notes each entry's
+// id in the tree, and createImage turns a node into its encoded value once
+// the tables are numbered.
 //
 //   scalar:  id | payload (smallest id that holds the value)
 //   array:   ID_ARRAY  | offset array | entity area
 //   object:  ID_OBJECT | key array | offset array | entity area
 //
 // With sharing on, byte-identical element images of one container are stored
-// once in its entity area and their offsets repeat.
-#include <cstring>  // memcmp
-#include <set>
-
+// once in its entity area and their offsets repeat. A container writes its
+// elements straight into the value buffer and then slides them up to make
+// room for its arrays, whose widths are known only at the end.
 #include "vkt/packed_array.h"
-#include "vkt/writer_blocks.h"
+#include "vkt/writer_tables.h"
 
-bool VKTWriterObject::StreamWrapper::operator<(const StreamWrapper& r) const {
-  if (alignment != r.alignment) return alignment < r.alignment;
-  if (size != r.size) return size < r.size;
-  if (reader == nullptr && r.reader == nullptr) {
-    // Memory compares by contents, so equal bytes are one payload.
-    if (ptr == r.ptr || size == 0) return false;
-    return std::memcmp(ptr, r.ptr, size) < 0;
-  }
-  // Readers compare by identity; memory (a null reader) sorts first.
-  return std::less<const VKTReadStream*>()(reader, r.reader);
-}
-
-namespace {
-
-// The element images of one container, stored once each in its entity area.
-// An entry names a stretch of the area by offset and length, so an image is
-// compared where it lies and never copied for the lookup.
-class SharedImages {
- public:
-  explicit SharedImages(const vkt_binary* entity) : mSet(Less{entity}) {}
-
-  // The image just appended at [begin, end of entity): answers the offset of
-  // an equal image stored before, or `begin` when it is new.
-  vkt_u32 place(vkt_u32 begin, vkt_u32 end) {
-    return mSet.insert(Stretch{begin, end - begin}).first->offset;
-  }
-
- private:
-  struct Stretch {
-    vkt_u32 offset;
-    vkt_u32 length;
-  };
-  struct Less {
-    const vkt_binary* entity;
-    bool operator()(const Stretch& a, const Stretch& b) const {
-      const vkt_u8* p = entity->data();
-      const int c = std::memcmp(p + a.offset, p + b.offset,
-                                a.length < b.length ? a.length : b.length);
-      return c != 0 ? c < 0 : a.length < b.length;
-    }
-  };
-  std::set<Stretch, Less> mSet;
-};
-
-}  // namespace
-
-VKTWriterObject::StreamWrapper VKTWriterValue::streamWrapper() const {
-  return VKTWriterObject::StreamWrapper(
-      mStreamInfo->mStreamPtr, mStreamInfo->mStreamSize,
-      mStreamInfo->mStreamAlignment, mStreamInfo->mReader);
-}
-
-// Bound streams go to the bstream table, all others to the stream table.
-VKTWriterObject::stream_table& VKTWriterValue::streamTable(
-    VKTWriterObject* object) const {
-  return (mStreamInfo->mStreamFlags & VKT_STREAM_FLAG_BOUND)
-             ? object->mBStreamTable
-             : object->mStreamTable;
-}
-
-void VKTWriterValue::prepare(VKTWriterObject* object) const {
+void VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
   switch (mType) {
     case TYPE_STRING:
-      object->mStringTable.emplace(mStringInfo->mStringValue, 0);
+      mStringInfo->mTag = tables.strings.add(mStringInfo->text());
       break;
-    case TYPE_STREAM:
-      streamTable(object).emplace(streamWrapper(), 0);
+    case TYPE_STREAM: {
+      // Bound streams go to the bstream table, all others to the stream table.
+      const StreamInfo& s = *mStreamInfo;
+      auto& table = (s.mStreamFlags & VKT_STREAM_FLAG_BOUND) ? tables.bstreams
+                                                             : tables.streams;
+      s.mTag = table.add(StreamEntry{s.mStreamPtr, s.mStreamSize,
+                                     s.mStreamAlignment, s.mReader});
       break;
+    }
     case TYPE_ARRAY:
       for (const VKTWriterValue& element : mArrayInfo->mArrayValue) {
-        element.prepare(object);
+        element.prepare(tables);
       }
       break;
     case TYPE_OBJECT:
-      for (const auto& member : mObjectInfo->mObjectValue) {
-        object->mKeyTable.emplace(member.first, 0);
-        member.second->prepare(object);
+      mObjectInfo->sort();
+      for (const Member* member : mObjectInfo->mMembers) {
+        member->mKeyTag = tables.keys.add(member->key());
+        member->mValue.prepare(tables);
       }
       break;
     default:
@@ -98,7 +45,7 @@ void VKTWriterValue::prepare(VKTWriterObject* object) const {
   }
 }
 
-void VKTWriterValue::createImage(VKTWriterObject* object,
+void VKTWriterValue::createImage(VKTWriterObject::Tables& tables,
                                  vkt_binary* image) const {
   vkt_u8 buf[SCALAR_BUFFER_SIZE];
   switch (mType) {
@@ -118,54 +65,56 @@ void VKTWriterValue::createImage(VKTWriterObject* object,
       generate_double(buf, mDoubleValue);
       break;
     case TYPE_STRING:
-      generate_string(
-          buf, object->mStringTable.find(mStringInfo->mStringValue)->second);
+      generate_string(buf, tables.strings.tag(mStringInfo->mTag));
       break;
-    case TYPE_STREAM: {
-      const vkt_u32 tag = streamTable(object).find(streamWrapper())->second;
+    case TYPE_STREAM:
       if (mStreamInfo->mStreamFlags & VKT_STREAM_FLAG_BOUND) {
-        generate_bstream(buf, tag);
+        generate_bstream(buf, tables.bstreams.tag(mStreamInfo->mTag));
       } else {
-        generate_stream(buf, tag);
+        generate_stream(buf, tables.streams.tag(mStreamInfo->mTag));
       }
       break;
-    }
     case TYPE_ARRAY:
     case TYPE_OBJECT: {
       const bool isArray = mType == TYPE_ARRAY;
       const size_t count = isArray ? mArrayInfo->mArrayValue.size()
-                                   : mObjectInfo->mObjectValue.size();
-      std::vector<vkt_u32> keyArray;
-      std::vector<vkt_u32> offsetArray;
-      offsetArray.reserve(count);
-      vkt_binary entity;
-      SharedImages shared(&entity);
+                                   : mObjectInfo->mMembers.size();
+      VKTWriterObject::Tables::Level& level = tables.level(tables.depth);
+      level.keys.clear();
+      level.offsets.clear();
+      if (tables.optimize) level.siblings.reset(count);
+      const vkt_u32 start = vkt_u32(image->size());
+      ++tables.depth;
       auto add = [&](const VKTWriterValue& element) {
-        const vkt_u32 begin = vkt_u32(entity.size());
-        element.createImage(object, &entity);
-        if (!object->mOptimize) {
-          offsetArray.push_back(begin);
-          return;
+        const vkt_u32 begin = vkt_u32(image->size());
+        element.createImage(tables, image);
+        vkt_u32 offset = begin;
+        if (tables.optimize) {
+          offset = level.siblings.place(*image, begin, vkt_u32(image->size()));
+          if (offset != begin) image->resize(begin);  // stored before
         }
-        const vkt_u32 offset = shared.place(begin, vkt_u32(entity.size()));
-        offsetArray.push_back(offset);
-        if (offset != begin) entity.resize(begin);  // stored before: drop it
+        level.offsets.push_back(offset - start);
       };
       if (isArray) {
         for (const VKTWriterValue& element : mArrayInfo->mArrayValue) {
           add(element);
         }
       } else {
-        keyArray.reserve(count);
-        for (const auto& member : mObjectInfo->mObjectValue) {
-          keyArray.push_back(object->mKeyTable.find(member.first)->second);
-          add(*member.second);
+        for (const Member* member : mObjectInfo->mMembers) {
+          level.keys.push_back(tables.keys.tag(member->mKeyTag));
+          add(member->mValue);
         }
       }
-      image->push_back(isArray ? ID_ARRAY : ID_OBJECT);
-      if (!isArray) concat_unsigned_array(*image, keyArray);
-      concat_unsigned_array(*image, offsetArray);
-      concat_binary(*image, entity);
+      --tables.depth;
+      // ID | [key array] | offset array, in front of the entity area.
+      const vkt_u32 keysSize = isArray ? 0 : unsigned_array_size(level.keys);
+      const vkt_u32 headSize =
+          1 + keysSize + unsigned_array_size(level.offsets);
+      image->insert(image->begin() + start, headSize, 0);
+      vkt_u8* p = image->data() + start;
+      *p++ = isArray ? ID_ARRAY : ID_OBJECT;
+      if (!isArray) generate_unsigned_array(p, level.keys);
+      generate_unsigned_array(p + keysSize, level.offsets);
       return;
     }
     default:  // TYPE_NULL

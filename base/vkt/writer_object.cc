@@ -13,7 +13,7 @@
 // straight to the output.
 #include "vkt/packed_array.h"
 #include "vkt/streams.h"
-#include "vkt/writer_blocks.h"
+#include "vkt/writer_tables.h"
 
 namespace {
 
@@ -46,21 +46,20 @@ struct EntityLayout {
   vkt_u32 size = 0;          // end of the last payload
 };
 
-// Numbers the entries of a stream table by position and lays them out with a
+// Lays out the entries of a numbered stream table in table order with a
 // counting stream: no payload is read.
 template <typename Table>
-EntityLayout layout_entity(Table& table) {
+EntityLayout layout_entity(const Table& table) {
   EntityLayout layout;
   VKTDummyWriteStream counter(0);
-  unsigned index = 0;
-  for (auto& entry : table) {
-    entry.second = index++;
-    insert_padding(counter, entry.first.alignment);
+  for (size_t i = 0; i < table.size(); ++i) {
+    const StreamEntry& entry = table.sorted(i);
+    insert_padding(counter, entry.alignment);
     layout.offsets.push_back(counter.Offset());
-    layout.sizes.push_back(entry.first.size);
-    counter.Write(nullptr, entry.first.size);
-    if (entry.first.alignment > layout.maxAlignment) {
-      layout.maxAlignment = entry.first.alignment;
+    layout.sizes.push_back(entry.size);
+    counter.Write(nullptr, entry.size);
+    if (entry.alignment > layout.maxAlignment) {
+      layout.maxAlignment = entry.alignment;
     }
   }
   layout.size = counter.Offset();
@@ -74,13 +73,13 @@ template <typename Table>
 void write_entity(VKTWriteStream& writer, const Table& table,
                   const EntityLayout& layout, vkt_u32 entityStart) {
   pad_to(writer, entityStart);
-  size_t i = 0;
-  for (const auto& entry : table) {
-    pad_to(writer, entityStart + layout.offsets[i++]);
-    if (entry.first.reader != nullptr) {
-      writer.Write(entry.first.reader);
+  for (size_t i = 0; i < table.size(); ++i) {
+    const StreamEntry& entry = table.sorted(i);
+    pad_to(writer, entityStart + layout.offsets[i]);
+    if (entry.reader != nullptr) {
+      writer.Write(entry.reader);
     } else {
-      writer.Write(entry.first.ptr, entry.first.size);
+      writer.Write(entry.ptr, entry.size);
     }
   }
 }
@@ -105,33 +104,36 @@ void VKTWriterObject::writeImage(const VKTWriterValue& root,
   if (structFilter == nullptr) flags &= ~FLAGS_FILTER_BITS;
 
   // Collect, then number: tags are positions in the sorted tables.
-  mKeyTable.clear();
-  mStringTable.clear();
-  mStreamTable.clear();
-  mBStreamTable.clear();
-  root.prepare(this);
+  Tables tables(mOptimize);
+  root.prepare(tables);
+  tables.number();
 
   vkt_binary keyImage;
-  createDAImage(mKeyTable, &keyImage);
-  unsigned index = 0;
-  for (auto& entry : mKeyTable) entry.second = index++;
+  {
+    std::vector<std::string_view> keys(tables.keys.size());
+    for (size_t i = 0; i < keys.size(); ++i) keys[i] = tables.keys.sorted(i);
+    createDAImage(keys, &keyImage);
+  }
 
   vkt_binary stringImage;
-  std::vector<vkt_u32> stringOffsetArray;
-  index = 0;
-  for (auto& entry : mStringTable) {
-    entry.second = index++;
-    stringOffsetArray.push_back(vkt_u32(stringImage.size()));
-    stringImage.insert(stringImage.end(), entry.first.begin(),
-                       entry.first.end());
+  std::vector<vkt_u32> stringOffsetArray(tables.strings.size());
+  size_t stringBytes = 0;
+  for (size_t i = 0; i < tables.strings.size(); ++i) {
+    stringBytes += tables.strings.sorted(i).size() + 1;
+  }
+  stringImage.reserve(stringBytes);
+  for (size_t i = 0; i < tables.strings.size(); ++i) {
+    const std::string_view text = tables.strings.sorted(i);
+    stringOffsetArray[i] = vkt_u32(stringImage.size());
+    stringImage.insert(stringImage.end(), text.begin(), text.end());
     stringImage.push_back(0);
   }
 
-  const EntityLayout streams = layout_entity(mStreamTable);
-  const EntityLayout bstreams = layout_entity(mBStreamTable);
+  const EntityLayout streams = layout_entity(tables.streams);
+  const EntityLayout bstreams = layout_entity(tables.bstreams);
 
   vkt_binary rootImage;
-  root.createImage(this, &rootImage);
+  root.createImage(tables, &rootImage);
 
   vkt_binary stringOffsetImage = create_unsigned_array(stringOffsetArray);
   const vkt_binary streamOffsetImage = create_unsigned_array(streams.offsets);
@@ -221,9 +223,9 @@ void VKTWriterObject::writeImage(const VKTWriterValue& root,
   if (ver4) {
     writer.Write(bstreamOffsetImage);
     writer.Write(bstreamSizeImage);
-    write_entity(writer, mBStreamTable, bstreams, start + ofstBStreamEntity);
+    write_entity(writer, tables.bstreams, bstreams, start + ofstBStreamEntity);
   }
   writer.Write(streamOffsetImage);
   writer.Write(streamSizeImage);
-  write_entity(writer, mStreamTable, streams, start + ofstStreamEntity);
+  write_entity(writer, tables.streams, streams, start + ofstStreamEntity);
 }

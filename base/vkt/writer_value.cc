@@ -2,6 +2,8 @@
 // streams, arrays and objects in shared, reference-counted blocks (see
 // writer_blocks.h). There is no copy on write: nodes sharing a block see
 // every change made to its contents.
+#include <algorithm>
+
 #include "vkt/writer_blocks.h"
 
 namespace {
@@ -120,8 +122,9 @@ void VKTWriterValue::setBool(bool value) {
 }
 
 void VKTWriterValue::setString(const std::string& value) {
-  StringInfo* info = new StringInfo;  // before clear: value may be ours
-  info->mStringValue = value;
+  // Made before clear: value may be ours.
+  StringInfo* info =
+      new (allocate_with_text<StringInfo>(value.size())) StringInfo(value);
   clear();
   mType = TYPE_STRING;
   mStringInfo = info;
@@ -192,11 +195,74 @@ void VKTWriterValue::append(const std::string& key, const VKTWriterValue& ref) {
 
 VKTWriterValue& VKTWriterValue::operator[](const std::string& key) {
   toObject();
-  VKTWriterValue*& member = mObjectInfo->mObjectValue[key];
-  if (member == nullptr) member = new VKTWriterValue;
-  return *member;
+  return mObjectInfo->at(key);
 }
 
 VKTWriterValue& VKTWriterValue::operator[](const char* key) {
-  return (*this)[std::string(key)];
+  toObject();
+  return mObjectInfo->at(key);
+}
+
+namespace {
+
+// An object starts indexing its members once a scan would cost more than a
+// hash; the index keeps at least half of its slots free.
+const size_t kIndexFrom = 16;
+
+}  // namespace
+
+VKTWriterValue& VKTWriterValue::ObjectInfo::at(std::string_view key) {
+  const vkt_u64 hash = mIndex.empty() ? 0 : hash_bytes(key.data(), key.size());
+  if (Member* m = find(key, hash)) return m->mValue;
+  Member* m = new (allocate_with_text<Member>(key.size())) Member(key);
+  if (mSorted && !mMembers.empty() && mMembers.back()->key() > key) {
+    mSorted = false;
+  }
+  mMembers.push_back(m);
+  if (mMembers.size() * 2 > mIndex.size()) {
+    if (mMembers.size() >= kIndexFrom) rebuildIndex();
+  } else {
+    insertIndex(m, hash);
+  }
+  return m->mValue;
+}
+
+VKTWriterValue::Member* VKTWriterValue::ObjectInfo::find(std::string_view key,
+                                                         vkt_u64 hash) const {
+  if (mIndex.empty()) {
+    for (Member* m : mMembers) {
+      if (m->key() == key) return m;
+    }
+    return nullptr;
+  }
+  const size_t mask = mIndex.size() - 1;
+  for (size_t i = size_t(hash) & mask;; i = (i + 1) & mask) {
+    Member* m = mIndex[i];
+    if (m == nullptr || m->key() == key) return m;
+  }
+}
+
+void VKTWriterValue::ObjectInfo::insertIndex(Member* m, vkt_u64 hash) {
+  const size_t mask = mIndex.size() - 1;
+  size_t i = size_t(hash) & mask;
+  while (mIndex[i] != nullptr) i = (i + 1) & mask;
+  mIndex[i] = m;
+}
+
+void VKTWriterValue::ObjectInfo::rebuildIndex() {
+  size_t slots = 2 * kIndexFrom;
+  while (slots < mMembers.size() * 4) slots *= 2;
+  mIndex.assign(slots, nullptr);
+  for (Member* m : mMembers) {
+    insertIndex(m, hash_bytes(m->key().data(), m->key().size()));
+  }
+}
+
+void VKTWriterValue::ObjectInfo::sort() const {
+  if (mSorted) return;
+  // Keys are unique, so any sort gives the one order.
+  std::sort(
+      mMembers.begin(), mMembers.end(),
+      [](const Member* a, const Member* b) { return a->key() < b->key(); });
+  mSorted = true;
 }

@@ -1,0 +1,192 @@
+// The tables of one writeImage call. The first walk (prepare) interns every
+// key, string and stream payload through hash tables and stores the entry's
+// id in the tree; numbering then sorts each table once, and the second walk
+// (createImage) turns an id into its tag by one array read. The value walk
+// builds the root value in one growing buffer with per-depth scratch space,
+// so a container allocates nothing of its own.
+#ifndef VKT_WRITER_TABLES_H_
+#define VKT_WRITER_TABLES_H_
+
+#include <algorithm>
+#include <deque>
+#include <string_view>
+#include <vector>
+
+#include "vkt/writer_blocks.h"
+
+// Distinct entries in first-seen order, found by hash; after number(), the
+// ids in table order and each id's place in it. Traits gives hash(e),
+// equal(a, b) and less(a, b), the table order.
+template <typename Entry, typename Traits>
+class Interner {
+ public:
+  vkt_u32 add(const Entry& e) {
+    if ((mEntries.size() + 1) * 2 > mSlots.size()) grow();
+    const vkt_u64 h = Traits::hash(e);
+    const size_t mask = mSlots.size() - 1;
+    for (size_t i = size_t(h) & mask;; i = (i + 1) & mask) {
+      const vkt_u32 slot = mSlots[i];
+      if (slot == 0) {
+        mEntries.push_back(e);
+        mHashes.push_back(h);
+        mSlots[i] = vkt_u32(mEntries.size());
+        return mSlots[i] - 1;
+      }
+      if (mHashes[slot - 1] == h && Traits::equal(mEntries[slot - 1], e)) {
+        return slot - 1;
+      }
+    }
+  }
+
+  // Sorts once; after this tag(id) is the entry's place in table order.
+  void number() {
+    mOrder.resize(mEntries.size());
+    for (vkt_u32 i = 0; i < mOrder.size(); ++i) mOrder[i] = i;
+    std::sort(mOrder.begin(), mOrder.end(), [this](vkt_u32 a, vkt_u32 b) {
+      return Traits::less(mEntries[a], mEntries[b]);
+    });
+    mRank.resize(mEntries.size());
+    for (vkt_u32 i = 0; i < mOrder.size(); ++i) mRank[mOrder[i]] = i;
+  }
+
+  vkt_u32 tag(vkt_u32 id) const { return mRank[id]; }
+  size_t size() const { return mEntries.size(); }
+  // The entry at place `index` of the table order.
+  const Entry& sorted(size_t index) const { return mEntries[mOrder[index]]; }
+
+ private:
+  void grow() {
+    mSlots.assign(mSlots.empty() ? 64 : mSlots.size() * 2, 0);
+    const size_t mask = mSlots.size() - 1;
+    for (vkt_u32 id = 0; id < mEntries.size(); ++id) {
+      size_t i = size_t(mHashes[id]) & mask;
+      while (mSlots[i] != 0) i = (i + 1) & mask;
+      mSlots[i] = id + 1;
+    }
+  }
+
+  std::vector<Entry> mEntries;
+  std::vector<vkt_u64> mHashes;
+  std::vector<vkt_u32> mSlots;  // id + 1, 0 for a free slot
+  std::vector<vkt_u32> mOrder;
+  std::vector<vkt_u32> mRank;
+};
+
+// Keys and strings: views of text owned by the tree, which holds still
+// while the image is written. Ordered as unsigned bytes, a prefix first.
+struct TextTraits {
+  static vkt_u64 hash(std::string_view s) {
+    return hash_bytes(s.data(), s.size());
+  }
+  static bool equal(std::string_view a, std::string_view b) { return a == b; }
+  static bool less(std::string_view a, std::string_view b) { return a < b; }
+};
+
+// One stream payload, not owned. Equal entries are one payload: memory by
+// its bytes, a reader by its identity. The table order is alignment, then
+// size, then bytes for memory, readers (after memory) by address.
+struct StreamEntry {
+  const vkt_u8* ptr;
+  vkt_u32 size;
+  vkt_u32 alignment;
+  VKTReadStream* reader;
+};
+
+struct StreamTraits {
+  static vkt_u64 hash(const StreamEntry& e) {
+    vkt_u64 h = (vkt_u64(e.alignment) << 32 | e.size) * 0x9E3779B97F4A7C15ull;
+    if (e.reader != nullptr) return h ^ hash_bytes(&e.reader, sizeof e.reader);
+    return h ^ hash_bytes(e.ptr, e.size);
+  }
+  static bool equal(const StreamEntry& a, const StreamEntry& b) {
+    return !less(a, b) && !less(b, a);
+  }
+  static bool less(const StreamEntry& a, const StreamEntry& b) {
+    if (a.alignment != b.alignment) return a.alignment < b.alignment;
+    if (a.size != b.size) return a.size < b.size;
+    if (a.reader == nullptr && b.reader == nullptr) {
+      if (a.ptr == b.ptr || a.size == 0) return false;
+      return std::memcmp(a.ptr, b.ptr, a.size) < 0;
+    }
+    return std::less<const VKTReadStream*>()(a.reader, b.reader);
+  }
+};
+
+// The element images of the container being written at one depth, each
+// stored once: an entry names a stretch of the value buffer by offset and
+// length, so an image is compared where it lies and never copied.
+class SiblingImages {
+ public:
+  // Starts a container of at most `count` elements.
+  void reset(size_t count) {
+    size_t slots = 16;
+    while (slots < count * 2) slots *= 2;
+    mSlots.assign(slots, 0);
+    mStretches.clear();
+  }
+
+  // The image just written at [begin, end) of `buffer`: answers the offset
+  // of an equal image stored before, or `begin` when it is new.
+  vkt_u32 place(const vkt_binary& buffer, vkt_u32 begin, vkt_u32 end) {
+    const vkt_u8* p = buffer.data();
+    const vkt_u32 length = end - begin;
+    const vkt_u64 h = hash_bytes(p + begin, length);
+    const size_t mask = mSlots.size() - 1;
+    for (size_t i = size_t(h) & mask;; i = (i + 1) & mask) {
+      const vkt_u32 slot = mSlots[i];
+      if (slot == 0) {
+        mStretches.push_back(Stretch{begin, length, h});
+        mSlots[i] = vkt_u32(mStretches.size());
+        return begin;
+      }
+      const Stretch& s = mStretches[slot - 1];
+      if (s.hash == h && s.length == length &&
+          std::memcmp(p + s.offset, p + begin, length) == 0) {
+        return s.offset;
+      }
+    }
+  }
+
+ private:
+  struct Stretch {
+    vkt_u32 offset;
+    vkt_u32 length;
+    vkt_u64 hash;
+  };
+  std::vector<vkt_u32> mSlots;  // stretch index + 1, 0 for a free slot
+  std::vector<Stretch> mStretches;
+};
+
+struct VKTWriterObject::Tables {
+  explicit Tables(bool optimize) : optimize(optimize) {}
+
+  // Sorts every table once all entries are in.
+  void number() {
+    keys.number();
+    strings.number();
+    streams.number();
+    bstreams.number();
+  }
+
+  // Scratch space of one container depth; a deque keeps a level's address
+  // while deeper levels are added.
+  struct Level {
+    std::vector<vkt_u32> keys;
+    std::vector<vkt_u32> offsets;
+    SiblingImages siblings;
+  };
+  Level& level(size_t depth) {
+    while (levels.size() <= depth) levels.emplace_back();
+    return levels[depth];
+  }
+
+  Interner<std::string_view, TextTraits> keys;
+  Interner<std::string_view, TextTraits> strings;
+  Interner<StreamEntry, StreamTraits> streams;
+  Interner<StreamEntry, StreamTraits> bstreams;
+  const bool optimize;  // share equal element images within a container
+  std::deque<Level> levels;
+  size_t depth = 0;  // of the container being written
+};
+
+#endif  // VKT_WRITER_TABLES_H_
