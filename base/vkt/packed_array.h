@@ -64,11 +64,14 @@ static inline vkt_u32 max_of(const std::vector<vkt_u32>& values) {
   return values.empty() ? 0 : *std::max_element(values.begin(), values.end());
 }
 
+// Encoded size of `count` elements of `width` bytes each.
+static inline vkt_u32 unsigned_array_size(vkt_u32 count, vkt_u32 width) {
+  return 1 + unsigned_width(count) + 1 + count * width;
+}
+
 static inline vkt_u32 unsigned_array_size(const std::vector<vkt_u32>& values) {
-  vkt_u8 buf[SCALAR_BUFFER_SIZE];
-  generate_unsigned(buf, vkt_u32(values.size()), ID_UNSIGNED8);
-  return get_value_size(buf) + 1 +
-         vkt_u32(values.size()) * unsigned_width(max_of(values));
+  return unsigned_array_size(vkt_u32(values.size()),
+                             unsigned_width(max_of(values)));
 }
 
 // The caller provides unsigned_array_size(values) bytes at p.

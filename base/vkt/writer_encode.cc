@@ -9,8 +9,9 @@
 //
 // With sharing on, byte-identical element images of one container are stored
 // once in its entity area and their offsets repeat. A container writes its
-// elements straight into the value buffer and then slides them up to make
-// room for its arrays, whose widths are known only at the end.
+// elements straight into the value buffer behind room for its head; the
+// offsets' width is known only at the end, and a wider one than guessed
+// slides the elements up once.
 #include "vkt/packed_array.h"
 #include "vkt/writer_tables.h"
 
@@ -82,8 +83,20 @@ void VKTWriterValue::createImage(VKTWriterObject::Tables& tables,
       VKTWriterObject::Tables::Level& level = tables.level(tables.depth);
       level.keys.clear();
       level.offsets.clear();
+      if (!isArray) {
+        for (const Member* member : mObjectInfo->mMembers) {
+          level.keys.push_back(tables.keys.tag(member->mKeyTag));
+        }
+      }
       if (tables.optimize) level.siblings.reset(count);
+      // Room for the head as if every offset took one byte, the common case;
+      // wider offsets slide the entity area up once at the end.
+      const vkt_u32 keysSize = isArray ? 0 : unsigned_array_size(level.keys);
       const vkt_u32 start = vkt_u32(image->size());
+      const vkt_u32 reserved =
+          1 + keysSize + unsigned_array_size(vkt_u32(count), 1);
+      image->resize(start + reserved);
+      const vkt_u32 entityStart = start + reserved;
       ++tables.depth;
       auto add = [&](const VKTWriterValue& element) {
         const vkt_u32 begin = vkt_u32(image->size());
@@ -93,24 +106,22 @@ void VKTWriterValue::createImage(VKTWriterObject::Tables& tables,
           offset = level.siblings.place(*image, begin, vkt_u32(image->size()));
           if (offset != begin) image->resize(begin);  // stored before
         }
-        level.offsets.push_back(offset - start);
+        level.offsets.push_back(offset - entityStart);
       };
       if (isArray) {
         for (const VKTWriterValue& element : mArrayInfo->mArrayValue) {
           add(element);
         }
       } else {
-        for (const Member* member : mObjectInfo->mMembers) {
-          level.keys.push_back(tables.keys.tag(member->mKeyTag));
-          add(member->mValue);
-        }
+        for (const Member* member : mObjectInfo->mMembers) add(member->mValue);
       }
       --tables.depth;
       // ID | [key array] | offset array, in front of the entity area.
-      const vkt_u32 keysSize = isArray ? 0 : unsigned_array_size(level.keys);
       const vkt_u32 headSize =
           1 + keysSize + unsigned_array_size(level.offsets);
-      image->insert(image->begin() + start, headSize, 0);
+      if (headSize > reserved) {
+        image->insert(image->begin() + entityStart, headSize - reserved, 0);
+      }
       vkt_u8* p = image->data() + start;
       *p++ = isArray ? ID_ARRAY : ID_OBJECT;
       if (!isArray) generate_unsigned_array(p, level.keys);

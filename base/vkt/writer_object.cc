@@ -215,6 +215,9 @@ void VKTWriterObject::writeImage(const VKTWriterValue& root,
 
   // Offsets count from the image's first byte, wherever the sink stands.
   const vkt_u32 start = writer.Offset();
+  if (auto* binary = dynamic_cast<VKTBinaryWriteStream*>(&writer)) {
+    binary->reserve(ofstStreamEntity + streams.size);  // the whole image
+  }
   writer.Write(header, headerSize);
   writer.Write(keyImage);
   writer.Write(rootImage);
