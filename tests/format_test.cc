@@ -19,7 +19,8 @@ TEST(Checksums, Adler32AndHeaderCoverage) {
   // clang-format on
   const vkt_u32 v4 = header_checksum(h.data(), 4);
   const vkt_u32 v3 = header_checksum(h.data(), 3);
-  EXPECT_TRUE(v4 == 0x664C04A5u && v3 == ::adler32(1, &h[8], 32));
+  EXPECT_EQ(v4, 0x664C04A5u);
+  EXPECT_EQ(v3, ::adler32(1, &h[8], 32));
   // Version 3 covers bytes 8..39; version 4 adds 44..55.
   for (size_t i = 0; i < h.size(); h[i++] ^= 0x10) {
     h[i] ^= 0x10;

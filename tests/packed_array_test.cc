@@ -25,12 +25,14 @@ TEST(PackedArray, BytesAtEveryBoundaryAndReadBack) {
     concat_unsigned_array(bytes, values);
     // The byte in front stays, and behind it lies what create makes.
     const vkt_binary made(bytes.begin() + 1, bytes.end());
-    EXPECT_TRUE(bytes[0] == 0xAB && made == create_unsigned_array(values));
+    EXPECT_EQ(bytes[0], 0xAB);
+    EXPECT_EQ(made, create_unsigned_array(values));
     const size_t n = std::min(made.size(), hex(want).size());
     EXPECT_EQ(to_hex(vkt_binary(made.begin(), made.begin() + n)), want);
     unsigned_array a;
     setup_unsigned_array(&a, &bytes[1]);
-    EXPECT_TRUE(a.size == made.size() && a.size == unsigned_array_size(values));
+    EXPECT_EQ(a.size, made.size());
+    EXPECT_EQ(a.size, unsigned_array_size(values));
     for (vkt_u32 i = 0; i < values.size(); ++i)
       if (get_unsigned_array(&a, i) != values[i]) FAIL() << "element " << i;
   }

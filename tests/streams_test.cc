@@ -56,7 +56,8 @@ TEST(WriteStreams, CopiesAReaderFromItsStartInBlocks) {
     sink.VKTWriteStream::Write(&reader);
     sink.VKTWriteStream::Write(vkt_binary());  // no call for an empty vector
     // Blocks of 8192 bytes: one call for 8192, two for 8193.
-    EXPECT_TRUE(sink.calls.size() == n - 8191 && sink.calls[0] == 8192);
+    EXPECT_EQ(sink.calls.size(), n - 8191);
+    EXPECT_EQ(sink.calls[0], 8192u);
     EXPECT_TRUE(sink.bytes == data);
   }
 }
