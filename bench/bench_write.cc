@@ -1,13 +1,72 @@
-// Writer benchmarks: the double-array key table builder as the key count
-// grows, a whole image of a wide object, and a large stream payload copied
-// from a read stream into a sink that stores nothing.
+// Writer benchmarks.
+//
+// - Encode/<format>/<sample>: the three sample documents, parsed once, then
+//   encoded from the parsed value: vkt (tree build + createImage, and each
+//   step alone) side by side with FlexBuffers (default and share-all) and
+//   MessagePack. Each reports the encoded size and the heap peak of one
+//   encode (live bytes above the start, tree included).
+// - Records/n: n synthetic records of 7 fields (id, name, score, active, two
+//   tags, count) built and written; time per record, MB/s of image, heap peak
+//   and its ratio to the image size.
+// - The double-array key table builder as the key count grows, a whole image
+//   of a wide object, and a large stream payload copied from a read stream
+//   into a sink that stores nothing.
 #include <benchmark/benchmark.h>
 
+#include <cstdlib>
+#include <functional>
+#include <new>
 #include <random>
 #include <set>
 #include <string>
+#include <string_view>
 
+#include "corpus.h"
 #include "vkt.h"
+
+// ---------------------------------------------------------------------------
+// Heap accounting: every operator new of this program carries its size in a
+// 16-byte prefix, so live bytes and their peak can be followed.
+// ---------------------------------------------------------------------------
+
+namespace {
+
+// The benchmarks run on one thread, so plain counters serve.
+size_t gLive = 0;
+size_t gPeak = 0;
+
+void* counted_alloc(size_t size) {
+  void* p = std::malloc(size + 16);
+  if (p == nullptr) throw std::bad_alloc();
+  *static_cast<size_t*>(p) = size;
+  gLive += size;
+  if (gLive > gPeak) gPeak = gLive;
+  return static_cast<char*>(p) + 16;
+}
+
+void counted_free(void* p) {
+  if (p == nullptr) return;
+  void* block = static_cast<char*>(p) - 16;
+  gLive -= *static_cast<size_t*>(block);
+  std::free(block);
+}
+
+// Heap bytes live at the peak of `work`, above what was live before it.
+size_t heap_peak(const std::function<void()>& work) {
+  const size_t before = gLive;
+  gPeak = before;
+  work();
+  return gPeak - before;
+}
+
+}  // namespace
+
+void* operator new(size_t size) { return counted_alloc(size); }
+void* operator new[](size_t size) { return counted_alloc(size); }
+void operator delete(void* p) noexcept { counted_free(p); }
+void operator delete[](void* p) noexcept { counted_free(p); }
+void operator delete(void* p, size_t) noexcept { counted_free(p); }
+void operator delete[](void* p, size_t) noexcept { counted_free(p); }
 
 // The benchmarks' window on the key table builder, which is private.
 class VKTTestAccess {
@@ -21,6 +80,124 @@ class VKTTestAccess {
 };
 
 namespace {
+
+// ---------------------------------------------------------------------------
+// Encode of the sample documents.
+// ---------------------------------------------------------------------------
+
+// Runs `encode` (which answers the encoded size) in the timed loop and
+// reports the size and the heap peak of one extra, untimed run.
+void run_encode(benchmark::State& state,
+                const std::function<size_t()>& encode) {
+  size_t bytes = 0;
+  for (auto _ : state) {
+    bytes = encode();
+    benchmark::DoNotOptimize(bytes);
+  }
+  state.counters["bytes"] = double(bytes);
+  state.counters["heap_peak"] = double(heap_peak([&] { encode(); }));
+  state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(bytes));
+}
+
+void register_encode(const std::string& name) {
+  // The parsed documents live for the whole program.
+  auto* parser = new simdjson::dom::parser;
+  const simdjson::dom::element doc = load_corpus(name, *parser);
+  auto add = [&](const std::string& what, std::function<size_t()> encode) {
+    benchmark::RegisterBenchmark(
+        ("Encode/" + what + "/" + name).c_str(),
+        [encode](benchmark::State& state) { run_encode(state, encode); })
+        ->Unit(benchmark::kMillisecond);
+  };
+
+  add("vkt", [doc] {
+    VKTWriterValue root;
+    json_to_writer(doc, &root);
+    return VKTWriterObject().createImage(root).size();
+  });
+  add("vkt_build", [doc] {
+    VKTWriterValue root;
+    json_to_writer(doc, &root);
+    return size_t(0);
+  });
+  auto* tree = new VKTWriterValue;
+  json_to_writer(doc, tree);
+  add("vkt_write",
+      [tree] { return VKTWriterObject().createImage(*tree).size(); });
+#if VKT_BENCH_HAVE_FLEXBUFFERS
+  for (const bool shareAll : {false, true}) {
+    add(shareAll ? "flex_share_all" : "flex", [doc, shareAll] {
+      flexbuffers::Builder b(512, shareAll
+                                      ? flexbuffers::BUILDER_FLAG_SHARE_ALL
+                                      : flexbuffers::BUILDER_FLAG_SHARE_KEYS);
+      json_to_flexbuffers(doc, b);
+      b.Finish();
+      return b.GetBuffer().size();
+    });
+  }
+#endif
+#if VKT_BENCH_HAVE_MSGPACK
+  add("msgpack", [doc] {
+    msgpack::sbuffer buffer;
+    msgpack::packer<msgpack::sbuffer> pk(buffer);
+    json_to_msgpack(doc, pk);
+    return buffer.size();
+  });
+#endif
+}
+
+// ---------------------------------------------------------------------------
+// Scaling: n synthetic records.
+// ---------------------------------------------------------------------------
+
+const char* const kTags[] = {"red",     "green",  "blue",  "cyan",
+                             "magenta", "yellow", "black", "white"};
+
+// An array of n records, the same every run.
+void build_records(size_t n, VKTWriterValue* root) {
+  std::mt19937 rng(7);
+  root->toArray();
+  for (size_t i = 0; i < n; ++i) {
+    VKTWriterValue& r = (*root)[vkt_u32(i)];
+    r["id"] = vkt_s32(i);
+    r["name"] = "user" + std::to_string(rng() % 100000);
+    r["score"] = double(rng() % 10000) / 100;
+    r["active"] = (rng() & 1) != 0;
+    VKTWriterValue& tags = r["tags"];
+    tags[0] = kTags[rng() % 8];
+    tags[1] = kTags[rng() % 8];
+    r["count"] = vkt_s32(rng() % 1000);
+  }
+}
+
+void BM_Records(benchmark::State& state) {
+  const size_t n = size_t(state.range(0));
+  size_t bytes = 0;
+  auto once = [&] {
+    VKTWriterValue root;
+    build_records(n, &root);
+    bytes = VKTWriterObject().createImage(root).size();
+  };
+  for (auto _ : state) once();
+  const size_t peak = heap_peak(once);
+  state.counters["ns_per_record"] = benchmark::Counter(
+      double(n) * 1e-9, benchmark::Counter::kIsIterationInvariantRate |
+                            benchmark::Counter::kInvert);
+  state.counters["image_bytes"] = double(bytes);
+  state.counters["heap_peak"] = double(peak);
+  state.counters["peak_per_image"] = double(peak) / double(bytes);
+  state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(bytes));
+}
+BENCHMARK(BM_Records)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Arg(1000000)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(3);
+
+// ---------------------------------------------------------------------------
+// Key table, wide object, stream payload from a reader.
+// ---------------------------------------------------------------------------
 
 // Distinct random words of 3 to 20 lowercase letters, the same every run.
 std::set<std::string> random_words(size_t count) {
@@ -115,4 +292,11 @@ BENCHMARK(BM_WriteStreamFromReader)->Arg(1024)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  for (const char* name : kCorpusNames) register_encode(name);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

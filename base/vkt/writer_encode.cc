@@ -15,7 +15,23 @@
 #include "vkt/packed_array.h"
 #include "vkt/writer_tables.h"
 
+namespace {
+
+// A likely size of each value's image by type, for reserving the value
+// buffer up front: scalars at their widest, tags at two bytes, a container's
+// head with one-byte keys and offsets (sharing only makes images smaller).
+const vkt_u8 kSizeHint[] = {0, 1, 1, 5, 9, 0, 0, 3, 3, 0, 5, 9, 0, 0};
+static_assert(sizeof(kSizeHint) == TYPE_OBJECT + 1, "one entry per type");
+
+vkt_u32 head_hint(size_t count, bool withKeys) {
+  const vkt_u32 n = vkt_u32(count);
+  return 1 + unsigned_array_size(n, 1) * (withKeys ? 2 : 1);
+}
+
+}  // namespace
+
 void VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
+  tables.sizeHint += kSizeHint[mType];
   switch (mType) {
     case TYPE_STRING:
       mStringInfo->mTag = tables.strings.add(mStringInfo->text());
@@ -30,11 +46,13 @@ void VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
       break;
     }
     case TYPE_ARRAY:
+      tables.sizeHint += head_hint(mArrayInfo->mArrayValue.size(), false);
       for (const VKTWriterValue& element : mArrayInfo->mArrayValue) {
         element.prepare(tables);
       }
       break;
     case TYPE_OBJECT:
+      tables.sizeHint += head_hint(mObjectInfo->mMembers.size(), true);
       mObjectInfo->sort();
       for (const Member* member : mObjectInfo->mMembers) {
         member->mKeyTag = tables.keys.add(member->key());

@@ -133,6 +133,7 @@ void VKTWriterObject::writeImage(const VKTWriterValue& root,
   const EntityLayout bstreams = layout_entity(tables.bstreams);
 
   vkt_binary rootImage;
+  rootImage.reserve(tables.sizeHint);
   root.createImage(tables, &rootImage);
 
   vkt_binary stringOffsetImage = create_unsigned_array(stringOffsetArray);

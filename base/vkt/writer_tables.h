@@ -117,42 +117,54 @@ struct StreamTraits {
 // length, so an image is compared where it lies and never copied.
 class SiblingImages {
  public:
-  // Starts a container of at most `count` elements.
+  // Starts a container of at most `count` elements. A small one is
+  // searched by a scan of the hashes, a larger one through a hash table.
   void reset(size_t count) {
-    size_t slots = 16;
+    mStretches.clear();
+    mSlots.clear();
+    if (count <= kScanUpTo) return;
+    size_t slots = 2 * kScanUpTo;
     while (slots < count * 2) slots *= 2;
     mSlots.assign(slots, 0);
-    mStretches.clear();
   }
 
   // The image just written at [begin, end) of `buffer`: answers the offset
   // of an equal image stored before, or `begin` when it is new.
   vkt_u32 place(const vkt_binary& buffer, vkt_u32 begin, vkt_u32 end) {
     const vkt_u8* p = buffer.data();
-    const vkt_u32 length = end - begin;
-    const vkt_u64 h = hash_bytes(p + begin, length);
+    const Stretch image{begin, end - begin, hash_bytes(p + begin, end - begin)};
+    if (mSlots.empty()) {
+      for (const Stretch& s : mStretches) {
+        if (equal(p, s, image)) return s.offset;
+      }
+      mStretches.push_back(image);
+      return begin;
+    }
     const size_t mask = mSlots.size() - 1;
-    for (size_t i = size_t(h) & mask;; i = (i + 1) & mask) {
+    for (size_t i = size_t(image.hash) & mask;; i = (i + 1) & mask) {
       const vkt_u32 slot = mSlots[i];
       if (slot == 0) {
-        mStretches.push_back(Stretch{begin, length, h});
+        mStretches.push_back(image);
         mSlots[i] = vkt_u32(mStretches.size());
         return begin;
       }
-      const Stretch& s = mStretches[slot - 1];
-      if (s.hash == h && s.length == length &&
-          std::memcmp(p + s.offset, p + begin, length) == 0) {
-        return s.offset;
+      if (equal(p, mStretches[slot - 1], image)) {
+        return mStretches[slot - 1].offset;
       }
     }
   }
 
  private:
+  static const size_t kScanUpTo = 8;
   struct Stretch {
     vkt_u32 offset;
     vkt_u32 length;
     vkt_u64 hash;
   };
+  static bool equal(const vkt_u8* p, const Stretch& a, const Stretch& b) {
+    return a.hash == b.hash && a.length == b.length &&
+           std::memcmp(p + a.offset, p + b.offset, a.length) == 0;
+  }
   std::vector<vkt_u32> mSlots;  // stretch index + 1, 0 for a free slot
   std::vector<Stretch> mStretches;
 };
@@ -186,7 +198,8 @@ struct VKTWriterObject::Tables {
   Interner<StreamEntry, StreamTraits> bstreams;
   const bool optimize;  // share equal element images within a container
   std::deque<Level> levels;
-  size_t depth = 0;  // of the container being written
+  size_t depth = 0;     // of the container being written
+  size_t sizeHint = 0;  // the root value's likely size, summed by prepare
 };
 
 #endif  // VKT_WRITER_TABLES_H_

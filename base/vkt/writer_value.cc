@@ -218,6 +218,7 @@ VKTWriterValue& VKTWriterValue::ObjectInfo::at(std::string_view key) {
   if (mSorted && !mMembers.empty() && mMembers.back()->key() > key) {
     mSorted = false;
   }
+  if (mMembers.empty()) mMembers.reserve(4);  // skips the smallest growths
   mMembers.push_back(m);
   if (mMembers.size() * 2 > mIndex.size()) {
     if (mMembers.size() >= kIndexFrom) rebuildIndex();
