@@ -60,3 +60,31 @@ TEST(WriterEncode, ValueImages) {
   image = A::valueImage(tags);
   EXPECT_EQ(to_hex({image.end() - 2, image.end()}), "15 FF");
 }
+
+// Past a handful of elements, equal images are found by hash; an entity area
+// beyond 255 bytes widens the offsets, and the container around it sees the
+// wider image.
+TEST(WriterEncode, LargeContainersShareAndWidenOffsets) {
+  VKTWriterValue repeats, wide, outer;
+  std::string offsets, entity;
+  for (int i = 0; i < 40; ++i) repeats[i] = i % 5;  // 04, 05 01 .. 05 04
+  for (int i = 0; i < 40; ++i)
+    offsets += " " + to_hex({vkt_u8(i % 5 ? 2 * (i % 5) - 1 : 0)});
+  EXPECT_EQ(
+      to_hex(A::valueImage(repeats)),
+      to_hex(hex("20 0D 28 0D" + offsets + " 04 05 01 05 02 05 03 05 04")));
+  offsets.clear();
+  for (int i = 0; i < 100; ++i) {
+    wide[i] = 1.5 + i;
+    vkt_u8 b[8];
+    write_double_float(b, 1.5 + i);
+    offsets += " " + to_hex({vkt_u8(9 * i), vkt_u8(9 * i >> 8)});
+    entity += " 1F " + to_hex({b, b + 8});
+  }
+  const std::string wideImage = "20 0D 64 0E" + offsets + entity;  // 1104 bytes
+  EXPECT_EQ(to_hex(A::valueImage(wide)), to_hex(hex(wideImage)));
+  outer[0] = wide;
+  outer[1] = 1;
+  EXPECT_EQ(to_hex(A::valueImage(outer)),
+            to_hex(hex("20 0D 02 0E 00 00 50 04 " + wideImage + " 05 01")));
+}

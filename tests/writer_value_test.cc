@@ -2,6 +2,8 @@
 // reader deleted with the last node holding it.
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include "testutil.h"
 
 using A = VKTTestAccess;
@@ -28,4 +30,33 @@ TEST(WriterValue, CopiesShareOneBlock) {
   r = r["child"];  // held only by the block it replaces
   r = r[0];
   EXPECT_EQ(to_hex(A::valueImage(r, false)), "20 0D 02 0D 00 01 01 05 02");
+}
+
+// Members live in insertion order until a write sorts them; small objects
+// are scanned and larger ones indexed. Whatever the order of insertion, each
+// key stays one member whose reference stays good, and the image is the same.
+TEST(WriterValue, MembersKeepOneNodePerKeyInAnyInsertionOrder) {
+  for (const int count : {3, 16, 17, 100}) {
+    std::vector<std::string> keys = {"\xC3", ""};  // last and first in order
+    for (int i = 0; i < count; ++i)
+      keys.push_back(std::to_string(i * 7919 % 1000));
+    VKTWriterValue sorted, shuffled;
+    std::vector<VKTWriterValue*> refs;
+    for (const std::string& k : keys) refs.push_back(&shuffled[k]);
+    VKTWriterObject writer;
+    writer.createImage(shuffled);  // sorts the members it walks
+    for (size_t i = 0; i < keys.size(); ++i) {
+      *refs[i] = int(i);
+      EXPECT_EQ(&shuffled[keys[i]], refs[i]) << count << " " << keys[i];
+    }
+    shuffled["new"] = true;  // grows after the sort
+    for (const std::string& k :
+         std::set<std::string>(keys.begin(), keys.end())) {
+      sorted[k];
+    }
+    for (size_t i = 0; i < keys.size(); ++i) sorted[keys[i]] = int(i);
+    sorted["new"] = true;
+    EXPECT_EQ(writer.createImage(shuffled), writer.createImage(sorted))
+        << count;
+  }
 }

@@ -35,6 +35,8 @@ static inline vkt_u64 hash_bytes(const void* data, size_t n) {
   vkt_u64 w = 0;
   std::memcpy(&w, p, n);
   h = (h ^ w) * kMul;
+  h ^= h >> 32;  // the tables index by the low bits: fold the high ones in
+  h *= 0xD6E8FEB86659FD93ull;
   return h ^ (h >> 32);
 }
 
