@@ -435,7 +435,8 @@ class VKTWriterObject {
   struct Tables;
 
   // Appends the double-array key table of `keys` to *image. The keys are
-  // sorted as unsigned bytes (a prefix first), unique, and free of NUL.
+  // sorted as unsigned bytes (a prefix first), unique, free of NUL, and each
+  // is followed by a NUL in memory (as std::string and member keys are).
   static void createDAImage(const std::vector<std::string_view>& keys,
                             vkt_binary* image);
 

@@ -20,9 +20,10 @@ const vkt_u32 CODE_COUNT = 256;  // a code is a key byte, 0 the terminator
 
 typedef std::vector<std::string_view>::const_iterator key_iterator;
 
-// The key's byte at `index`; the terminator 0 when the key ends there.
+// The key's byte at `index`; the terminator 0 when the key ends there (every
+// key is followed by a NUL in memory).
 inline vkt_u32 code_at(key_iterator key, vkt_u32 index) {
-  return index < key->size() ? vkt_u8((*key)[index]) : 0;
+  return vkt_u8(key->data()[index]);
 }
 
 class DABuilder {

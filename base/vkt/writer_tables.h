@@ -132,14 +132,18 @@ class SiblingImages {
   // of an equal image stored before, or `begin` when it is new.
   vkt_u32 place(const vkt_binary& buffer, vkt_u32 begin, vkt_u32 end) {
     const vkt_u8* p = buffer.data();
-    const Stretch image{begin, end - begin, hash_bytes(p + begin, end - begin)};
-    if (mSlots.empty()) {
+    Stretch image{begin, end - begin, 0};
+    if (mSlots.empty()) {  // a few images: compare them, no hash needed
       for (const Stretch& s : mStretches) {
-        if (equal(p, s, image)) return s.offset;
+        if (s.length == image.length &&
+            std::memcmp(p + s.offset, p + begin, s.length) == 0) {
+          return s.offset;
+        }
       }
       mStretches.push_back(image);
       return begin;
     }
+    image.hash = hash_bytes(p + begin, image.length);
     const size_t mask = mSlots.size() - 1;
     for (size_t i = size_t(image.hash) & mask;; i = (i + 1) & mask) {
       const vkt_u32 slot = mSlots[i];

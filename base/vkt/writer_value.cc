@@ -184,7 +184,11 @@ void VKTWriterValue::append(const VKTWriterValue& ref) {
 VKTWriterValue& VKTWriterValue::operator[](vkt_u32 index) {
   toArray();
   std::vector<VKTWriterValue>& elements = mArrayInfo->mArrayValue;
-  if (elements.size() <= index) elements.resize(size_t(index) + 1);
+  if (elements.size() <= index) {
+    // Filling an array one index at a time: start with room for a pair.
+    if (elements.capacity() == 0 && index == 0) elements.reserve(2);
+    elements.resize(size_t(index) + 1);
+  }
   return elements[index];
 }
 
