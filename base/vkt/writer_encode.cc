@@ -23,6 +23,13 @@ namespace {
 const vkt_u8 kSizeHint[] = {0, 1, 1, 5, 9, 0, 0, 3, 3, 0, 5, 9, 0, 0};
 static_assert(sizeof(kSizeHint) == TYPE_OBJECT + 1, "one entry per type");
 
+// Makes room for `more` bytes. The buffer starts at the size prepare noted,
+// which is seldom far off, so it grows by halves rather than doubling.
+void room_for(vkt_binary* image, size_t more) {
+  const size_t need = image->size() + more;
+  if (need > image->capacity()) image->reserve(need + image->capacity() / 2);
+}
+
 vkt_u32 head_hint(size_t count, bool withKeys) {
   const vkt_u32 n = vkt_u32(count);
   return 1 + unsigned_array_size(n, 1) * (withKeys ? 2 : 1);
@@ -113,6 +120,7 @@ void VKTWriterValue::createImage(VKTWriterObject::Tables& tables,
       const vkt_u32 start = vkt_u32(image->size());
       const vkt_u32 reserved =
           1 + keysSize + unsigned_array_size(vkt_u32(count), 1);
+      room_for(image, reserved);
       image->resize(start + reserved);
       const vkt_u32 entityStart = start + reserved;
       ++tables.depth;
@@ -138,6 +146,7 @@ void VKTWriterValue::createImage(VKTWriterObject::Tables& tables,
       const vkt_u32 headSize =
           1 + keysSize + unsigned_array_size(level.offsets);
       if (headSize > reserved) {
+        room_for(image, headSize - reserved);
         image->insert(image->begin() + entityStart, headSize - reserved, 0);
       }
       vkt_u8* p = image->data() + start;
@@ -150,5 +159,7 @@ void VKTWriterValue::createImage(VKTWriterObject::Tables& tables,
       buf[0] = ID_NULL;
       break;
   }
-  image->insert(image->end(), buf, buf + get_value_size(buf));
+  const vkt_u32 size = get_value_size(buf);
+  room_for(image, size);
+  image->insert(image->end(), buf, buf + size);
 }

@@ -133,7 +133,7 @@ void VKTWriterObject::writeImage(const VKTWriterValue& root,
   const EntityLayout bstreams = layout_entity(tables.bstreams);
 
   vkt_binary rootImage;
-  rootImage.reserve(tables.sizeHint);
+  rootImage.reserve(tables.sizeHint + tables.sizeHint / 8);  // wider offsets
   root.createImage(tables, &rootImage);
 
   vkt_binary stringOffsetImage = create_unsigned_array(stringOffsetArray);
