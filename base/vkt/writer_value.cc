@@ -222,7 +222,9 @@ VKTWriterValue& VKTWriterValue::ObjectInfo::at(std::string_view key) {
   if (mSorted && !mMembers.empty() && mMembers.back()->key() > key) {
     mSorted = false;
   }
-  if (mMembers.empty()) mMembers.reserve(4);  // skips the smallest growths
+  if (mMembers.size() == mMembers.capacity()) {  // 4, 6, 9, ...: little slack
+    mMembers.reserve(mMembers.empty() ? 4 : mMembers.size() * 3 / 2);
+  }
   mMembers.push_back(m);
   if (mMembers.size() * 2 > mIndex.size()) {
     if (mMembers.size() >= kIndexFrom) rebuildIndex();
