@@ -79,9 +79,44 @@ struct VKTWriterValue::StreamInfo {
   }
 };
 
+// Elements in index order. Up to two (a pair is the commonest short array)
+// live in the block itself; more move to one array on the heap, which grows
+// by doubling. Elements past the size are null nodes.
 struct VKTWriterValue::ArrayInfo {
+  ArrayInfo() = default;
+  ArrayInfo(const ArrayInfo&) = delete;
+  ArrayInfo& operator=(const ArrayInfo&) = delete;
+  ~ArrayInfo() {
+    if (mData != mInline) delete[] mData;
+  }
+
+  const VKTWriterValue* begin() const { return mData; }
+  const VKTWriterValue* end() const { return mData + mSize; }
+  size_t size() const { return mSize; }
+
+  // Grows the array with null elements to `count` elements, if shorter.
+  void growTo(size_t count) {
+    if (count <= mSize) return;
+    if (count > mCapacity) {
+      size_t capacity = 2 * size_t(mCapacity);
+      if (capacity < count) capacity = count;
+      VKTWriterValue* data = new VKTWriterValue[capacity];
+      for (vkt_u32 i = 0; i < mSize; ++i) {
+        data[i].share(mData[i]);  // hands the reference over
+        mData[i].clear();
+      }
+      if (mData != mInline) delete[] mData;
+      mData = data;
+      mCapacity = vkt_u32(capacity);
+    }
+    mSize = vkt_u32(count);
+  }
+
   vkt_s32 mRefCount = 1;
-  std::vector<VKTWriterValue> mArrayValue;
+  vkt_u32 mSize = 0;
+  vkt_u32 mCapacity = 2;
+  VKTWriterValue* mData = mInline;
+  VKTWriterValue mInline[2];
 };
 
 // One member of an object: its node and its key, in one allocation, so the

@@ -53,8 +53,8 @@ void VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
       break;
     }
     case TYPE_ARRAY:
-      tables.sizeHint += head_hint(mArrayInfo->mArrayValue.size(), false);
-      for (const VKTWriterValue& element : mArrayInfo->mArrayValue) {
+      tables.sizeHint += head_hint(mArrayInfo->size(), false);
+      for (const VKTWriterValue& element : *mArrayInfo) {
         element.prepare(tables);
       }
       break;
@@ -103,8 +103,8 @@ void VKTWriterValue::createImage(VKTWriterObject::Tables& tables,
     case TYPE_ARRAY:
     case TYPE_OBJECT: {
       const bool isArray = mType == TYPE_ARRAY;
-      const size_t count = isArray ? mArrayInfo->mArrayValue.size()
-                                   : mObjectInfo->mMembers.size();
+      const size_t count =
+          isArray ? mArrayInfo->size() : mObjectInfo->mMembers.size();
       VKTWriterObject::Tables::Level& level = tables.level(tables.depth);
       level.keys.clear();
       level.offsets.clear();
@@ -135,7 +135,7 @@ void VKTWriterValue::createImage(VKTWriterObject::Tables& tables,
         level.offsets.push_back(offset - entityStart);
       };
       if (isArray) {
-        for (const VKTWriterValue& element : mArrayInfo->mArrayValue) {
+        for (const VKTWriterValue& element : *mArrayInfo) {
           add(element);
         }
       } else {

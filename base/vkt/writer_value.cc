@@ -178,18 +178,14 @@ void VKTWriterValue::append(const VKTWriterValue& ref) {
   // Copy first: ref may be this node or live in the payload toArray drops.
   VKTWriterValue held(ref);
   toArray();
-  mArrayInfo->mArrayValue.push_back(std::move(held));
+  mArrayInfo->growTo(mArrayInfo->size() + 1);
+  mArrayInfo->mData[mArrayInfo->size() - 1].share(held);
 }
 
 VKTWriterValue& VKTWriterValue::operator[](vkt_u32 index) {
   toArray();
-  std::vector<VKTWriterValue>& elements = mArrayInfo->mArrayValue;
-  if (elements.size() <= index) {
-    // Filling an array one index at a time: start with room for a pair.
-    if (elements.capacity() == 0 && index == 0) elements.reserve(2);
-    elements.resize(size_t(index) + 1);
-  }
-  return elements[index];
+  mArrayInfo->growTo(size_t(index) + 1);
+  return mArrayInfo->mData[index];
 }
 
 void VKTWriterValue::append(const std::string& key, const VKTWriterValue& ref) {
