@@ -33,7 +33,7 @@ static inline vkt_u64 hash_bytes(const void* data, size_t n) {
     h ^= h >> 29;
   }
   vkt_u64 w = 0;
-  std::memcpy(&w, p, n);
+  if (n != 0) std::memcpy(&w, p, n);  // an empty payload may have no pointer
   h = (h ^ w) * kMul;
   h ^= h >> 32;  // the tables index by the low bits: fold the high ones in
   h *= 0xD6E8FEB86659FD93ull;
