@@ -62,8 +62,8 @@ TEST(WriterEncode, ValueImages) {
 }
 
 // Past a handful of elements, equal images are found by hash; an entity area
-// beyond 255 bytes widens the offsets, and the container around it sees the
-// wider image.
+// beyond 255 bytes widens the offsets, one that sharing keeps small narrows
+// them, and the container around sees the final image.
 TEST(WriterEncode, LargeContainersShareAndWidenOffsets) {
   VKTWriterValue repeats, wide, outer;
   std::string offsets, entity;
@@ -83,6 +83,14 @@ TEST(WriterEncode, LargeContainersShareAndWidenOffsets) {
   }
   const std::string wideImage = "20 0D 64 0E" + offsets + entity;  // 1104 bytes
   EXPECT_EQ(to_hex(A::valueImage(wide)), to_hex(hex(wideImage)));
+  VKTWriterValue same;  // sized for wide offsets, stored once: narrow ones
+  std::string zeros;
+  for (int i = 0; i < 100; ++i) {
+    same[i] = 1.5;
+    zeros += " 00";
+  }
+  EXPECT_EQ(to_hex(A::valueImage(same)),
+            to_hex(hex("20 0D 64 0D" + zeros + " 1F 00 00 00 00 00 00 F8 3F")));
   outer[0] = wide;
   outer[1] = 1;
   EXPECT_EQ(to_hex(A::valueImage(outer)),

@@ -115,6 +115,7 @@ struct VKTWriterValue::ArrayInfo {
   vkt_s32 mRefCount = 1;
   vkt_u32 mSize = 0;
   vkt_u32 mCapacity = 2;
+  mutable vkt_u32 mSizeHint = 0;  // writer scratch: the image's likely size
   VKTWriterValue* mData = mInline;
   VKTWriterValue mInline[2];
 };
@@ -154,6 +155,7 @@ struct VKTWriterValue::ObjectInfo {
   void sort() const;
 
   vkt_s32 mRefCount = 1;
+  mutable vkt_u32 mSizeHint = 0;  // writer scratch: the image's likely size
   mutable bool mSorted = true;
   mutable std::vector<Member*> mMembers;
   // Open addressing over the members, empty while the object is small:

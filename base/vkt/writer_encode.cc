@@ -10,8 +10,8 @@
 // With sharing on, byte-identical element images of one container are stored
 // once in its entity area and their offsets repeat. A container writes its
 // elements straight into the value buffer behind room for its head; the
-// offsets' width is known only at the end, and a wider one than guessed
-// slides the elements up once.
+// offsets' width is known only at the end, and when it differs from the
+// guess the elements slide once.
 #include "vkt/packed_array.h"
 #include "vkt/writer_tables.h"
 
@@ -28,6 +28,10 @@ static_assert(sizeof(kSizeHint) == TYPE_OBJECT + 1, "one entry per type");
 void room_for(vkt_binary* image, size_t more) {
   const size_t need = image->size() + more;
   if (need > image->capacity()) image->reserve(need + image->capacity() / 2);
+}
+
+vkt_u32 clamp_u32(size_t n) {
+  return n > 0xFFFFFFFFu ? 0xFFFFFFFFu : vkt_u32(n);
 }
 
 vkt_u32 head_hint(size_t count, bool withKeys) {
@@ -52,20 +56,26 @@ void VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
                                      s.mStreamAlignment, s.mReader});
       break;
     }
-    case TYPE_ARRAY:
+    case TYPE_ARRAY: {
+      const size_t before = tables.sizeHint;
       tables.sizeHint += head_hint(mArrayInfo->size(), false);
       for (const VKTWriterValue& element : *mArrayInfo) {
         element.prepare(tables);
       }
+      mArrayInfo->mSizeHint = clamp_u32(tables.sizeHint - before);
       break;
-    case TYPE_OBJECT:
+    }
+    case TYPE_OBJECT: {
+      const size_t before = tables.sizeHint;
       tables.sizeHint += head_hint(mObjectInfo->mMembers.size(), true);
       mObjectInfo->sort();
       for (const Member* member : mObjectInfo->mMembers) {
         member->mKeyTag = tables.keys.add(member->key());
         member->mValue.prepare(tables);
       }
+      mObjectInfo->mSizeHint = clamp_u32(tables.sizeHint - before);
       break;
+    }
     default:
       break;
   }
@@ -114,12 +124,15 @@ void VKTWriterValue::createImage(VKTWriterObject::Tables& tables,
         }
       }
       if (tables.optimize) level.siblings.reset(count);
-      // Room for the head as if every offset took one byte, the common case;
-      // wider offsets slide the entity area up once at the end.
+      // Room for the head with offsets as wide as the size prepare noted
+      // asks; a wrong guess slides the entity area once at the end.
       const vkt_u32 keysSize = isArray ? 0 : unsigned_array_size(level.keys);
       const vkt_u32 start = vkt_u32(image->size());
+      const vkt_u32 hint =
+          isArray ? mArrayInfo->mSizeHint : mObjectInfo->mSizeHint;
       const vkt_u32 reserved =
-          1 + keysSize + unsigned_array_size(vkt_u32(count), 1);
+          1 + keysSize +
+          unsigned_array_size(vkt_u32(count), unsigned_width(hint));
       room_for(image, reserved);
       image->resize(start + reserved);
       const vkt_u32 entityStart = start + reserved;
@@ -148,6 +161,9 @@ void VKTWriterValue::createImage(VKTWriterObject::Tables& tables,
       if (headSize > reserved) {
         room_for(image, headSize - reserved);
         image->insert(image->begin() + entityStart, headSize - reserved, 0);
+      } else if (headSize < reserved) {
+        image->erase(image->begin() + start + headSize,
+                     image->begin() + entityStart);
       }
       vkt_u8* p = image->data() + start;
       *p++ = isArray ? ID_ARRAY : ID_OBJECT;
