@@ -434,6 +434,12 @@ class VKTWriterObject {
   // scratch space of the value walk; defined in base/vkt/writer_tables.h.
   struct Tables;
 
+  // Builds the image's front (header, key table, root value) in *front, then
+  // writes front and the rest to *sink or, when sink is null, appends the
+  // rest to *front, which becomes the whole image.
+  void assemble(const VKTWriterValue& root, VKTWriteStream* sink,
+                VKTFilter* structFilter, vkt_u32 flags, vkt_binary* front);
+
   // Appends the double-array key table of `keys` to *image. The keys are
   // sorted as unsigned bytes (a prefix first), unique, free of NUL, and each
   // is followed by a NUL in memory (as std::string and member keys are).

@@ -98,9 +98,6 @@ class VKTBinaryWriteStream : public VKTWriteStream {
   void Write(const vkt_u8* catImage, vkt_u32 size) override {
     image.insert(image.end(), catImage, catImage + size);
   }
-  // Makes room for `size` more bytes at once, so that writing a whole image
-  // of known size grows the vector only once.
-  void reserve(vkt_u32 size) { image.reserve(image.size() + size); }
 
  private:
   vkt_binary& image;

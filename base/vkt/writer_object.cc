@@ -9,8 +9,9 @@
 // An entity starts at a multiple of the largest alignment of its table; a
 // payload starts at a multiple of its own alignment counted from its
 // entity's start, with zero bytes in between and nothing behind the last.
-// The structural sections are built in memory; payloads go from their source
-// straight to the output.
+// The structural sections are built in memory, the header, key table and
+// root value in one buffer (which createImage keeps as the whole image);
+// payloads go from their source straight to the output.
 #include "vkt/packed_array.h"
 #include "vkt/streams.h"
 #include "vkt/writer_tables.h"
@@ -93,14 +94,20 @@ vkt_binary VKTWriterObject::createImage(const VKTWriterValue& root,
                                         VKTFilter* structFilter,
                                         vkt_u32 flags) {
   vkt_binary result;
-  VKTBinaryWriteStream stream(result);
-  writeImage(root, stream, structFilter, flags);
+  assemble(root, nullptr, structFilter, flags, &result);
   return result;
 }
 
 void VKTWriterObject::writeImage(const VKTWriterValue& root,
                                  VKTWriteStream& writer,
                                  VKTFilter* structFilter, vkt_u32 flags) {
+  vkt_binary front;
+  assemble(root, &writer, structFilter, flags, &front);
+}
+
+void VKTWriterObject::assemble(const VKTWriterValue& root, VKTWriteStream* sink,
+                               VKTFilter* structFilter, vkt_u32 flags,
+                               vkt_binary* front) {
   if (structFilter == nullptr) flags &= ~FLAGS_FILTER_BITS;
 
   // Collect, then number: tags are positions in the sorted tables.
@@ -108,12 +115,25 @@ void VKTWriterObject::writeImage(const VKTWriterValue& root,
   root.prepare(tables);
   tables.number();
 
-  vkt_binary keyImage;
+  const EntityLayout streams = layout_entity(tables.streams);
+  const EntityLayout bstreams = layout_entity(tables.bstreams);
+
+  // Bstreams, and a byte order asked for, need the version-4 header.
+  const bool ver4 = !bstreams.offsets.empty() || mEndianSet;
+  const vkt_u32 packVersion = ver4 ? CURRENT_VERSION : 3;
+  const vkt_u32 headerSize = ver4 ? HEADER_SIZE_VER4 : HEADER_SIZE_VER3;
+  if (ver4 && mEndian == VKT_ENDIAN_BIG) flags |= VKT_FLAGS_ENDIAN_BIG;
+
+  // The front: room for the header, then the key table and the root value
+  // built in place, so neither is copied again.
+  vkt_binary& image = *front;
+  image.resize(headerSize);
   {
     std::vector<std::string_view> keys(tables.keys.size());
     for (size_t i = 0; i < keys.size(); ++i) keys[i] = tables.keys.sorted(i);
-    createDAImage(keys, &keyImage);
+    createDAImage(keys, &image);
   }
+  const vkt_u32 keySize = vkt_u32(image.size()) - headerSize;
 
   vkt_binary stringImage;
   std::vector<vkt_u32> stringOffsetArray(tables.strings.size());
@@ -129,12 +149,17 @@ void VKTWriterObject::writeImage(const VKTWriterValue& root,
     stringImage.push_back(0);
   }
 
-  const EntityLayout streams = layout_entity(tables.streams);
-  const EntityLayout bstreams = layout_entity(tables.bstreams);
-
-  vkt_binary rootImage;
-  rootImage.reserve(tables.sizeHint + tables.sizeHint / 8);  // wider offsets
-  root.createImage(tables, &rootImage);
+  // The root's likely size with a little slack for wider offsets and, when
+  // the front becomes the whole image, all that follows it.
+  size_t expected = image.size() + tables.sizeHint + tables.sizeHint / 8;
+  if (sink == nullptr) {
+    expected += stringBytes + 5 * stringOffsetArray.size() + streams.size +
+                bstreams.size + streams.maxAlignment + bstreams.maxAlignment +
+                8 * (streams.sizes.size() + bstreams.sizes.size()) + 64;
+  }
+  image.reserve(expected);
+  root.createImage(tables, &image);
+  const vkt_u32 rootSize = vkt_u32(image.size()) - headerSize - keySize;
 
   vkt_binary stringOffsetImage = create_unsigned_array(stringOffsetArray);
   const vkt_binary streamOffsetImage = create_unsigned_array(streams.offsets);
@@ -142,16 +167,9 @@ void VKTWriterObject::writeImage(const VKTWriterValue& root,
   const vkt_binary bstreamOffsetImage = create_unsigned_array(bstreams.offsets);
   const vkt_binary bstreamSizeImage = create_unsigned_array(bstreams.sizes);
 
-  // Bstreams, and a byte order asked for, need the version-4 header.
-  const bool ver4 = !bstreams.offsets.empty() || mEndianSet;
-  const vkt_u32 packVersion = ver4 ? CURRENT_VERSION : 3;
-  const vkt_u32 headerSize = ver4 ? HEADER_SIZE_VER4 : HEADER_SIZE_VER3;
-  if (ver4 && mEndian == VKT_ENDIAN_BIG) flags |= VKT_FLAGS_ENDIAN_BIG;
-
   const vkt_u32 ofstKeyEntity = headerSize;
-  const vkt_u32 ofstRootValue = ofstKeyEntity + vkt_u32(keyImage.size());
-  const vkt_u32 ofstStringOffsetArray =
-      ofstRootValue + vkt_u32(rootImage.size());
+  const vkt_u32 ofstRootValue = ofstKeyEntity + keySize;
+  const vkt_u32 ofstStringOffsetArray = ofstRootValue + rootSize;
   const vkt_u32 ofstStringEntity =
       ofstStringOffsetArray + vkt_u32(stringOffsetImage.size());
   const vkt_u32 ofstBStreamOffsetArray =
@@ -207,21 +225,20 @@ void VKTWriterObject::writeImage(const VKTWriterValue& root,
     }
     if (flags & VKT_FLAGS_FILTER_INFO) {
       // One call per section, in file order; a reader covers all four in one.
-      for (vkt_binary* section :
-           {&keyImage, &rootImage, &stringOffsetImage, &stringImage}) {
+      structFilter->Filter(image.data() + ofstKeyEntity, keySize);
+      structFilter->Filter(image.data() + ofstRootValue, rootSize);
+      for (vkt_binary* section : {&stringOffsetImage, &stringImage}) {
         structFilter->Filter(section->data(), vkt_size(section->size()));
       }
     }
   }
+  std::memcpy(image.data(), header, headerSize);
 
   // Offsets count from the image's first byte, wherever the sink stands.
-  const vkt_u32 start = writer.Offset();
-  if (auto* binary = dynamic_cast<VKTBinaryWriteStream*>(&writer)) {
-    binary->reserve(ofstStreamEntity + streams.size);  // the whole image
-  }
-  writer.Write(header, headerSize);
-  writer.Write(keyImage);
-  writer.Write(rootImage);
+  VKTBinaryWriteStream rest(image);
+  VKTWriteStream& writer = sink != nullptr ? *sink : rest;
+  const vkt_u32 start = sink != nullptr ? sink->Offset() : 0;
+  if (sink != nullptr) sink->Write(image);
   writer.Write(stringOffsetImage);
   writer.Write(stringImage);
   if (ver4) {
