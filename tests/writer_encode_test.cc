@@ -96,3 +96,42 @@ TEST(WriterEncode, LargeContainersShareAndWidenOffsets) {
   EXPECT_EQ(to_hex(A::valueImage(outer)),
             to_hex(hex("20 0D 02 0E 00 00 50 04 " + wideImage + " 05 01")));
 }
+
+// The tables find equal entries by hash wherever their bytes lie: strings met
+// out of order and again after the tables regrow, payloads with equal bytes
+// at two addresses, and empty payloads with and without a pointer.
+TEST(WriterEncode, TablesStoreEachStringAndPayloadOnce) {
+  static const vkt_u8 kA[] = {1, 2, 3}, kB[] = {1, 2, 3}, kC[] = {1, 2, 4};
+  const struct {
+    const vkt_u8* bytes;
+    vkt_u32 size;
+    int sameAs;  // the element whose payload this one shares
+  } payloads[] = {
+      {kA, 3, 0}, {kB, 3, 0}, {kC, 3, 2}, {nullptr, 0, 3}, {kA, 0, 3}};
+  VKTWriterValue root;
+  for (int i = 0; i < 3000; ++i)
+    root[0][i] = "s" + std::to_string(i * 7 % 1000);
+  for (int i = 0; i < 5; ++i) {
+    root[1][i].setStream(payloads[i].bytes, payloads[i].size, 4,
+                         VKT_ALLOC_REFER);
+  }
+  const vkt_binary image = VKTWriterObject().createImage(root);
+  auto count = [&](vkt_u32 field) {
+    unsigned_array a;
+    setup_unsigned_array(
+        &a, image.data() + read_32bit_unsigned(image.data() + field));
+    return a.valueNum;
+  };
+  EXPECT_EQ(count(HEADER_OFST_STRING_OFFSET_ARRAY), 1000u);
+  EXPECT_EQ(count(HEADER_OFST_STREAM_OFFSET_ARRAY), 3u);
+  VKTObject object(image);
+  const VKTValue strings = object.root()[0], streams = object.root()[1];
+  for (int i = 0; i < 3000; ++i) {
+    ASSERT_EQ(strings[i].asString(), "s" + std::to_string(i * 7 % 1000)) << i;
+  }
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(streams[i].asStream(), streams[payloads[i].sameAs].asStream())
+        << i;
+  }
+  EXPECT_NE(streams[0].asStream(), streams[2].asStream());
+}
