@@ -404,7 +404,9 @@ class VKTObject {
 // Turns a VKTWriterValue tree into an image. One object can write any number
 // of images, one after the other; setOptimize and setEndian stay in force.
 // While an image is being written the tree must not change. Not for use by
-// two threads at once.
+// two threads at once. Writing notes scratch numbers in the tree's blocks and
+// puts object members in key order, so a tree (being one thread's at a time)
+// is written by one writer at a time, although it is passed as const.
 class VKTWriterObject {
  public:
   VKTWriterObject();
