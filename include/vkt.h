@@ -16,9 +16,10 @@
 #define VKT_VKT_H_
 
 #include <cstddef>
-#include <list>
+#include <iterator>
 #include <map>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -97,6 +98,8 @@ const vkt_u32 VKT_FLAGS_ENDIAN_BIG = 1 << VKT_FLAGS_ENDIAN_SHIFT;
 const vkt_u32 VKT_FLAGS_ENDIAN_MASK = 1 << VKT_FLAGS_ENDIAN_SHIFT;
 
 class VKTObject;
+class VKTMemberRange;
+class VKTElementRange;
 class VKTWriterObject;
 class VKTWriterValue;
 class VKTTestAccess;  // defined only by the library's tests and benchmarks
@@ -152,6 +155,24 @@ class VKTWriteStream {
   // Seeks `reader` to 0 and copies it through an 8 KiB buffer until its Read
   // answers 0. A null reader writes nothing. The reader stays the caller's.
   void Write(VKTReadStream* reader);
+};
+
+// A key name resolved once against an image's key table by
+// VKTObject::prepareKey, or taken from a member (VKTMember::key). It holds the
+// key tag alone, so it is valid with the image it came from and with every
+// image that shares its key table; with any other image it names an
+// unrelated key. A name that the table lacks gives an absent key, which no
+// object has as a member. Copied freely; owns nothing.
+class VKTKey {
+ public:
+  VKTKey() : mTag(kAbsent) {}
+  explicit VKTKey(vkt_u32 keyTag) : mTag(keyTag) {}
+  bool isPresent() const { return mTag != kAbsent; }
+  vkt_u32 tag() const { return mTag; }
+
+ private:
+  static const vkt_u32 kAbsent = 0xFFFFFFFF;
+  vkt_u32 mTag;
 };
 
 // A view of one value in an opened image: two pointers, copied freely, owning
@@ -239,9 +260,39 @@ class VKTValue {
     return findMember(key.c_str(), value, nullptr);
   }
   bool findMember(const char* key, VKTValue* value, vkt_u32* hint) const;
+  // The same lookups with a prepared key: a binary search of the object's key
+  // array and nothing else, so the fastest way to reach the same name in
+  // many objects. Which form to use:
+  //   - a name known ahead, looked up in many objects of one image (a field of
+  //     every record): prepare it once with VKTObject::prepareKey;
+  //   - a name looked up once or twice: the plain name;
+  //   - hints only save the trie walk after the first lookup and put the
+  //     caller under the key cache's rules; a prepared key is faster, needs
+  //     no cache and is safe for concurrent readers.
+  VKTValue operator[](const VKTKey& key) const { return at(key); }
+  VKTValue at(const VKTKey& key) const {
+    VKTValue value;
+    findMember(key, &value);
+    return value;
+  }
+  bool isMember(const VKTKey& key) const {
+    VKTValue value;
+    return findMember(key, &value);
+  }
+  bool findMember(const VKTKey& key, VKTValue* value) const;
   // Clears *result and fills it with the member names in stored order, which
   // is ascending byte order for images of this library's writer.
   void getMemberNames(vkt_members* result) const;
+
+  // Walks by position, with no lookup per member and nothing allocated:
+  //   for (const VKTMember& m : v.members()) use(m.name, m.value);
+  //   for (VKTValue e : v.elements()) use(e);
+  // members() gives an object's members in stored order (empty for any other
+  // kind); elements() gives an array's elements, or an object's member values
+  // in stored order (empty for any other kind). Both ranges hold views into
+  // the image and are valid as long as this view is.
+  VKTMemberRange members() const;
+  VKTElementRange elements() const;
 
   // The root of the same image; the null view for a null view.
   VKTValue root() const;
@@ -259,11 +310,144 @@ class VKTValue {
 
  private:
   friend class VKTObject;
+  friend class VKTMemberIterator;
+  friend class VKTElementIterator;
   friend class VKTTestAccess;
   VKTValue(const VKTObject* obj, const vkt_u8* ptr) : mObj(obj), mPtr(ptr) {}
+  // The member with key tag `tag`; REQUIRES: an object view.
+  bool findTag(vkt_u32 tag, VKTValue* value) const;
 
   const VKTObject* mObj;
   const vkt_u8* mPtr;
+};
+
+// One member of an object, as VKTValue::members() hands it out.
+struct VKTMember {
+  vkt_u32 keyTag = 0;  // the name's key tag in the image's key table
+  // The name. It points into the VKTObject's name block when
+  // VKTObject::decodeKeyNames has run (valid until the object dies), else
+  // into the iterator that produced it (valid until that iterator moves on
+  // or dies). Not NUL-terminated in general.
+  std::string_view name;
+  VKTValue value;
+  // The prepared key of this member's name, for lookups in other objects.
+  VKTKey key() const { return VKTKey(keyTag); }
+};
+
+// Position walks over a container. An iterator keeps the container's array
+// pointers and widths, read once when the range is made, and reads one array
+// entry per step. Input iterators: compare only iterators of one range.
+class VKTElementIterator {
+ public:
+  typedef std::input_iterator_tag iterator_category;
+  typedef VKTValue value_type;
+  typedef std::ptrdiff_t difference_type;
+  typedef const VKTValue* pointer;
+  typedef VKTValue reference;
+
+  VKTValue operator*() const;
+  VKTElementIterator& operator++() {
+    ++mIndex;
+    return *this;
+  }
+  bool operator==(const VKTElementIterator& r) const {
+    return mIndex == r.mIndex;
+  }
+  bool operator!=(const VKTElementIterator& r) const {
+    return mIndex != r.mIndex;
+  }
+
+ private:
+  friend class VKTValue;
+  friend class VKTElementRange;
+  friend class VKTMemberIterator;
+  friend class VKTMemberRange;
+  VKTElementIterator() = default;
+
+  const VKTObject* mObj = nullptr;
+  const vkt_u8* mOffsets = nullptr;  // first entry of the offset array
+  const vkt_u8* mEntity = nullptr;   // what the offsets count from
+  vkt_u32 mWidth = 1;                // bytes per offset
+  vkt_u32 mIndex = 0;
+  bool mRecords = false;  // version-1 object: offsets name (key, value) records
+};
+
+class VKTElementRange {
+ public:
+  VKTElementIterator begin() const { return mBegin; }
+  VKTElementIterator end() const {
+    VKTElementIterator it = mBegin;
+    it.mIndex = mCount;
+    return it;
+  }
+  vkt_u32 size() const { return mCount; }
+  bool empty() const { return mCount == 0; }
+
+ private:
+  friend class VKTValue;
+  friend class VKTMemberRange;
+  VKTElementRange() = default;
+  VKTElementIterator mBegin;
+  vkt_u32 mCount = 0;
+};
+
+// Members by position. Without VKTObject::decodeKeyNames each step rebuilds
+// the name from the key table into a buffer the iterator owns; that buffer
+// allocates only when a name is longer than any before it (and not at all up
+// to the string's small size). With the names decoded nothing is allocated.
+class VKTMemberIterator {
+ public:
+  typedef std::input_iterator_tag iterator_category;
+  typedef VKTMember value_type;
+  typedef std::ptrdiff_t difference_type;
+  typedef const VKTMember* pointer;
+  typedef const VKTMember& reference;
+
+  const VKTMember& operator*() const { return mMember; }
+  const VKTMember* operator->() const { return &mMember; }
+  VKTMemberIterator& operator++() {
+    ++mValues.mIndex;
+    load();
+    return *this;
+  }
+  bool operator==(const VKTMemberIterator& r) const {
+    return mValues.mIndex == r.mValues.mIndex;
+  }
+  bool operator!=(const VKTMemberIterator& r) const {
+    return mValues.mIndex != r.mValues.mIndex;
+  }
+
+ private:
+  friend class VKTMemberRange;
+  VKTMemberIterator() = default;
+  // Fills mMember for the current position, when there is one.
+  void load();
+
+  VKTElementIterator mValues;     // positions and member values
+  const vkt_u8* mKeys = nullptr;  // key tags (versions 2 and up)
+  vkt_u32 mKeyWidth = 1;
+  vkt_u32 mCount = 0;
+  VKTMember mMember;
+  std::string mNameBuffer;  // the rebuilt name, without decoded names
+};
+
+class VKTMemberRange {
+ public:
+  VKTMemberIterator begin() const;
+  VKTMemberIterator end() const {
+    VKTMemberIterator it;
+    it.mValues.mIndex = mValues.mCount;
+    return it;
+  }
+  vkt_u32 size() const { return mValues.mCount; }
+  bool empty() const { return mValues.mCount == 0; }
+
+ private:
+  friend class VKTValue;
+  VKTMemberRange() = default;
+  VKTElementRange mValues;
+  const vkt_u8* mKeys = nullptr;
+  vkt_u32 mKeyWidth = 1;
 };
 
 // An opened image.
@@ -272,11 +456,13 @@ class VKTValue {
 // with the filter if its flags ask for one. Run decode first on bytes that you
 // do not trust; it answers false on a bad header.
 //
-// Ownership: see vkt_alloc_type. The header copy is always the object's own.
-// A VKTObject owns memory and is not copied.
+// Ownership: see vkt_alloc_type. The header copy is always the object's own
+// and lives inside the object, so opening with VKT_ALLOC_REFER allocates
+// nothing. A VKTObject owns memory and is not copied.
 //
 // Threads: any number of threads may read one object at once, except for
-// lookups with a hint while the key cache is enabled, and setKeyHashEnabled.
+// lookups with a hint while the key cache is enabled, setKeyHashEnabled and
+// decodeKeyNames.
 class VKTObject {
  public:
   // Copies the image (VKT_ALLOC_DUPLICATE). `structFilter` may be null; it is
@@ -342,15 +528,41 @@ class VKTObject {
   // VKTValue::at for what a caller takes on by passing hints.
   void setKeyHashEnabled(bool state);
 
+  // Resolves a name against the key table once, for VKTValue lookups with a
+  // VKTKey; a name the table lacks gives an absent key. Reads only; safe
+  // beside any other reader, and never touches the key cache.
+  VKTKey prepareKey(const char* name) const;
+  VKTKey prepareKey(const std::string& name) const {
+    return prepareKey(name.c_str());
+  }
+
+  // Decodes every key name of the image once into one block that the object
+  // owns, so that member walks hand out names without rebuilding them and
+  // getMemberNames copies instead of decoding. The block takes the names'
+  // bytes, one NUL per name and 4 bytes per name plus 4, and lives until the
+  // object dies; a second call does nothing. It writes to the object: no
+  // other call on the object may run at the same time. Time is linear in
+  // the names' total length.
+  void decodeKeyNames();
+  bool hasKeyNames() const { return !mKeyNameStarts.empty(); }
+
  private:
   friend class VKTValue;
+  friend class VKTMemberIterator;
+  friend class VKTMemberRange;
   friend class VKTTestAccess;
 
+  // One cache entry; a chain is a run of entries linked by `next`.
   struct KeyHashEntry {
     const char* key;  // the caller's pointer; the string is not copied
     vkt_u32 value;    // key tag, or FALSE_HASH for an absent key
+    vkt_u32 next;     // index of the chain's next entry, or NO_ENTRY
   };
-  typedef std::list<KeyHashEntry> key_hash_entry_list;
+  // First and last entry of one chain, NO_ENTRY while it is empty.
+  struct KeyHashChain {
+    vkt_u32 head;
+    vkt_u32 tail;
+  };
 
   void loadHeader(const vkt_u8* header, VKTFilter* structFilter);
   void init(VKTFilter* structFilter);
@@ -360,6 +572,18 @@ class VKTObject {
 
   bool findKey(const char* key, vkt_u32* result, vkt_u32* hint) const;
   std::string getKey(vkt_u32 keyTag) const;
+  // Rebuilds the name of `keyTag` into *out, reusing its capacity.
+  void getKeyInto(vkt_u32 keyTag, std::string* out) const;
+  template <typename Emit>
+  vkt_u32 climbKey(vkt_u32 keyTag, Emit emit) const;
+  const char* sortedKey(vkt_u32 keyTag) const;
+  // The decoded name of `keyTag`; REQUIRES: hasKeyNames().
+  std::string_view keyName(vkt_u32 keyTag) const {
+    if (keyTag + 1 >= mKeyNameStarts.size()) return std::string_view();
+    const vkt_u32 begin = mKeyNameStarts[keyTag];
+    return std::string_view(mKeyNames.data() + begin,
+                            mKeyNameStarts[keyTag + 1] - begin - 1);
+  }
   vkt_u32 calcKeyHash(const char* key, vkt_u32* hint) const;
   bool findKeyTagFromHashTable(const char* key, vkt_u32* keyTag, bool* success,
                                vkt_u32* hint) const;
@@ -377,7 +601,7 @@ class VKTObject {
   VKTReadStream* mReader = nullptr;  // owned; stream-backed images only
   vkt_offset mStreamOffset = 0;      // stream entity's offset in mReader
   const vkt_u8* mImage = nullptr;
-  vkt_u8* mHeader = nullptr;  // owned, plain copy of the header
+  vkt_u8 mHeader[56] = {};  // plain copy of the header (the largest is 56)
   vkt_u32 mImageSize = 0;
   vkt_alloc_type mAllocType = VKT_ALLOC_DUPLICATE;
   vkt_u32 mVersion = 0;
@@ -397,8 +621,13 @@ class VKTObject {
   const vkt_u8* mFilteredInfoEnd = nullptr;
   vkt_u32 mTotalStreamEntitySize = 0;
   // Empty while the key cache is off; one chain per hash while it is on.
-  // Lookups with a hint change it although they are const.
-  mutable std::vector<key_hash_entry_list> mKeyHashTable;
+  // Lookups with a hint change both although they are const.
+  mutable std::vector<KeyHashChain> mKeyHashTable;
+  mutable std::vector<KeyHashEntry> mKeyHashEntries;
+  // decodeKeyNames: the names back to back, each closed by a NUL, and where
+  // each begins (key tag order, one extra entry for the end). Empty before.
+  std::vector<char> mKeyNames;
+  std::vector<vkt_u32> mKeyNameStarts;
 };
 
 // Turns a VKTWriterValue tree into an image. One object can write any number

@@ -1,5 +1,6 @@
 // The key table read in place: key string to key tag (findKey) and back
-// (getKey), with the key hash cache in front of findKey.
+// (getKey), prepared keys, the decoded name block, and the key hash cache in
+// front of findKey.
 //
 // Double-array form (every version but 1): three packed arrays, back to back.
 //
@@ -12,8 +13,7 @@
 //
 // Sorted form (version 1): keyOffsetArray gives, per key tag, the offset of a
 // NUL-terminated key in the key entity; keys ascend in strcmp order.
-#include <algorithm>  // reverse
-#include <cstring>    // strcmp
+#include <cstring>  // memcpy, strcmp, strlen
 
 #include "vkt/format.h"
 #include "vkt/packed_array.h"
@@ -26,6 +26,9 @@ const vkt_u32 HASH_TABLE_SIZE = 307;
 const vkt_u32 FALSE_HASH = 0xFFFFFFFF;
 const vkt_u32 KEY_HASH_MULTIPLIER = 37;
 
+// The end of a chain, and of the list of entries behind it.
+const vkt_u32 NO_ENTRY = 0xFFFFFFFF;
+
 struct double_array {
   unsigned_array base;
   unsigned_array check;
@@ -34,6 +37,18 @@ struct double_array {
 void setup_double_array(double_array* da, const vkt_u8* section) {
   setup_unsigned_array(&da->base, section);
   setup_unsigned_array(&da->check, section + da->base.size);
+}
+
+struct key_trie {
+  unsigned_array base;
+  unsigned_array check;
+  unsigned_array tail;
+};
+
+void setup_key_trie(key_trie* t, const vkt_u8* section) {
+  setup_unsigned_array(&t->base, section);
+  setup_unsigned_array(&t->check, section + t->base.size);
+  setup_unsigned_array(&t->tail, section + t->base.size + t->check.size);
 }
 
 }  // namespace
@@ -86,44 +101,106 @@ bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint) const {
   return false;
 }
 
-std::string VKTObject::getKey(vkt_u32 keyTag) const {
-  if (mVersion == 1) {
-    unsigned_array keyOffsetArray;
-    setup_unsigned_array(&keyOffsetArray, mKeyOffsetArray);
-    if (keyTag >= keyOffsetArray.valueNum) return std::string();
-    return std::string(reinterpret_cast<const char*>(mKeyEntity) +
-                       get_unsigned_array(&keyOffsetArray, keyTag));
-  }
-
-  double_array da;
-  setup_double_array(&da, mKeyEntity);
-  unsigned_array tail;
-  setup_unsigned_array(&tail, mKeyEntity + da.base.size + da.check.size);
-  std::string result;
-  if (keyTag >= tail.valueNum) return result;
-  // Climb from the leaf's parent to the root; each step undoes the code that
-  // the way down added to the parent's base. A damaged check that loops is
-  // cut off after as many steps as there are positions.
-  vkt_u32 x = get_unsigned_array(&da.check, get_unsigned_array(&tail, keyTag));
-  for (vkt_u32 steps = 0; x != 0 && steps < da.check.valueNum; ++steps) {
-    const vkt_u32 y = get_unsigned_array(&da.check, x);
-    result.push_back(char(vkt_u8(x - get_unsigned_array(&da.base, y))));
+// The trie's climb from a key's leaf to the root: calls emit(byte) for each
+// byte of key `keyTag`, last byte first, and answers how many there were.
+// Each step undoes the code that the way down added to the parent's base. A
+// damaged check that loops is cut off after as many steps as there are
+// positions; a tag beyond the table gives no bytes.
+template <typename Emit>
+vkt_u32 VKTObject::climbKey(vkt_u32 keyTag, Emit emit) const {
+  key_trie t;
+  setup_key_trie(&t, mKeyEntity);
+  if (keyTag >= t.tail.valueNum) return 0;
+  vkt_u32 x = get_unsigned_array(&t.check, get_unsigned_array(&t.tail, keyTag));
+  vkt_u32 steps = 0;
+  for (; x != 0 && steps < t.check.valueNum; ++steps) {
+    const vkt_u32 y = get_unsigned_array(&t.check, x);
+    emit(char(vkt_u8(x - get_unsigned_array(&t.base, y))));
     x = y;
   }
-  std::reverse(result.begin(), result.end());
+  return steps;
+}
+
+// Version 1 keeps each name as a NUL-terminated string.
+const char* VKTObject::sortedKey(vkt_u32 keyTag) const {
+  unsigned_array keyOffsetArray;
+  setup_unsigned_array(&keyOffsetArray, mKeyOffsetArray);
+  if (keyTag >= keyOffsetArray.valueNum) return nullptr;
+  return reinterpret_cast<const char*>(mKeyEntity) +
+         get_unsigned_array(&keyOffsetArray, keyTag);
+}
+
+void VKTObject::getKeyInto(vkt_u32 keyTag, std::string* out) const {
+  if (hasKeyNames()) {
+    out->assign(keyName(keyTag));
+  } else if (mVersion == 1) {
+    const char* s = sortedKey(keyTag);
+    out->assign(s != nullptr ? s : "");
+  } else {
+    // Sized by a first climb, then filled from the back by a second, so the
+    // string never grows or needs reversing.
+    out->resize(climbKey(keyTag, [](char) {}));
+    char* p = &(*out)[0] + out->size();
+    climbKey(keyTag, [&p](char c) { *--p = c; });
+  }
+}
+
+std::string VKTObject::getKey(vkt_u32 keyTag) const {
+  std::string result;
+  getKeyInto(keyTag, &result);
   return result;
 }
 
+VKTKey VKTObject::prepareKey(const char* name) const {
+  vkt_u32 tag;
+  return findKey(name, &tag, nullptr) ? VKTKey(tag) : VKTKey();
+}
+
+void VKTObject::decodeKeyNames() {
+  if (hasKeyNames()) return;
+  vkt_u32 count;
+  if (mVersion == 1) {
+    unsigned_array keyOffsetArray;
+    setup_unsigned_array(&keyOffsetArray, mKeyOffsetArray);
+    count = keyOffsetArray.valueNum;
+  } else {
+    key_trie t;
+    setup_key_trie(&t, mKeyEntity);
+    count = t.tail.valueNum;
+  }
+  // Lengths first, so the block is allocated once.
+  mKeyNameStarts.resize(size_t(count) + 1);
+  vkt_u32 total = 0;
+  for (vkt_u32 tag = 0; tag < count; ++tag) {
+    mKeyNameStarts[tag] = total;
+    total += (mVersion == 1 ? vkt_u32(std::strlen(sortedKey(tag)))
+                            : climbKey(tag, [](char) {})) +
+             1;
+  }
+  mKeyNameStarts[count] = total;
+  mKeyNames.resize(total);
+  for (vkt_u32 tag = 0; tag < count; ++tag) {
+    char* end = mKeyNames.data() + mKeyNameStarts[tag + 1] - 1;  // the NUL
+    if (mVersion == 1) {
+      const char* s = sortedKey(tag);
+      std::memcpy(end - std::strlen(s), s, std::strlen(s));
+    } else {
+      climbKey(tag, [&end](char c) { *--end = c; });
+    }
+  }
+}
+
 // ---------------------------------------------------------------------------
-// Key hash cache: chains of (caller's key pointer, key tag or FALSE_HASH).
+// Key hash cache: chains of (caller's key pointer, key tag or FALSE_HASH),
+// linked by index through one vector of entries in order of registration.
 // ---------------------------------------------------------------------------
 
 void VKTObject::setKeyHashEnabled(bool state) {
   if (!state) {
-    mKeyHashTable.clear();
-    mKeyHashTable.shrink_to_fit();
+    std::vector<KeyHashChain>().swap(mKeyHashTable);
+    std::vector<KeyHashEntry>().swap(mKeyHashEntries);
   } else if (mKeyHashTable.empty()) {
-    mKeyHashTable.resize(HASH_TABLE_SIZE);
+    mKeyHashTable.assign(HASH_TABLE_SIZE, KeyHashChain{NO_ENTRY, NO_ENTRY});
   }
 }
 
@@ -142,9 +219,9 @@ vkt_u32 VKTObject::calcKeyHash(const char* key, vkt_u32* hint) const {
 
 bool VKTObject::findKeyTagFromHashTable(const char* key, vkt_u32* keyTag,
                                         bool* success, vkt_u32* hint) const {
-  const key_hash_entry_list& hashEntryList =
-      mKeyHashTable[calcKeyHash(key, hint)];
-  for (const KeyHashEntry& entry : hashEntryList) {
+  const KeyHashChain& chain = mKeyHashTable[calcKeyHash(key, hint)];
+  for (vkt_u32 i = chain.head; i != NO_ENTRY; i = mKeyHashEntries[i].next) {
+    const KeyHashEntry& entry = mKeyHashEntries[i];
     // The same pointer spares the string comparison.
     if (entry.key == key || std::strcmp(entry.key, key) == 0) {
       *keyTag = entry.value;
@@ -157,6 +234,14 @@ bool VKTObject::findKeyTagFromHashTable(const char* key, vkt_u32* keyTag,
 
 void VKTObject::registerKeyTagToHashTable(const char* key, vkt_u32 keyTag,
                                           bool success, vkt_u32* hint) const {
-  key_hash_entry_list& hashEntryList = mKeyHashTable[calcKeyHash(key, hint)];
-  hashEntryList.push_back(KeyHashEntry{key, success ? keyTag : FALSE_HASH});
+  KeyHashChain& chain = mKeyHashTable[calcKeyHash(key, hint)];
+  const vkt_u32 index = vkt_u32(mKeyHashEntries.size());
+  mKeyHashEntries.push_back(
+      KeyHashEntry{key, success ? keyTag : FALSE_HASH, NO_ENTRY});
+  if (chain.head == NO_ENTRY) {
+    chain.head = index;
+  } else {
+    mKeyHashEntries[chain.tail].next = index;
+  }
+  chain.tail = index;
 }

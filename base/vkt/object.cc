@@ -11,6 +11,8 @@
 #include "vkt/packed_array.h"
 #include "vkt/streams.h"
 
+static_assert(HEADER_SIZE == 56, "VKTObject::mHeader holds the largest header");
+
 namespace {
 
 vkt_u32 header_field(const vkt_u8* header, vkt_u32 field) {
@@ -86,7 +88,6 @@ VKTObject::~VKTObject() {
   mReader = nullptr;
   releaseStreamBuffer();
   if (mAllocType != VKT_ALLOC_REFER) delete[] mImage;
-  delete[] mHeader;
 }
 
 void VKTObject::loadHeader(const vkt_u8* header, VKTFilter* structFilter) {
@@ -94,8 +95,7 @@ void VKTObject::loadHeader(const vkt_u8* header, VKTFilter* structFilter) {
   // Versions 1 and 2 have no flags word and filter their info range only.
   mFlags = mVersion < 3 ? VKT_FLAGS_FILTER_INFO
                         : read_16bit_unsigned(header + HEADER_OFST_FLAGS);
-  const vkt_u32 headerSize = header_size_of_version(mVersion);
-  mHeader = copy_bytes(header, headerSize);
+  std::memcpy(mHeader, header, header_size_of_version(mVersion));
   if (structFilter != nullptr && (mFlags & VKT_FLAGS_FILTER_HEADER)) {
     filter_header(structFilter, mHeader, mVersion);
   }
