@@ -89,10 +89,10 @@ double twitter_paths(F& f) {
   const auto count = f.size(f.member(f.root(), 0));
   for (size_t i = 0; i < count; ++i) {
     sum += f.integer(f.member(f.index(f.member(f.root(), 0), i), 1));
-    sum += f.first_char(f.member(
-        f.member(f.index(f.member(f.root(), 0), i), 2), 3));
-    sum += f.integer(
-        f.member(f.member(f.index(f.member(f.root(), 0), i), 2), 4));
+    sum += f.first_char(
+        f.member(f.member(f.index(f.member(f.root(), 0), i), 2), 3));
+    sum +=
+        f.integer(f.member(f.member(f.index(f.member(f.root(), 0), i), 2), 4));
   }
   return sum;
 }

@@ -63,6 +63,20 @@ TEST(KeyTableTest, FindsEveryKeyAndCachesVerdicts) {
       }
       EXPECT_EQ(A::keyHashEntries(obj), hinted ? row.keys.size() : 0);
     }
+    // Prepared keys walk the table like a plain lookup and leave the cache
+    // alone; the decoded names are the names getKey rebuilds.
+    obj.setKeyHashEnabled(true);
+    for (vkt_u32 i = 0; i < row.keys.size(); ++i) {
+      const VKTKey key = obj.prepareKey(row.keys[i]);
+      EXPECT_EQ(key.isPresent(), i < row.members) << i;
+      EXPECT_EQ(key.isPresent() ? key.tag() : i, i);
+    }
+    EXPECT_EQ(A::keyHashEntries(obj), 0u);
+    obj.decodeKeyNames();
+    for (vkt_u32 i = 0; i < row.members; ++i) {
+      EXPECT_EQ(A::getKey(obj, i), row.keys[i]) << i;
+    }
+    EXPECT_EQ(A::getKey(obj, vkt_u32(row.members)), "");
   }
   // Lookups through views hand their hints on to the cache.
   VKTWriterValue root;
