@@ -191,7 +191,9 @@ class VKTValue {
  public:
   VKTValue() : mObj(nullptr), mPtr(nullptr) {}
 
-  vkt_type type() const;
+  vkt_type type() const {
+    return mObj == nullptr ? VKT_TYPE_NULL : vkt_type(kTypeOfId.type[*mPtr]);
+  }
 
   // Scalars. Integers narrowed by asInt keep their low 32 bits. A float or
   // double is truncated toward zero and saturates at the target's limits; a
@@ -314,6 +316,13 @@ class VKTValue {
   friend class VKTElementIterator;
   friend class VKTTestAccess;
   VKTValue(const VKTObject* obj, const vkt_u8* ptr) : mObj(obj), mPtr(ptr) {}
+  // The public kind of each id byte (0, null, for a byte that is no id), so
+  // that type() inlines.
+  struct TypeTable {
+    vkt_u8 type[256];
+  };
+  static const TypeTable kTypeOfId;
+  static constexpr TypeTable makeTypeTable();  // value.cc
   // The member with key tag `tag`; REQUIRES: an object view.
   bool findTag(vkt_u32 tag, VKTValue* value) const;
 
@@ -345,7 +354,10 @@ class VKTElementIterator {
   typedef const VKTValue* pointer;
   typedef VKTValue reference;
 
-  VKTValue operator*() const;
+  VKTValue operator*() const {
+    const vkt_u8* p = mEntity + readOffset(mOffsets + mIndex * mWidth, mWidth);
+    return mRecords ? recordValue(mObj, p) : VKTValue(mObj, p);
+  }
   VKTElementIterator& operator++() {
     ++mIndex;
     return *this;
@@ -363,6 +375,26 @@ class VKTElementIterator {
   friend class VKTMemberIterator;
   friend class VKTMemberRange;
   VKTElementIterator() = default;
+  // One packed offset of `width` bytes, least significant first; the one
+  // byte-level read kept in this header, so that a walk's steps inline. A
+  // width outside 1 to 4 never reaches here (the range makes it 0).
+  static vkt_u32 readOffset(const vkt_u8* p, vkt_u32 width) {
+    switch (width) {
+      case 1:
+        return p[0];
+      case 2:
+        return vkt_u32(p[0]) | vkt_u32(p[1]) << 8;
+      case 3:
+        return vkt_u32(p[0]) | vkt_u32(p[1]) << 8 | vkt_u32(p[2]) << 16;
+      case 4:
+        return vkt_u32(p[0]) | vkt_u32(p[1]) << 8 | vkt_u32(p[2]) << 16 |
+               vkt_u32(p[3]) << 24;
+      default:
+        return 0;
+    }
+  }
+  // The value of a version-1 record at `p`, behind its key tag.
+  static VKTValue recordValue(const VKTObject* obj, const vkt_u8* p);
 
   const VKTObject* mObj = nullptr;
   const vkt_u8* mOffsets = nullptr;  // first entry of the offset array

@@ -40,6 +40,12 @@ vkt_u32 search_tag(vkt_u32 count, vkt_u32 tag, TagAt tagAt) {
   return count;
 }
 
+// An array's width for the walks, which index with it: a width id outside the
+// family reads every entry as 0, as get_unsigned_array does.
+vkt_u32 usable_width(const unsigned_array& a) {
+  return a.valueSize <= 4 ? a.valueSize : 0;
+}
+
 }  // namespace
 
 vkt_size VKTValue::size() const {
@@ -139,7 +145,7 @@ VKTElementRange VKTValue::elements() const {
   VKTElementIterator& it = range.mBegin;
   it.mObj = mObj;
   it.mOffsets = first.values;
-  it.mWidth = first.valueSize;
+  it.mWidth = usable_width(first);
   it.mEntity = base;
   if (*mPtr == ID_OBJECT) {
     if (mObj->mVersion == 1) {
@@ -148,7 +154,7 @@ VKTElementRange VKTValue::elements() const {
       unsigned_array offsets;
       setup_unsigned_array(&offsets, base);
       it.mOffsets = offsets.values;
-      it.mWidth = offsets.valueSize;
+      it.mWidth = usable_width(offsets);
       it.mEntity = base + offsets.size;
     }
   }
@@ -156,10 +162,9 @@ VKTElementRange VKTValue::elements() const {
   return range;
 }
 
-VKTValue VKTElementIterator::operator*() const {
-  const vkt_u8* p = mEntity + read_packed(mOffsets, mWidth, mIndex);
-  if (mRecords) p += get_value_size(p);  // past the record's key tag
-  return VKTValue(mObj, p);
+VKTValue VKTElementIterator::recordValue(const VKTObject* obj,
+                                         const vkt_u8* p) {
+  return VKTValue(obj, p + get_value_size(p));
 }
 
 VKTMemberRange VKTValue::members() const {
@@ -170,7 +175,7 @@ VKTMemberRange VKTValue::members() const {
     unsigned_array keys;
     setup_unsigned_array(&keys, mPtr + 1);
     range.mKeys = keys.values;
-    range.mKeyWidth = keys.valueSize;
+    range.mKeyWidth = usable_width(keys);
   }
   return range;
 }

@@ -29,16 +29,6 @@ const vkt_u32 KEY_HASH_MULTIPLIER = 37;
 // The end of a chain, and of the list of entries behind it.
 const vkt_u32 NO_ENTRY = 0xFFFFFFFF;
 
-struct double_array {
-  unsigned_array base;
-  unsigned_array check;
-};
-
-void setup_double_array(double_array* da, const vkt_u8* section) {
-  setup_unsigned_array(&da->base, section);
-  setup_unsigned_array(&da->check, section + da->base.size);
-}
-
 struct key_trie {
   unsigned_array base;
   unsigned_array check;
@@ -49,6 +39,61 @@ void setup_key_trie(key_trie* t, const vkt_u8* section) {
   setup_unsigned_array(&t->base, section);
   setup_unsigned_array(&t->check, section + t->base.size);
   setup_unsigned_array(&t->tail, section + t->base.size + t->check.size);
+}
+
+// One packed array read at a width fixed when compiling.
+template <typename Width>
+struct packed {
+  vkt_u32 operator[](vkt_u32 i) const { return read_packed<Width::value>(p, i); }
+  const vkt_u8* p;
+};
+
+// Calls f(base, check) with the two arrays' readers, each specialised for
+// its width, so the walks below run without a switch per step.
+template <typename F>
+auto with_trie_widths(const key_trie& t, F f) {
+  return with_width(t.base.valueSize, [&](auto bw) {
+    return with_width(t.check.valueSize, [&](auto cw) {
+      return f(packed<decltype(bw)>{t.base.values},
+               packed<decltype(cw)>{t.check.values});
+    });
+  });
+}
+
+// The way down from the root: a step from x through code c (the terminator
+// last) goes to y = base[x] + c and exists when check[y] == x; the step
+// through the terminator reaches the leaf, whose base is the key tag.
+template <typename Base, typename Check>
+bool walk_key(vkt_u32 positions, Base base, Check check, const char* key,
+              vkt_u32* tag) {
+  vkt_u32 x = 0;
+  for (const char* k = key;; ++k) {
+    const vkt_u32 c = vkt_u8(*k);
+    const vkt_u32 y = base[x] + c;
+    if (y >= positions || check[y] != x) return false;
+    if (c == 0) {
+      *tag = base[y];
+      return true;
+    }
+    x = y;
+  }
+}
+
+// The way up from the leaf of `keyTag`: emit(byte) for each byte of the key,
+// last byte first; answers how many. Each step undoes the code that the way
+// down added to the parent's base. A damaged check that loops is cut off
+// after as many steps as there are positions.
+template <typename Base, typename Check, typename Emit>
+vkt_u32 climb_key(vkt_u32 positions, vkt_u32 leaf, Base base, Check check,
+                  Emit emit) {
+  vkt_u32 x = check[leaf];
+  vkt_u32 steps = 0;
+  for (; x != 0 && steps < positions; ++steps) {
+    const vkt_u32 y = check[x];
+    emit(char(vkt_u8(x - base[y])));
+    x = y;
+  }
+  return steps;
 }
 
 }  // namespace
@@ -83,42 +128,32 @@ bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint) const {
     if (findKeyTagFromHashTable(key, result, &success, hint)) return success;
   }
 
-  double_array da;
-  setup_double_array(&da, mKeyEntity);
-  vkt_u32 x = 0;
-  for (const char* k = key;; ++k) {
-    const vkt_u32 c = vkt_u8(*k);
-    const vkt_u32 y = get_unsigned_array(&da.base, x) + c;
-    if (y >= da.base.valueNum || get_unsigned_array(&da.check, y) != x) break;
-    if (c == 0) {  // through the terminator: y is the leaf
-      *result = get_unsigned_array(&da.base, y);
-      if (cached) registerKeyTagToHashTable(key, *result, true, hint);
-      return true;
-    }
-    x = y;
+  key_trie t;
+  setup_key_trie(&t, mKeyEntity);
+  vkt_u32 tag;
+  const bool found = with_trie_widths(t, [&](auto base, auto check) {
+    return walk_key(t.base.valueNum, base, check, key, &tag);
+  });
+  if (found) {
+    *result = tag;
+    if (cached) registerKeyTagToHashTable(key, tag, true, hint);
+    return true;
   }
   if (cached) registerKeyTagToHashTable(key, 0, false, hint);
   return false;
 }
 
-// The trie's climb from a key's leaf to the root: calls emit(byte) for each
-// byte of key `keyTag`, last byte first, and answers how many there were.
-// Each step undoes the code that the way down added to the parent's base. A
-// damaged check that loops is cut off after as many steps as there are
-// positions; a tag beyond the table gives no bytes.
+// The climb from the leaf of `keyTag` (see climb_key); a tag beyond the
+// table gives no bytes.
 template <typename Emit>
 vkt_u32 VKTObject::climbKey(vkt_u32 keyTag, Emit emit) const {
   key_trie t;
   setup_key_trie(&t, mKeyEntity);
   if (keyTag >= t.tail.valueNum) return 0;
-  vkt_u32 x = get_unsigned_array(&t.check, get_unsigned_array(&t.tail, keyTag));
-  vkt_u32 steps = 0;
-  for (; x != 0 && steps < t.check.valueNum; ++steps) {
-    const vkt_u32 y = get_unsigned_array(&t.check, x);
-    emit(char(vkt_u8(x - get_unsigned_array(&t.base, y))));
-    x = y;
-  }
-  return steps;
+  const vkt_u32 leaf = get_unsigned_array(&t.tail, keyTag);
+  return with_trie_widths(t, [&](auto base, auto check) {
+    return climb_key(t.check.valueNum, leaf, base, check, emit);
+  });
 }
 
 // Version 1 keeps each name as a NUL-terminated string.
@@ -137,10 +172,20 @@ void VKTObject::getKeyInto(vkt_u32 keyTag, std::string* out) const {
     const char* s = sortedKey(keyTag);
     out->assign(s != nullptr ? s : "");
   } else {
-    // Sized by a first climb, then filled from the back by a second, so the
-    // string never grows or needs reversing.
-    out->resize(climbKey(keyTag, [](char) {}));
-    char* p = &(*out)[0] + out->size();
+    // Filled from the back of a stack buffer in one climb; a name too long
+    // for it is sized by a first climb and filled by a second. Either way
+    // the string is allocated once at most, and never grows or reverses.
+    char buffer[256];
+    char* p = buffer + sizeof(buffer);
+    const vkt_u32 length = climbKey(keyTag, [&](char c) {
+      if (p != buffer) *--p = c;
+    });
+    if (length <= sizeof(buffer)) {
+      out->assign(p, length);
+      return;
+    }
+    out->resize(length);
+    p = &(*out)[0] + length;
     climbKey(keyTag, [&p](char c) { *--p = c; });
   }
 }
