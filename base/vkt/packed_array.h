@@ -37,30 +37,6 @@ static inline void setup_unsigned_array(unsigned_array* a, const vkt_u8* p) {
   a->size = valueNumSize + 1 + a->valueNum * a->valueSize;
 }
 
-// The array at `offset` of the `size` bytes at `image`, when the whole of it
-// lies within them and its ids are unsigned ids; false otherwise, with *a
-// left empty (no elements). Nothing outside the bytes is read, so it may run
-// on bytes that nobody has checked.
-static inline bool setup_unsigned_array_within(unsigned_array* a,
-                                               const vkt_u8* image,
-                                               vkt_u32 size, vkt_u32 offset) {
-  *a = unsigned_array{0, 0, 0, image};
-  auto is_unsigned_id = [](vkt_u32 id) {
-    return id >= ID_UNSIGNED8 && id <= ID_UNSIGNED32;
-  };
-  if (offset >= size || !is_unsigned_id(image[offset])) return false;
-  const vkt_u32 head = image[offset] - (UNSIGNED_ID_BIAS - 1) + 1;  // + width
-  if (head > size - offset || !is_unsigned_id(image[offset + head - 1])) {
-    return false;
-  }
-  unsigned_array b;
-  setup_unsigned_array(&b, image + offset);
-  const vkt_u64 bytes = vkt_u64(b.valueNum) * b.valueSize;
-  if (bytes > size - offset - head) return false;
-  *a = b;
-  return true;
-}
-
 // Element `index` of numbers packed at a width known when compiling; loops
 // over one array pick the width once (with_width) and run without a switch.
 // Width 0 stands for a width id outside the family and reads as 0.
@@ -101,6 +77,29 @@ static inline vkt_u32 read_packed(const vkt_u8* values, vkt_u32 width,
   return with_width(width, [&](auto w) {
     return read_packed<decltype(w)::value>(values, index);
   });
+}
+
+// The array at `offset` of the `size` bytes at `image`, when the whole of it
+// lies within them and its ids are unsigned ids; false otherwise, with *a
+// left empty (no elements). Nothing outside the bytes is read, so it may run
+// on bytes that nobody has checked.
+static inline bool setup_unsigned_array_within(unsigned_array* a,
+                                               const vkt_u8* image,
+                                               vkt_u32 size, vkt_u32 offset) {
+  *a = unsigned_array{0, 0, 0, image};
+  // Ids as widths: 1 to 4 for an unsigned id, above 4 for any other byte.
+  if (offset >= size) return false;
+  const vkt_u8* p = image + offset;
+  const vkt_u32 countWidth = vkt_u32(p[0]) - UNSIGNED_ID_BIAS;
+  if (countWidth - 1 > 3 || countWidth + 2 > size - offset) return false;
+  const vkt_u32 valueSize = vkt_u32(p[countWidth + 1]) - UNSIGNED_ID_BIAS;
+  if (valueSize - 1 > 3) return false;
+  const vkt_u32 valueNum = read_packed(p + 1, countWidth, 0);
+  const vkt_u32 head = countWidth + 2;
+  if (vkt_u64(valueNum) * valueSize > size - offset - head) return false;
+  *a = unsigned_array{head + valueNum * valueSize, valueNum, valueSize,
+                      p + head};
+  return true;
 }
 
 static inline vkt_u32 get_unsigned_array(const unsigned_array* a,
