@@ -235,7 +235,17 @@ class VKTValue {
   VKTValue operator[](T index) const {
     return at(static_cast<vkt_u32>(index));
   }
-  VKTValue at(vkt_u32 index) const;
+  VKTValue at(vkt_u32 index) const {
+    // ID_ARRAY | count id | count | width id | offsets | elements
+    if (mObj == nullptr || *mPtr != kArrayId) return VKTValue();
+    const vkt_u32 countWidth = vkt_u32(mPtr[1]) - kUnsignedIdBias;
+    const vkt_u32 count = readPacked(mPtr + 2, countWidth);
+    if (index >= count) return VKTValue();
+    const vkt_u32 width = vkt_u32(mPtr[2 + countWidth]) - kUnsignedIdBias;
+    const vkt_u8* offsets = mPtr + 3 + countWidth;
+    return VKTValue(mObj, offsets + count * width +
+                              readPacked(offsets + index * width, width));
+  }
 
   // Member of an object by name; the null view when it is missing. A member
   // that holds null is found: its view has a non-null object().
@@ -286,9 +296,13 @@ class VKTValue {
   // is ascending byte order for images of this library's writer.
   void getMemberNames(vkt_members* result) const;
 
-  // Walks by position, with no lookup per member and nothing allocated:
+  // Walks by position, with no lookup per member:
   //   for (const VKTMember& m : v.members()) use(m.name, m.value);
   //   for (VKTValue e : v.elements()) use(e);
+  // elements() never allocates; members() does not either once
+  // VKTObject::decodeKeyNames has run (see VKTMemberIterator). Prefer them to
+  // getMemberNames + at(name), which allocates every name and looks each one
+  // up again.
   // members() gives an object's members in stored order (empty for any other
   // kind); elements() gives an array's elements, or an object's member values
   // in stored order (empty for any other kind). Both ranges hold views into
@@ -322,7 +336,29 @@ class VKTValue {
     vkt_u8 type[256];
   };
   static const TypeTable kTypeOfId;
+  // The array id, and what an unsigned id exceeds its width by (checked
+  // against the library's id table in container.cc).
+  static const vkt_u8 kArrayId = 32;
+  static const vkt_u32 kUnsignedIdBias = 12;
   static constexpr TypeTable makeTypeTable();  // value.cc
+  // One packed number of `width` bytes, least significant first, 0 for a
+  // width outside 1 to 4; the one byte-level read kept in this header, so
+  // that indexing and a walk's steps inline.
+  static vkt_u32 readPacked(const vkt_u8* p, vkt_u32 width) {
+    switch (width) {
+      case 1:
+        return p[0];
+      case 2:
+        return vkt_u32(p[0]) | vkt_u32(p[1]) << 8;
+      case 3:
+        return vkt_u32(p[0]) | vkt_u32(p[1]) << 8 | vkt_u32(p[2]) << 16;
+      case 4:
+        return vkt_u32(p[0]) | vkt_u32(p[1]) << 8 | vkt_u32(p[2]) << 16 |
+               vkt_u32(p[3]) << 24;
+      default:
+        return 0;
+    }
+  }
   // The member with key tag `tag`; REQUIRES: an object view.
   bool findTag(vkt_u32 tag, VKTValue* value) const;
 
@@ -355,7 +391,8 @@ class VKTElementIterator {
   typedef VKTValue reference;
 
   VKTValue operator*() const {
-    const vkt_u8* p = mEntity + readOffset(mOffsets + mIndex * mWidth, mWidth);
+    const vkt_u8* p =
+        mEntity + VKTValue::readPacked(mOffsets + mIndex * mWidth, mWidth);
     return mRecords ? recordValue(mObj, p) : VKTValue(mObj, p);
   }
   VKTElementIterator& operator++() {
@@ -375,24 +412,6 @@ class VKTElementIterator {
   friend class VKTMemberIterator;
   friend class VKTMemberRange;
   VKTElementIterator() = default;
-  // One packed offset of `width` bytes, least significant first; the one
-  // byte-level read kept in this header, so that a walk's steps inline. A
-  // width outside 1 to 4 never reaches here (the range makes it 0).
-  static vkt_u32 readOffset(const vkt_u8* p, vkt_u32 width) {
-    switch (width) {
-      case 1:
-        return p[0];
-      case 2:
-        return vkt_u32(p[0]) | vkt_u32(p[1]) << 8;
-      case 3:
-        return vkt_u32(p[0]) | vkt_u32(p[1]) << 8 | vkt_u32(p[2]) << 16;
-      case 4:
-        return vkt_u32(p[0]) | vkt_u32(p[1]) << 8 | vkt_u32(p[2]) << 16 |
-               vkt_u32(p[3]) << 24;
-      default:
-        return 0;
-    }
-  }
   // The value of a version-1 record at `p`, behind its key tag.
   static VKTValue recordValue(const VKTObject* obj, const vkt_u8* p);
 

@@ -49,16 +49,10 @@ vkt_u32 usable_width(const unsigned_array& a) {
 }  // namespace
 
 vkt_size VKTValue::size() const {
+  static_assert(kArrayId == ID_ARRAY && kUnsignedIdBias == UNSIGNED_ID_BIAS,
+                "the inline at(index) reads arrays as the library writes them");
   if (!is_container(mObj, mPtr)) return 0;
   return parse_unsigned(mPtr + 1);  // the first array's count
-}
-
-VKTValue VKTValue::at(vkt_u32 index) const {
-  if (mObj == nullptr || *mPtr != ID_ARRAY) return VKTValue();
-  unsigned_array a;
-  setup_unsigned_array(&a, mPtr + 1);
-  if (index >= a.valueNum) return VKTValue();
-  return VKTValue(mObj, mPtr + 1 + a.size + get_unsigned_array(&a, index));
 }
 
 VKTValue VKTValue::at(const char* key, vkt_u32* hint) const {
