@@ -471,8 +471,10 @@ class VKTMemberIterator {
  private:
   friend class VKTMemberRange;
   VKTMemberIterator() = default;
-  // Fills mMember for the current position, when there is one.
+  // Fills mMember for the current position, when there is one: inline for
+  // decoded names, else through loadRebuilt.
   void load();
+  void loadRebuilt();
 
   VKTElementIterator mValues;     // positions and member values
   const vkt_u8* mKeys = nullptr;  // key tags (versions 2 and up)
@@ -694,6 +696,16 @@ class VKTObject {
   std::vector<char> mKeyNames;
   std::vector<vkt_u32> mKeyNameStarts;
 };
+
+inline void VKTMemberIterator::load() {
+  if (mValues.mIndex >= mCount) return;
+  const VKTObject* obj = mValues.mObj;
+  if (mValues.mRecords || !obj->hasKeyNames()) return loadRebuilt();
+  mMember.keyTag =
+      VKTValue::readPacked(mKeys + mValues.mIndex * mKeyWidth, mKeyWidth);
+  mMember.value = *mValues;
+  mMember.name = obj->keyName(mMember.keyTag);
+}
 
 // Turns a VKTWriterValue tree into an image. One object can write any number
 // of images, one after the other; setOptimize and setEndian stay in force.

@@ -184,8 +184,7 @@ VKTMemberIterator VKTMemberRange::begin() const {
   return it;
 }
 
-void VKTMemberIterator::load() {
-  if (mValues.mIndex >= mCount) return;
+void VKTMemberIterator::loadRebuilt() {
   const vkt_u32 i = mValues.mIndex;
   const VKTObject* obj = mValues.mObj;
   mMember.keyTag =
