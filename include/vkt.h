@@ -361,6 +361,11 @@ class VKTValue {
   }
   // The member with key tag `tag`; REQUIRES: an object view.
   bool findTag(vkt_u32 tag, VKTValue* value) const;
+  // The walk over an array's elements or an object's member values; the
+  // container's first array (offsets, or keys) has `count` entries of
+  // `width` bytes at `values` and ends at `behind`.
+  void setupElements(const vkt_u8* values, vkt_u32 count, vkt_u32 width,
+                     const vkt_u8* behind, VKTElementRange* range) const;
 
   const VKTObject* mObj;
   const vkt_u8* mPtr;

@@ -135,11 +135,19 @@ VKTElementRange VKTValue::elements() const {
   if (!is_container(mObj, mPtr)) return range;
   unsigned_array first;
   setup_unsigned_array(&first, mPtr + 1);
-  const vkt_u8* base = mPtr + 1 + first.size;
-  VKTElementIterator& it = range.mBegin;
+  setupElements(first.values, first.valueNum, usable_width(first),
+                mPtr + 1 + first.size, &range);
+  return range;
+}
+
+void VKTValue::setupElements(const vkt_u8* values, vkt_u32 count, vkt_u32 width,
+                             const vkt_u8* behind,
+                             VKTElementRange* range) const {
+  const vkt_u8* base = behind;
+  VKTElementIterator& it = range->mBegin;
   it.mObj = mObj;
-  it.mOffsets = first.values;
-  it.mWidth = usable_width(first);
+  it.mOffsets = values;
+  it.mWidth = width;
   it.mEntity = base;
   if (*mPtr == ID_OBJECT) {
     if (mObj->mVersion == 1) {
@@ -152,8 +160,7 @@ VKTElementRange VKTValue::elements() const {
       it.mEntity = base + offsets.size;
     }
   }
-  range.mCount = first.valueNum;
-  return range;
+  range->mCount = count;
 }
 
 VKTValue VKTElementIterator::recordValue(const VKTObject* obj,
@@ -164,10 +171,11 @@ VKTValue VKTElementIterator::recordValue(const VKTObject* obj,
 VKTMemberRange VKTValue::members() const {
   VKTMemberRange range;
   if (mObj == nullptr || *mPtr != ID_OBJECT) return range;
-  range.mValues = elements();
+  unsigned_array keys;  // in version 1, the records' offsets
+  setup_unsigned_array(&keys, mPtr + 1);
+  setupElements(keys.values, keys.valueNum, usable_width(keys),
+                mPtr + 1 + keys.size, &range.mValues);
   if (mObj->mVersion != 1) {
-    unsigned_array keys;
-    setup_unsigned_array(&keys, mPtr + 1);
     range.mKeys = keys.values;
     range.mKeyWidth = usable_width(keys);
   }
