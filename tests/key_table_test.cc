@@ -2,6 +2,8 @@
 // the key cache in front of the double-array walk.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "testutil.h"
 
 namespace {
@@ -94,6 +96,31 @@ TEST(KeyTableTest, FindsEveryKeyAndCachesVerdicts) {
   obj.setKeyHashEnabled(true);
   EXPECT_TRUE(obj.root().isMember(b, &bHint));
   EXPECT_EQ(A::keyHashChain(obj, hash_of(b)), (Chain{{b, 0}}));
+}
+
+TEST(KeyTableTest, NamesOfEveryLengthComeBackWhole) {
+  // Around the rebuild's stack buffer of 256 bytes, and names sharing it.
+  VKTWriterValue root;
+  std::vector<std::string> names;
+  for (size_t n : {0, 1, 15, 16, 255, 256, 257, 600}) {
+    names.push_back(std::string(n, 'a') + (n ? "z" : ""));
+    root[names.back()] = int(n);
+  }
+  VKTObject obj(VKTWriterObject().createImage(root));
+  for (int decoded = 0; decoded < 2; ++decoded) {
+    if (decoded) obj.decodeKeyNames();
+    vkt_members listed;
+    obj.root().getMemberNames(&listed);
+    std::vector<std::string> walked;
+    for (const VKTMember& m : obj.root().members()) {
+      walked.emplace_back(m.name);
+      EXPECT_EQ(A::getKey(obj, m.keyTag), walked.back());
+      EXPECT_EQ(obj.root()[m.key()], obj.root()[walked.back()]);
+    }
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(listed, names);
+    EXPECT_EQ(walked, names);
+  }
 }
 
 }  // namespace

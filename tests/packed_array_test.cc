@@ -35,3 +35,41 @@ TEST(PackedArray, BytesAtEveryBoundaryAndReadBack) {
       if (get_unsigned_array(&a, i) != values[i]) FAIL() << "element " << i;
   }
 }
+
+TEST(PackedArray, BoundedSetupAcceptsOnlyWholeArrays) {
+  // Every width of count and element; `bad` bytes replace the ids.
+  // clang-format off
+  const struct { std::vector<vkt_u32> values; const char* bad; } rows[] = {
+      {{}, ""}, {{0, 1, 300}, ""}, {{70000, 3}, ""}, {{16777216}, ""},
+      {std::vector<vkt_u32>(256, 7), ""}, {std::vector<vkt_u32>(65536, 1), ""},
+      {{1}, "0C 01 0D 01"}, {{1}, "0D 01 11 01"}, {{1}, "11 01 0D 01"}};
+  // clang-format on
+  for (const auto& row : rows) {
+    SCOPED_TRACE(&row - rows);
+    vkt_binary whole = {0xEE, 0xEE};  // what the offset skips
+    concat_unsigned_array(whole, row.values);
+    const vkt_binary bad = hex(row.bad);
+    std::copy(bad.begin(), bad.end(), whole.begin() + 2);
+    unsigned_array want;
+    setup_unsigned_array(&want, &whole[2]);
+    // Cut at every length up to the whole (a few at the end of big ones).
+    const vkt_u32 size = vkt_u32(whole.size());
+    for (vkt_u32 cut = size > 300 ? size - 8 : 0; cut <= size; ++cut) {
+      vkt_binary bytes(whole.begin(), whole.begin() + cut);
+      bytes.shrink_to_fit();  // so that ASan sees any read past the cut
+      unsigned_array a;
+      const bool fits = cut == size && bad.empty();
+      EXPECT_EQ(setup_unsigned_array_within(&a, bytes.data(), cut, 2), fits);
+      EXPECT_EQ(a.valueNum, fits ? want.valueNum : 0) << cut;
+      EXPECT_EQ(fits ? a.size : 0u, fits ? want.size : 0u) << cut;
+    }
+    // Width-fixed reads give what the generic read gives.
+    with_width(want.valueSize, [&](auto w) {
+      for (vkt_u32 i = 0; i < std::min(want.valueNum, 300u); ++i) {
+        EXPECT_EQ(read_packed<decltype(w)::value>(want.values, i),
+                  get_unsigned_array(&want, i));
+      }
+      return 0;
+    });
+  }
+}
