@@ -50,8 +50,8 @@ TEST(PackedArray, BoundedSetupAcceptsOnlyWholeArrays) {
     concat_unsigned_array(whole, row.values);
     const vkt_binary bad = hex(row.bad);
     std::copy(bad.begin(), bad.end(), whole.begin() + 2);
-    unsigned_array want;
-    setup_unsigned_array(&want, &whole[2]);
+    unsigned_array want = {};  // the unbounded setup, on sound bytes only
+    if (bad.empty()) setup_unsigned_array(&want, &whole[2]);
     // Cut at every length up to the whole (a few at the end of big ones).
     const vkt_u32 size = vkt_u32(whole.size());
     for (vkt_u32 cut = size > 300 ? size - 8 : 0; cut <= size; ++cut) {
