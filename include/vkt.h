@@ -512,9 +512,7 @@ class VKTMemberRange {
 //
 // The constructors validate nothing: the bytes must be a whole image, opened
 // with the filter if its flags ask for one. Run decode first on bytes that you
-// do not trust; it answers false on a bad header. Besides the header they read
-// only the headers of the key table's and string table's arrays, and never
-// outside the bytes in memory; an array that does not fit is taken as empty.
+// do not trust; it answers false on a bad header.
 //
 // Ownership: see vkt_alloc_type. The header copy is always the object's own
 // and lives inside the object, so opening with VKT_ALLOC_REFER allocates
@@ -624,19 +622,9 @@ class VKTObject {
     vkt_u32 tail;
   };
 
-  // A packed array of a section, set up once at open.
-  struct SectionArray {
-    const vkt_u8* values;
-    vkt_u32 count;
-    vkt_u32 width;
-  };
-
   void loadHeader(const vkt_u8* header, VKTFilter* structFilter);
   void init(VKTFilter* structFilter);
   void decodeInfo();
-  // Sets up the key trie's and the string table's arrays, each only when it
-  // lies whole within the bytes in memory (else it stays empty).
-  void setupSections();
   void filterInfo(VKTFilter* structFilter);
   void releaseStreamBuffer();
 
@@ -687,8 +675,6 @@ class VKTObject {
   const vkt_u8* mBStreamSizeArray = nullptr;
   const vkt_u8* mBStreamEntity = nullptr;
   const vkt_u8* mRootValuePtr = nullptr;
-  SectionArray mKeyBase = {}, mKeyCheck = {}, mKeyTail = {};
-  SectionArray mStrings = {};
   const vkt_u8* mFilteredInfoBegin = nullptr;
   const vkt_u8* mFilteredInfoEnd = nullptr;
   vkt_u32 mTotalStreamEntitySize = 0;

@@ -29,6 +29,19 @@ const vkt_u32 KEY_HASH_MULTIPLIER = 37;
 // The end of a chain, and of the list of entries behind it.
 const vkt_u32 NO_ENTRY = 0xFFFFFFFF;
 
+// The trie's three arrays, set up anew by each call from the key section.
+struct key_trie {
+  unsigned_array base;
+  unsigned_array check;
+  unsigned_array tail;
+};
+
+void setup_key_trie(key_trie* t, const vkt_u8* section) {
+  setup_unsigned_array(&t->base, section);
+  setup_unsigned_array(&t->check, section + t->base.size);
+  setup_unsigned_array(&t->tail, section + t->base.size + t->check.size);
+}
+
 // One packed array read at a width fixed when compiling.
 template <typename Width>
 struct packed {
@@ -38,15 +51,15 @@ struct packed {
   const vkt_u8* p;
 };
 
-// Calls f(base, check) with readers of the trie's two arrays (as set up at
-// open), each specialised for its width, so the walks below run without a
-// switch per step.
-template <typename Array, typename F>
-auto with_trie_widths(const Array& base, const Array& check, F f) {
-  return with_width(base.width, [&](auto bw) {
-    return with_width(check.width, [&](auto cw) {
-      return f(packed<decltype(bw)>{base.values},
-               packed<decltype(cw)>{check.values});
+// Calls f(base, check) with readers of the trie's two arrays, each
+// specialised for its width, so the walks below run without a switch per
+// step.
+template <typename F>
+auto with_trie_widths(const key_trie& t, F f) {
+  return with_width(t.base.valueSize, [&](auto bw) {
+    return with_width(t.check.valueSize, [&](auto cw) {
+      return f(packed<decltype(bw)>{t.base.values},
+               packed<decltype(cw)>{t.check.values});
     });
   });
 }
@@ -119,11 +132,12 @@ bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint) const {
     if (findKeyTagFromHashTable(key, result, &success, hint)) return success;
   }
 
+  key_trie t;
+  setup_key_trie(&t, mKeyEntity);
   vkt_u32 tag;
-  const bool found =
-      with_trie_widths(mKeyBase, mKeyCheck, [&](auto base, auto check) {
-        return walk_key(mKeyBase.count, base, check, key, &tag);
-      });
+  const bool found = with_trie_widths(t, [&](auto base, auto check) {
+    return walk_key(t.base.valueNum, base, check, key, &tag);
+  });
   if (found) {
     *result = tag;
     if (cached) registerKeyTagToHashTable(key, tag, true, hint);
@@ -137,10 +151,12 @@ bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint) const {
 // table gives no bytes.
 template <typename Emit>
 vkt_u32 VKTObject::climbKey(vkt_u32 keyTag, Emit emit) const {
-  if (keyTag >= mKeyTail.count) return 0;
-  const vkt_u32 leaf = read_packed(mKeyTail.values, mKeyTail.width, keyTag);
-  return with_trie_widths(mKeyBase, mKeyCheck, [&](auto base, auto check) {
-    return climb_key(mKeyCheck.count, leaf, base, check, emit);
+  key_trie t;
+  setup_key_trie(&t, mKeyEntity);
+  if (keyTag >= t.tail.valueNum) return 0;
+  const vkt_u32 leaf = get_unsigned_array(&t.tail, keyTag);
+  return with_trie_widths(t, [&](auto base, auto check) {
+    return climb_key(t.check.valueNum, leaf, base, check, emit);
   });
 }
 
@@ -197,7 +213,9 @@ void VKTObject::decodeKeyNames() {
     setup_unsigned_array(&keyOffsetArray, mKeyOffsetArray);
     count = keyOffsetArray.valueNum;
   } else {
-    count = mKeyTail.count;
+    key_trie t;
+    setup_key_trie(&t, mKeyEntity);
+    count = t.tail.valueNum;
   }
   // Lengths first, so the block is allocated once.
   mKeyNameStarts.resize(size_t(count) + 1);

@@ -2,12 +2,11 @@
 // stream, the plain header copy and the section pointers, the purge of the
 // stream entity, and decode, the one validation of an image.
 //
-// Opening copies the header into the object (and, by mode, the image or its
-// front part), unscrambles what the flags say, turns each header offset into
-// a pointer, and sets up the three arrays of the key trie and the string
-// offsets once, so that lookups do not parse them again. That setup is the
-// only read beyond the header, and it is bounded by the bytes in memory: an
-// array that does not lie whole within them is left empty.
+// Opening never parses a section: it copies the header into the object (and,
+// by mode, the image or its front part), unscrambles what the flags say, and
+// turns each header offset into a pointer. It reads nothing but the header,
+// so it is safe on bytes that only decode has seen, and it stays a few
+// nanoseconds; a lookup sets up the few arrays it needs itself.
 #include <cstring>  // memcpy, memcmp
 
 #include "vkt/format.h"
@@ -59,7 +58,6 @@ VKTObject::VKTObject(const vkt_u8* ptr, vkt_u32 size, vkt_alloc_type allocType,
   // In the purge modes the pointers already lie in the copy, so the caller's
   // bytes are never written.
   filterInfo(structFilter);
-  setupSections();
 }
 
 VKTObject::VKTObject(VKTReadStream* reader, VKTFilter* structFilter)
@@ -85,7 +83,6 @@ VKTObject::VKTObject(VKTReadStream* reader, VKTFilter* structFilter)
   decodeInfo();
   mStreamEntity = nullptr;
   filterInfo(structFilter);
-  setupSections();
 }
 
 VKTObject::~VKTObject() {
@@ -139,39 +136,6 @@ void VKTObject::decodeInfo() {
       mImageSize - header_field(mHeader, HEADER_OFST_STREAM_ENTITY);
 }
 
-// Runs once the bytes are plain. Only this reads past the header at open,
-// and never outside the bytes in memory: the front part in the purge modes
-// and for a stream-backed image, else the whole image.
-void VKTObject::setupSections() {
-  const bool frontOnly = mReader != nullptr || mAllocType == VKT_ALLOC_PURGE ||
-                         mAllocType == VKT_ALLOC_PURGE_REFER;
-  const vkt_u32 inMemory =
-      frontOnly ? header_field(mHeader, HEADER_OFST_STREAM_ENTITY) : mImageSize;
-  auto section_array = [](const unsigned_array& a) {
-    return SectionArray{a.values, a.valueNum, a.valueSize};
-  };
-  unsigned_array strings;
-  setup_unsigned_array_within(
-      &strings, mImage, inMemory,
-      header_field(mHeader, HEADER_OFST_STRING_OFFSET_ARRAY));
-  mStrings = section_array(strings);
-
-  // base | check | tail, back to back; check has one entry per base entry.
-  unsigned_array base, check, tail;
-  const vkt_u32 at = header_field(mHeader, HEADER_OFST_KEY_ENTITY);
-  const bool trie =
-      mVersion != 1 &&
-      setup_unsigned_array_within(&base, mImage, inMemory, at) &&
-      setup_unsigned_array_within(&check, mImage, inMemory, at + base.size) &&
-      check.valueNum == base.valueNum &&
-      setup_unsigned_array_within(&tail, mImage, inMemory,
-                                  at + base.size + check.size);
-  const SectionArray none = {mImage, 0, 0};
-  mKeyBase = trie ? section_array(base) : none;
-  mKeyCheck = trie ? section_array(check) : none;
-  mKeyTail = trie ? section_array(tail) : none;
-}
-
 void VKTObject::filterInfo(VKTFilter* structFilter) {
   if (structFilter == nullptr || !(mFlags & VKT_FLAGS_FILTER_INFO)) return;
   // The bytes are ours or were handed over for writing (REFER, OWN).
@@ -190,7 +154,6 @@ void VKTObject::preparePurge() {
   // The payloads stay in the old allocation, which mStreamEntity now stands
   // for: its start lies the stream entity's offset before it.
   mStreamEntity = newEntity;
-  setupSections();
 }
 
 void VKTObject::purgeStreamEntity() { releaseStreamBuffer(); }
@@ -262,10 +225,12 @@ VKTReadStream* build_reader(VKTReadStream* source, vkt_offset sourceEntity,
 }  // namespace
 
 const char* VKTObject::getString(vkt_u32 stringTag) const {
+  unsigned_array a;
+  setup_unsigned_array(&a, mStringOffsetArray);
   // An image without strings has no string 0 for a non-string value to name.
-  if (stringTag >= mStrings.count) return "";
+  if (stringTag >= a.valueNum) return "";
   return reinterpret_cast<const char*>(mStringEntity) +
-         read_packed(mStrings.values, mStrings.width, stringTag);
+         get_unsigned_array(&a, stringTag);
 }
 
 const vkt_u8* VKTObject::getStream(vkt_u32 streamTag) const {

@@ -79,29 +79,6 @@ static inline vkt_u32 read_packed(const vkt_u8* values, vkt_u32 width,
   });
 }
 
-// The array at `offset` of the `size` bytes at `image`, when the whole of it
-// lies within them and its ids are unsigned ids; false otherwise, with *a
-// left empty (no elements). Nothing outside the bytes is read, so it may run
-// on bytes that nobody has checked.
-static inline bool setup_unsigned_array_within(unsigned_array* a,
-                                               const vkt_u8* image,
-                                               vkt_u32 size, vkt_u32 offset) {
-  *a = unsigned_array{0, 0, 0, image};
-  // Ids as widths: 1 to 4 for an unsigned id, above 4 for any other byte.
-  if (offset >= size) return false;
-  const vkt_u8* p = image + offset;
-  const vkt_u32 countWidth = vkt_u32(p[0]) - UNSIGNED_ID_BIAS;
-  if (countWidth - 1 > 3 || countWidth + 2 > size - offset) return false;
-  const vkt_u32 valueSize = vkt_u32(p[countWidth + 1]) - UNSIGNED_ID_BIAS;
-  if (valueSize - 1 > 3) return false;
-  const vkt_u32 valueNum = read_packed(p + 1, countWidth, 0);
-  const vkt_u32 head = countWidth + 2;
-  if (vkt_u64(valueNum) * valueSize > size - offset - head) return false;
-  *a = unsigned_array{head + valueNum * valueSize, valueNum, valueSize,
-                      p + head};
-  return true;
-}
-
 static inline vkt_u32 get_unsigned_array(const unsigned_array* a,
                                          vkt_u32 index) {
   return read_packed(a->values, a->valueSize, index);
