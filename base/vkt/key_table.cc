@@ -132,8 +132,9 @@ bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint) const {
     if (findKeyTagFromHashTable(key, result, &success, hint)) return success;
   }
 
-  key_trie t;
-  setup_key_trie(&t, mKeyEntity);
+  key_trie t;  // the walk down needs no tail
+  setup_unsigned_array(&t.base, mKeyEntity);
+  setup_unsigned_array(&t.check, mKeyEntity + t.base.size);
   vkt_u32 tag;
   const bool found = with_trie_widths(t, [&](auto base, auto check) {
     return walk_key(t.base.valueNum, base, check, key, &tag);
