@@ -678,8 +678,10 @@ class VKTObject {
   const vkt_u8* mFilteredInfoBegin = nullptr;
   const vkt_u8* mFilteredInfoEnd = nullptr;
   vkt_u32 mTotalStreamEntitySize = 0;
-  // Empty while the key cache is off; one chain per hash while it is on.
-  // Lookups with a hint change both although they are const.
+  // The key cache: one chain per hash once it holds an entry, empty before
+  // and while it is off. Lookups with a hint change both vectors although
+  // they are const.
+  bool mKeyHashEnabled = false;
   mutable std::vector<KeyHashChain> mKeyHashTable;
   mutable std::vector<KeyHashEntry> mKeyHashEntries;
   // decodeKeyNames: the names back to back, each closed by a NUL, and where

@@ -104,6 +104,7 @@ class VKTTestAccess {
   static std::vector<std::pair<const char*, vkt_u32>> keyHashChain(
       const VKTObject& o, vkt_u32 hash) {
     std::vector<std::pair<const char*, vkt_u32>> out;
+    if (o.mKeyHashTable.empty()) return out;  // no entry yet
     for (vkt_u32 i = o.mKeyHashTable[hash].head; i != 0xFFFFFFFF;
          i = o.mKeyHashEntries[i].next) {
       out.emplace_back(o.mKeyHashEntries[i].key, o.mKeyHashEntries[i].value);

@@ -126,7 +126,7 @@ bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint) const {
     return false;
   }
 
-  const bool cached = hint != nullptr && !mKeyHashTable.empty();
+  const bool cached = hint != nullptr && mKeyHashEnabled;
   if (cached) {
     bool success;
     if (findKeyTagFromHashTable(key, result, &success, hint)) return success;
@@ -249,9 +249,10 @@ void VKTObject::setKeyHashEnabled(bool state) {
   if (!state) {
     std::vector<KeyHashChain>().swap(mKeyHashTable);
     std::vector<KeyHashEntry>().swap(mKeyHashEntries);
-  } else if (mKeyHashTable.empty()) {
-    mKeyHashTable.assign(HASH_TABLE_SIZE, KeyHashChain{NO_ENTRY, NO_ENTRY});
   }
+  // The chains come with the first entry, so that enabling costs nothing
+  // for an object that never sees a hint.
+  mKeyHashEnabled = state;
 }
 
 vkt_u32 VKTObject::calcKeyHash(const char* key, vkt_u32* hint) const {
@@ -269,7 +270,9 @@ vkt_u32 VKTObject::calcKeyHash(const char* key, vkt_u32* hint) const {
 
 bool VKTObject::findKeyTagFromHashTable(const char* key, vkt_u32* keyTag,
                                         bool* success, vkt_u32* hint) const {
-  const KeyHashChain& chain = mKeyHashTable[calcKeyHash(key, hint)];
+  const vkt_u32 hash = calcKeyHash(key, hint);
+  if (mKeyHashTable.empty()) return false;  // no entry yet
+  const KeyHashChain& chain = mKeyHashTable[hash];
   for (vkt_u32 i = chain.head; i != NO_ENTRY; i = mKeyHashEntries[i].next) {
     const KeyHashEntry& entry = mKeyHashEntries[i];
     // The same pointer spares the string comparison.
@@ -284,7 +287,11 @@ bool VKTObject::findKeyTagFromHashTable(const char* key, vkt_u32* keyTag,
 
 void VKTObject::registerKeyTagToHashTable(const char* key, vkt_u32 keyTag,
                                           bool success, vkt_u32* hint) const {
-  KeyHashChain& chain = mKeyHashTable[calcKeyHash(key, hint)];
+  const vkt_u32 hash = calcKeyHash(key, hint);
+  if (mKeyHashTable.empty()) {
+    mKeyHashTable.assign(HASH_TABLE_SIZE, KeyHashChain{NO_ENTRY, NO_ENTRY});
+  }
+  KeyHashChain& chain = mKeyHashTable[hash];
   const vkt_u32 index = vkt_u32(mKeyHashEntries.size());
   mKeyHashEntries.push_back(
       KeyHashEntry{key, success ? keyTag : FALSE_HASH, NO_ENTRY});
