@@ -16,7 +16,7 @@
 #define VKT_VKT_H_
 
 #include <cstddef>
-#include <list>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -97,6 +97,8 @@ const vkt_u32 VKT_FLAGS_ENDIAN_BIG = 1 << VKT_FLAGS_ENDIAN_SHIFT;
 const vkt_u32 VKT_FLAGS_ENDIAN_MASK = 1 << VKT_FLAGS_ENDIAN_SHIFT;
 
 class VKTObject;
+class VKTMemberRange;
+class VKTElementRange;
 class VKTWriterObject;
 class VKTWriterValue;
 class VKTTestAccess;  // defined only by the library's tests and benchmarks
@@ -154,6 +156,24 @@ class VKTWriteStream {
   void Write(VKTReadStream* reader);
 };
 
+// A key name resolved once against an image's key table by
+// VKTObject::prepareKey, or taken from a member (VKTMember::key). It holds the
+// key tag alone, so it is valid with the image it came from and with every
+// image that shares its key table; with any other image it names an
+// unrelated key. A name that the table lacks gives an absent key, which no
+// object has as a member. Copied freely; owns nothing.
+class VKTKey {
+ public:
+  VKTKey() : mTag(kAbsent) {}
+  explicit VKTKey(vkt_u32 keyTag) : mTag(keyTag) {}
+  bool isPresent() const { return mTag != kAbsent; }
+  vkt_u32 tag() const { return mTag; }
+
+ private:
+  static const vkt_u32 kAbsent = 0xFFFFFFFF;
+  vkt_u32 mTag;
+};
+
 // A view of one value in an opened image: two pointers, copied freely, owning
 // nothing. It stays valid while its VKTObject lives and the bytes it points at
 // stay in memory. The default view is the null view; a missed lookup gives it.
@@ -170,7 +190,9 @@ class VKTValue {
  public:
   VKTValue() : mObj(nullptr), mPtr(nullptr) {}
 
-  vkt_type type() const;
+  vkt_type type() const {
+    return mObj == nullptr ? VKT_TYPE_NULL : vkt_type(kTypeOfId.type[*mPtr]);
+  }
 
   // Scalars. Integers narrowed by asInt keep their low 32 bits. A float or
   // double is truncated toward zero and saturates at the target's limits; a
@@ -212,7 +234,17 @@ class VKTValue {
   VKTValue operator[](T index) const {
     return at(static_cast<vkt_u32>(index));
   }
-  VKTValue at(vkt_u32 index) const;
+  VKTValue at(vkt_u32 index) const {
+    // ID_ARRAY | count id | count | width id | offsets | elements
+    if (mObj == nullptr || *mPtr != kArrayId) return VKTValue();
+    const vkt_u32 countWidth = vkt_u32(mPtr[1]) - kUnsignedIdBias;
+    const vkt_u32 count = readPacked(mPtr + 2, countWidth);
+    if (index >= count) return VKTValue();
+    const vkt_u32 width = vkt_u32(mPtr[2 + countWidth]) - kUnsignedIdBias;
+    const vkt_u8* offsets = mPtr + 3 + countWidth;
+    return VKTValue(mObj, offsets + count * width +
+                              readPacked(offsets + index * width, width));
+  }
 
   // Member of an object by name; the null view when it is missing. A member
   // that holds null is found: its view has a non-null object().
@@ -239,9 +271,43 @@ class VKTValue {
     return findMember(key.c_str(), value, nullptr);
   }
   bool findMember(const char* key, VKTValue* value, vkt_u32* hint) const;
+  // The same lookups with a prepared key: a binary search of the object's key
+  // array and nothing else, so the fastest way to reach the same name in
+  // many objects. Which form to use:
+  //   - a name known ahead, looked up in many objects of one image (a field of
+  //     every record): prepare it once with VKTObject::prepareKey;
+  //   - a name looked up once or twice: the plain name;
+  //   - hints only save the trie walk after the first lookup and put the
+  //     caller under the key cache's rules; a prepared key is faster, needs
+  //     no cache and is safe for concurrent readers.
+  VKTValue operator[](const VKTKey& key) const { return at(key); }
+  VKTValue at(const VKTKey& key) const {
+    VKTValue value;
+    findMember(key, &value);
+    return value;
+  }
+  bool isMember(const VKTKey& key) const {
+    VKTValue value;
+    return findMember(key, &value);
+  }
+  bool findMember(const VKTKey& key, VKTValue* value) const;
   // Clears *result and fills it with the member names in stored order, which
   // is ascending byte order for images of this library's writer.
   void getMemberNames(vkt_members* result) const;
+
+  // Walks by position, with no lookup per member:
+  //   for (const VKTMember& m : v.members()) use(m.name, m.value);
+  //   for (VKTValue e : v.elements()) use(e);
+  // elements() never allocates; members() does not either once
+  // VKTObject::decodeKeyNames has run (see VKTMemberIterator). Prefer them to
+  // getMemberNames + at(name), which allocates every name and looks each one
+  // up again.
+  // members() gives an object's members in stored order (empty for any other
+  // kind); elements() gives an array's elements, or an object's member values
+  // in stored order (empty for any other kind). Both ranges hold views into
+  // the image and are valid as long as this view is.
+  VKTMemberRange members() const;
+  VKTElementRange elements() const;
 
   // The root of the same image; the null view for a null view.
   VKTValue root() const;
@@ -259,11 +325,186 @@ class VKTValue {
 
  private:
   friend class VKTObject;
+  friend class VKTMemberIterator;
+  friend class VKTElementIterator;
   friend class VKTTestAccess;
   VKTValue(const VKTObject* obj, const vkt_u8* ptr) : mObj(obj), mPtr(ptr) {}
+  // The public kind of each id byte (0, null, for a byte that is no id), so
+  // that type() inlines.
+  struct TypeTable {
+    vkt_u8 type[256];
+  };
+  static const TypeTable kTypeOfId;
+  // The array id, and what an unsigned id exceeds its width by (checked
+  // against the library's id table in container.cc).
+  static const vkt_u8 kArrayId = 32;
+  static const vkt_u32 kUnsignedIdBias = 12;
+  static constexpr TypeTable makeTypeTable();  // value.cc
+  // One packed number of `width` bytes, least significant first, 0 for a
+  // width outside 1 to 4; the one byte-level read kept in this header, so
+  // that indexing and a walk's steps inline.
+  static vkt_u32 readPacked(const vkt_u8* p, vkt_u32 width) {
+    switch (width) {
+      case 1:
+        return p[0];
+      case 2:
+        return vkt_u32(p[0]) | vkt_u32(p[1]) << 8;
+      case 3:
+        return vkt_u32(p[0]) | vkt_u32(p[1]) << 8 | vkt_u32(p[2]) << 16;
+      case 4:
+        return vkt_u32(p[0]) | vkt_u32(p[1]) << 8 | vkt_u32(p[2]) << 16 |
+               vkt_u32(p[3]) << 24;
+      default:
+        return 0;
+    }
+  }
+  // The member with key tag `tag`; REQUIRES: an object view.
+  bool findTag(vkt_u32 tag, VKTValue* value) const;
+  // The walk over an array's elements or an object's member values; the
+  // container's first array (offsets, or keys) has `count` entries of
+  // `width` bytes at `values` and ends at `behind`.
+  void setupElements(const vkt_u8* values, vkt_u32 count, vkt_u32 width,
+                     const vkt_u8* behind, VKTElementRange* range) const;
 
   const VKTObject* mObj;
   const vkt_u8* mPtr;
+};
+
+// One member of an object, as VKTValue::members() hands it out.
+struct VKTMember {
+  vkt_u32 keyTag = 0;  // the name's key tag in the image's key table
+  // The name. It points into the VKTObject's name block when
+  // VKTObject::decodeKeyNames has run (valid until the object dies), else
+  // into the iterator that produced it (valid until that iterator moves on
+  // or dies). Not NUL-terminated in general.
+  std::string_view name;
+  VKTValue value;
+  // The prepared key of this member's name, for lookups in other objects.
+  VKTKey key() const { return VKTKey(keyTag); }
+};
+
+// Position walks over a container. An iterator keeps the container's array
+// pointers and widths, read once when the range is made, and reads one array
+// entry per step. Input iterators: compare only iterators of one range.
+class VKTElementIterator {
+ public:
+  typedef std::input_iterator_tag iterator_category;
+  typedef VKTValue value_type;
+  typedef std::ptrdiff_t difference_type;
+  typedef const VKTValue* pointer;
+  typedef VKTValue reference;
+
+  VKTValue operator*() const {
+    const vkt_u8* p =
+        mEntity + VKTValue::readPacked(mOffsets + mIndex * mWidth, mWidth);
+    return mRecords ? recordValue(mObj, p) : VKTValue(mObj, p);
+  }
+  VKTElementIterator& operator++() {
+    ++mIndex;
+    return *this;
+  }
+  bool operator==(const VKTElementIterator& r) const {
+    return mIndex == r.mIndex;
+  }
+  bool operator!=(const VKTElementIterator& r) const {
+    return mIndex != r.mIndex;
+  }
+
+ private:
+  friend class VKTValue;
+  friend class VKTElementRange;
+  friend class VKTMemberIterator;
+  friend class VKTMemberRange;
+  VKTElementIterator() = default;
+  // The value of a version-1 record at `p`, behind its key tag.
+  static VKTValue recordValue(const VKTObject* obj, const vkt_u8* p);
+
+  const VKTObject* mObj = nullptr;
+  const vkt_u8* mOffsets = nullptr;  // first entry of the offset array
+  const vkt_u8* mEntity = nullptr;   // what the offsets count from
+  vkt_u32 mWidth = 1;                // bytes per offset
+  vkt_u32 mIndex = 0;
+  bool mRecords = false;  // version-1 object: offsets name (key, value) records
+};
+
+class VKTElementRange {
+ public:
+  VKTElementIterator begin() const { return mBegin; }
+  VKTElementIterator end() const {
+    VKTElementIterator it = mBegin;
+    it.mIndex = mCount;
+    return it;
+  }
+  vkt_u32 size() const { return mCount; }
+  bool empty() const { return mCount == 0; }
+
+ private:
+  friend class VKTValue;
+  friend class VKTMemberRange;
+  VKTElementRange() = default;
+  VKTElementIterator mBegin;
+  vkt_u32 mCount = 0;
+};
+
+// Members by position. Without VKTObject::decodeKeyNames each step rebuilds
+// the name from the key table into a buffer the iterator owns; that buffer
+// allocates only when a name is longer than any before it (and not at all up
+// to the string's small size). With the names decoded nothing is allocated.
+class VKTMemberIterator {
+ public:
+  typedef std::input_iterator_tag iterator_category;
+  typedef VKTMember value_type;
+  typedef std::ptrdiff_t difference_type;
+  typedef const VKTMember* pointer;
+  typedef const VKTMember& reference;
+
+  const VKTMember& operator*() const { return mMember; }
+  const VKTMember* operator->() const { return &mMember; }
+  VKTMemberIterator& operator++() {
+    ++mValues.mIndex;
+    load();
+    return *this;
+  }
+  bool operator==(const VKTMemberIterator& r) const {
+    return mValues.mIndex == r.mValues.mIndex;
+  }
+  bool operator!=(const VKTMemberIterator& r) const {
+    return mValues.mIndex != r.mValues.mIndex;
+  }
+
+ private:
+  friend class VKTMemberRange;
+  VKTMemberIterator() = default;
+  // Fills mMember for the current position, when there is one: inline for
+  // decoded names, else through loadRebuilt.
+  void load();
+  void loadRebuilt();
+
+  VKTElementIterator mValues;     // positions and member values
+  const vkt_u8* mKeys = nullptr;  // key tags (versions 2 and up)
+  vkt_u32 mKeyWidth = 1;
+  vkt_u32 mCount = 0;
+  VKTMember mMember;
+  std::string mNameBuffer;  // the rebuilt name, without decoded names
+};
+
+class VKTMemberRange {
+ public:
+  VKTMemberIterator begin() const;
+  VKTMemberIterator end() const {
+    VKTMemberIterator it;
+    it.mValues.mIndex = mValues.mCount;
+    return it;
+  }
+  vkt_u32 size() const { return mValues.mCount; }
+  bool empty() const { return mValues.mCount == 0; }
+
+ private:
+  friend class VKTValue;
+  VKTMemberRange() = default;
+  VKTElementRange mValues;
+  const vkt_u8* mKeys = nullptr;
+  vkt_u32 mKeyWidth = 1;
 };
 
 // An opened image.
@@ -272,11 +513,13 @@ class VKTValue {
 // with the filter if its flags ask for one. Run decode first on bytes that you
 // do not trust; it answers false on a bad header.
 //
-// Ownership: see vkt_alloc_type. The header copy is always the object's own.
-// A VKTObject owns memory and is not copied.
+// Ownership: see vkt_alloc_type. The header copy is always the object's own
+// and lives inside the object, so opening with VKT_ALLOC_REFER allocates
+// nothing. A VKTObject owns memory and is not copied.
 //
 // Threads: any number of threads may read one object at once, except for
-// lookups with a hint while the key cache is enabled, and setKeyHashEnabled.
+// lookups with a hint while the key cache is enabled, setKeyHashEnabled and
+// decodeKeyNames.
 class VKTObject {
  public:
   // Copies the image (VKT_ALLOC_DUPLICATE). `structFilter` may be null; it is
@@ -342,15 +585,41 @@ class VKTObject {
   // VKTValue::at for what a caller takes on by passing hints.
   void setKeyHashEnabled(bool state);
 
+  // Resolves a name against the key table once, for VKTValue lookups with a
+  // VKTKey; a name the table lacks gives an absent key. Reads only; safe
+  // beside any other reader, and never touches the key cache.
+  VKTKey prepareKey(const char* name) const;
+  VKTKey prepareKey(const std::string& name) const {
+    return prepareKey(name.c_str());
+  }
+
+  // Decodes every key name of the image once into one block that the object
+  // owns, so that member walks hand out names without rebuilding them and
+  // getMemberNames copies instead of decoding. The block takes the names'
+  // bytes, one NUL per name and 4 bytes per name plus 4, and lives until the
+  // object dies; a second call does nothing. It writes to the object: no
+  // other call on the object may run at the same time. Time is linear in
+  // the names' total length.
+  void decodeKeyNames();
+  bool hasKeyNames() const { return !mKeyNameStarts.empty(); }
+
  private:
   friend class VKTValue;
+  friend class VKTMemberIterator;
+  friend class VKTMemberRange;
   friend class VKTTestAccess;
 
+  // One cache entry; a chain is a run of entries linked by `next`.
   struct KeyHashEntry {
     const char* key;  // the caller's pointer; the string is not copied
     vkt_u32 value;    // key tag, or FALSE_HASH for an absent key
+    vkt_u32 next;     // index of the chain's next entry, or NO_ENTRY
   };
-  typedef std::list<KeyHashEntry> key_hash_entry_list;
+  // First and last entry of one chain, NO_ENTRY while it is empty.
+  struct KeyHashChain {
+    vkt_u32 head;
+    vkt_u32 tail;
+  };
 
   void loadHeader(const vkt_u8* header, VKTFilter* structFilter);
   void init(VKTFilter* structFilter);
@@ -360,6 +629,18 @@ class VKTObject {
 
   bool findKey(const char* key, vkt_u32* result, vkt_u32* hint) const;
   std::string getKey(vkt_u32 keyTag) const;
+  // Rebuilds the name of `keyTag` into *out, reusing its capacity.
+  void getKeyInto(vkt_u32 keyTag, std::string* out) const;
+  template <typename Emit>
+  vkt_u32 climbKey(vkt_u32 keyTag, Emit emit) const;
+  const char* sortedKey(vkt_u32 keyTag) const;
+  // The decoded name of `keyTag`; REQUIRES: hasKeyNames().
+  std::string_view keyName(vkt_u32 keyTag) const {
+    if (keyTag + 1 >= mKeyNameStarts.size()) return std::string_view();
+    const vkt_u32 begin = mKeyNameStarts[keyTag];
+    return std::string_view(mKeyNames.data() + begin,
+                            mKeyNameStarts[keyTag + 1] - begin - 1);
+  }
   vkt_u32 calcKeyHash(const char* key, vkt_u32* hint) const;
   bool findKeyTagFromHashTable(const char* key, vkt_u32* keyTag, bool* success,
                                vkt_u32* hint) const;
@@ -377,7 +658,7 @@ class VKTObject {
   VKTReadStream* mReader = nullptr;  // owned; stream-backed images only
   vkt_offset mStreamOffset = 0;      // stream entity's offset in mReader
   const vkt_u8* mImage = nullptr;
-  vkt_u8* mHeader = nullptr;  // owned, plain copy of the header
+  vkt_u8 mHeader[56] = {};  // plain copy of the header (the largest is 56)
   vkt_u32 mImageSize = 0;
   vkt_alloc_type mAllocType = VKT_ALLOC_DUPLICATE;
   vkt_u32 mVersion = 0;
@@ -396,10 +677,27 @@ class VKTObject {
   const vkt_u8* mFilteredInfoBegin = nullptr;
   const vkt_u8* mFilteredInfoEnd = nullptr;
   vkt_u32 mTotalStreamEntitySize = 0;
-  // Empty while the key cache is off; one chain per hash while it is on.
-  // Lookups with a hint change it although they are const.
-  mutable std::vector<key_hash_entry_list> mKeyHashTable;
+  // The key cache: one chain per hash once it holds an entry, empty before
+  // and while it is off. Lookups with a hint change both vectors although
+  // they are const.
+  bool mKeyHashEnabled = false;
+  mutable std::vector<KeyHashChain> mKeyHashTable;
+  mutable std::vector<KeyHashEntry> mKeyHashEntries;
+  // decodeKeyNames: the names back to back, each closed by a NUL, and where
+  // each begins (key tag order, one extra entry for the end). Empty before.
+  std::vector<char> mKeyNames;
+  std::vector<vkt_u32> mKeyNameStarts;
 };
+
+inline void VKTMemberIterator::load() {
+  if (mValues.mIndex >= mCount) return;
+  const VKTObject* obj = mValues.mObj;
+  if (mValues.mRecords || !obj->hasKeyNames()) return loadRebuilt();
+  mMember.keyTag =
+      VKTValue::readPacked(mKeys + mValues.mIndex * mKeyWidth, mKeyWidth);
+  mMember.value = *mValues;
+  mMember.name = obj->keyName(mMember.keyTag);
+}
 
 // Turns a VKTWriterValue tree into an image. One object can write any number
 // of images, one after the other; setOptimize and setEndian stay in force.

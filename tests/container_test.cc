@@ -1,6 +1,6 @@
 // Arrays and objects read in place: elements, members and member names, what
-// views that are no container answer, sharing, and lookups that allocate
-// nothing.
+// views that are no container answer, sharing, position walks and prepared
+// keys against the lookups, and lookups and walks that allocate nothing.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,7 +14,29 @@ namespace {
 // way it checks what every view answers alike: index size() gives the null
 // view, getMemberNames replaces the stale name (only objects have names, and
 // only containers a size), and a lookup finds exactly those names while a
-// miss leaves *value alone.
+// miss leaves *value alone, by name and by prepared key alike.
+// Members and elements by position give the names, views and key tags of the
+// lookups, in stored order.
+void expect_walks_agree(const VKTValue& v, const vkt_members& names) {
+  std::vector<VKTValue> values;
+  for (VKTValue e : v.elements()) values.push_back(e);
+  EXPECT_EQ(values.size(), v.size());
+  size_t i = 0;
+  for (const VKTMember& m : v.members()) {
+    SCOPED_TRACE(i);
+    ASSERT_LT(i, names.size());
+    EXPECT_EQ(m.name, names[i]);
+    EXPECT_EQ(m.value, v[names[i]]);
+    EXPECT_EQ(m.value, values[i]);
+    EXPECT_EQ(v[m.key()], m.value);
+    ++i;
+  }
+  EXPECT_EQ(i, names.size());
+  for (vkt_u32 j = 0; names.empty() && j < values.size(); ++j) {
+    EXPECT_EQ(values[j], v[j]) << j;
+  }
+}
+
 std::string render(const VKTValue& v) {
   vkt_members names = {"stale"};
   v.getMemberNames(&names);
@@ -24,7 +46,12 @@ std::string render(const VKTValue& v) {
     const bool member = std::count(names.begin(), names.end(), key) != 0;
     EXPECT_EQ(v.findMember(key, &found, nullptr), member) << key;
     EXPECT_EQ(found == v, !member) << key;
+    const VKTKey prepared = v.object() ? v.object()->prepareKey(key) : VKTKey();
+    EXPECT_EQ(v.findMember(prepared, &found), member) << key;
+    EXPECT_EQ(v[prepared], v[key]) << key;
   }
+  EXPECT_FALSE(v.isMember(VKTKey()));
+  expect_walks_agree(v, names);
   std::string out;
   for (vkt_u32 i = 0; names.empty() && i < v.size(); ++i) {
     out += (i ? "," : "") + std::string(i && v[i] == v[i - 1] ? "=" : "") +
@@ -62,12 +89,15 @@ TEST(ContainerTest, ReadsTheEncodedExamples) {
     p.keyOffsetArray = hex(row.version == 1 ? "0D 03 0D 00 02 05" : "");
     p.keyTable = row.version == 1 ? hex("61 00 61 62 00 62 00") : keyTable;
     p.root = hex(row.bytes);
-    EXPECT_EQ(render(VKTObject(p.assemble()).root()), row.text);
+    VKTObject obj(p.assemble());
+    EXPECT_EQ(render(obj.root()), row.text);
+    obj.decodeKeyNames();  // names now come from the object's block
+    EXPECT_EQ(render(obj.root()), row.text);
   }
   EXPECT_EQ(render(VKTValue()), "none");
 }
 
-TEST(ContainerTest, LargeObjectsFindEveryMemberWithoutAllocating) {
+TEST(ContainerTest, LargeObjectsFindAndWalkEveryMemberWithoutAllocating) {
   // 300 keys sorting in front push the key tags to two bytes, and a large
   // first member the offsets of the others to three.
   std::vector<std::string> keys;
@@ -77,13 +107,26 @@ TEST(ContainerTest, LargeObjectsFindEveryMemberWithoutAllocating) {
     for (int i = 0; i < 300; ++i) root["p"]["a" + std::to_string(i)];
     for (int i = 0; i < 22000; ++i) root["o"][keys[0]][i] = 1000 + i;
     for (unsigned i = 1; i < n; ++i) root["o"][keys[i]] = i;
-    const VKTObject obj(VKTWriterObject().createImage(root));
+    VKTObject obj(VKTWriterObject().createImage(root));
+    obj.decodeKeyNames();
+    std::vector<VKTKey> prepared;
+    for (unsigned i = 0; i < n; ++i)
+      prepared.push_back(obj.prepareKey(keys[i]));
     const VKTValue o = obj.root()["o"];
     const AllocationCounter counter;
     bool right = o.size() == n && o[keys[0]][21999].asInt() == 22999;
     for (unsigned i = 1; i < n; ++i) right &= o[keys[i]].asInt() == int(i);
+    for (unsigned i = 1; i < n; ++i) right &= o[prepared[i]].asInt() == int(i);
+    unsigned i = 0;
+    for (const VKTMember& m : o.members()) {
+      right &= m.name == keys[i] && m.value == o[prepared[i]];
+      ++i;
+    }
+    vkt_s64 sum = 0;
+    for (VKTValue e : o[prepared[0]].elements()) sum += e.asInt();
     EXPECT_EQ(counter.count(), 0u);
-    EXPECT_TRUE(right) << n;
+    EXPECT_TRUE(right && i == n) << n;
+    EXPECT_EQ(sum, 22000 * 1000 + 21999 * 22000 / 2);
   }
 }
 

@@ -2,6 +2,8 @@
 // the key cache in front of the double-array walk.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "testutil.h"
 
 namespace {
@@ -63,6 +65,20 @@ TEST(KeyTableTest, FindsEveryKeyAndCachesVerdicts) {
       }
       EXPECT_EQ(A::keyHashEntries(obj), hinted ? row.keys.size() : 0);
     }
+    // Prepared keys walk the table like a plain lookup and leave the cache
+    // alone; the decoded names are the names getKey rebuilds.
+    obj.setKeyHashEnabled(true);
+    for (vkt_u32 i = 0; i < row.keys.size(); ++i) {
+      const VKTKey key = obj.prepareKey(row.keys[i]);
+      EXPECT_EQ(key.isPresent(), i < row.members) << i;
+      EXPECT_EQ(key.isPresent() ? key.tag() : i, i);
+    }
+    EXPECT_EQ(A::keyHashEntries(obj), 0u);
+    obj.decodeKeyNames();
+    for (vkt_u32 i = 0; i < row.members; ++i) {
+      EXPECT_EQ(A::getKey(obj, i), row.keys[i]) << i;
+    }
+    EXPECT_EQ(A::getKey(obj, vkt_u32(row.members)), "");
   }
   // Lookups through views hand their hints on to the cache.
   VKTWriterValue root;
@@ -80,6 +96,31 @@ TEST(KeyTableTest, FindsEveryKeyAndCachesVerdicts) {
   obj.setKeyHashEnabled(true);
   EXPECT_TRUE(obj.root().isMember(b, &bHint));
   EXPECT_EQ(A::keyHashChain(obj, hash_of(b)), (Chain{{b, 0}}));
+}
+
+TEST(KeyTableTest, NamesOfEveryLengthComeBackWhole) {
+  // Around the rebuild's stack buffer of 256 bytes, and names sharing it.
+  VKTWriterValue root;
+  std::vector<std::string> names;
+  for (size_t n : {0, 1, 15, 16, 255, 256, 257, 600}) {
+    names.push_back(std::string(n, 'a') + (n ? "z" : ""));
+    root[names.back()] = int(n);
+  }
+  VKTObject obj(VKTWriterObject().createImage(root));
+  for (int decoded = 0; decoded < 2; ++decoded) {
+    if (decoded) obj.decodeKeyNames();
+    vkt_members listed;
+    obj.root().getMemberNames(&listed);
+    std::vector<std::string> walked;
+    for (const VKTMember& m : obj.root().members()) {
+      walked.emplace_back(m.name);
+      EXPECT_EQ(A::getKey(obj, m.keyTag), walked.back());
+      EXPECT_EQ(obj.root()[m.key()], obj.root()[walked.back()]);
+    }
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(listed, names);
+    EXPECT_EQ(walked, names);
+  }
 }
 
 }  // namespace

@@ -108,6 +108,32 @@ TEST(ObjectTest, EveryModeReadsAndPurgesTheSameImage) {
   EXPECT_EQ(obj.root().type(), VKT_TYPE_NULL);
 }
 
+TEST(ObjectTest, OpenInPlaceAndKeyCacheAllocateAlmostNothing) {
+  VKTWriterValue root;
+  for (int i = 0; i < 500; ++i) root["k" + std::to_string(i)] = i;
+  const vkt_binary image = VKTWriterObject().createImage(root);
+  std::vector<std::string> keys;
+  for (int i = 0; i < 1000; ++i) keys.push_back("k" + std::to_string(i));
+  std::vector<vkt_u32> hints(keys.size(), 0);
+  const AllocationCounter counter;
+  {
+    VKTObject obj(image.data(), vkt_u32(image.size()), VKT_ALLOC_REFER);
+    EXPECT_EQ(obj.root()["k7"].asInt(), 7);
+    EXPECT_EQ(counter.count(), 0u);  // the header copy lives in the object
+    obj.setKeyHashEnabled(true);
+    EXPECT_EQ(counter.count(), 0u);  // the chains come with the first entry
+    // Half of the keys miss; every verdict is cached, twice over.
+    for (int pass = 0; pass < 2; ++pass) {
+      for (size_t i = 0; i < keys.size(); ++i) {
+        EXPECT_EQ(obj.root().isMember(keys[i].c_str(), &hints[i]), i < 500);
+      }
+    }
+  }
+  // The entries share one growing vector: a logarithmic number of
+  // allocations, not one per entry.
+  EXPECT_LE(counter.count(), 16u);
+}
+
 TEST(ObjectDecodeTest, ValidatesAndUnscramblesOnce) {
   // image[at] ^= mask; `size` of the image given (the whole is 117 bytes in
   // version 3 and 149 in version 4; the info range ends at 88);

@@ -37,3 +37,28 @@ TEST(PackedArray, BytesAtEveryBoundaryAndReadBack) {
       if (get_unsigned_array(&a, i) != values[i]) FAIL() << "element " << i;
   }
 }
+
+TEST(PackedArray, WidthFixedReadsMatchTheGenericRead) {
+  // Every element width, and a width id outside the family (reads as 0).
+  // clang-format off
+  const struct { const char* bytes; std::vector<vkt_u32> values; } rows[] = {
+      {"0D 03 0D 00 01 FF", {0, 1, 255}},
+      {"0D 02 0E 00 01 FF FF", {256, 65535}},
+      {"0D 02 0F 00 00 01 FF FF FF", {65536, 16777215}},
+      {"0D 02 10 00 00 00 01 FF FF FF FF", {16777216, 4294967295u}},
+      {"0D 02 11 01 02 03 04 05 06 07 08 09 0A", {0, 0}}};
+  // clang-format on
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.bytes);
+    const vkt_binary bytes = hex(row.bytes);
+    unsigned_array a;
+    setup_unsigned_array(&a, bytes.data());
+    with_width(a.valueSize, [&](auto w) {
+      for (vkt_u32 i = 0; i < row.values.size(); ++i) {
+        EXPECT_EQ(read_packed<decltype(w)::value>(a.values, i), row.values[i]);
+        EXPECT_EQ(get_unsigned_array(&a, i), row.values[i]);
+      }
+      return 0;
+    });
+  }
+}

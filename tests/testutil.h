@@ -104,14 +104,15 @@ class VKTTestAccess {
   static std::vector<std::pair<const char*, vkt_u32>> keyHashChain(
       const VKTObject& o, vkt_u32 hash) {
     std::vector<std::pair<const char*, vkt_u32>> out;
-    for (const auto& e : o.mKeyHashTable[hash])
-      out.emplace_back(e.key, e.value);
+    if (o.mKeyHashTable.empty()) return out;  // no entry yet
+    for (vkt_u32 i = o.mKeyHashTable[hash].head; i != 0xFFFFFFFF;
+         i = o.mKeyHashEntries[i].next) {
+      out.emplace_back(o.mKeyHashEntries[i].key, o.mKeyHashEntries[i].value);
+    }
     return out;
   }
   static size_t keyHashEntries(const VKTObject& o) {
-    size_t n = 0;
-    for (const auto& chain : o.mKeyHashTable) n += chain.size();
-    return n;
+    return o.mKeyHashEntries.size();
   }
   static const vkt_u8* streamEntity(const VKTObject& o) {
     return o.mStreamEntity;

@@ -8,10 +8,10 @@
 // encoded value means the same wherever it lies and equal elements may share
 // one encoding. Key arrays ascend strictly, which a binary search relies on.
 //
-// Guards: every operation answers as for an empty container on the null view
-// and on a view of another kind (one test of the id byte), and an index at or
-// beyond size() gives the null view (one compare with the count already read).
-// The image's bytes themselves are trusted.
+// Guards: every operation (and every walk) answers as for an empty container on
+// the null view and on a view of another kind (one test of the id byte), and an
+// index at or beyond size() gives the null view (one compare with the count
+// already read). The image's bytes themselves are trusted.
 #include "vkt/format.h"
 #include "vkt/packed_array.h"
 
@@ -40,21 +40,19 @@ vkt_u32 search_tag(vkt_u32 count, vkt_u32 tag, TagAt tagAt) {
   return count;
 }
 
+// An array's width for the walks, which index with it: a width id outside the
+// family reads every entry as 0, as get_unsigned_array does.
+vkt_u32 usable_width(const unsigned_array& a) {
+  return a.valueSize <= 4 ? a.valueSize : 0;
+}
+
 }  // namespace
 
 vkt_size VKTValue::size() const {
+  static_assert(kArrayId == ID_ARRAY && kUnsignedIdBias == UNSIGNED_ID_BIAS,
+                "the inline at(index) reads arrays as the library writes them");
   if (!is_container(mObj, mPtr)) return 0;
-  unsigned_array a;
-  setup_unsigned_array(&a, mPtr + 1);
-  return a.valueNum;
-}
-
-VKTValue VKTValue::at(vkt_u32 index) const {
-  if (mObj == nullptr || *mPtr != ID_ARRAY) return VKTValue();
-  unsigned_array a;
-  setup_unsigned_array(&a, mPtr + 1);
-  if (index >= a.valueNum) return VKTValue();
-  return VKTValue(mObj, mPtr + 1 + a.size + get_unsigned_array(&a, index));
+  return parse_unsigned(mPtr + 1);  // the first array's count
 }
 
 VKTValue VKTValue::at(const char* key, vkt_u32* hint) const {
@@ -74,7 +72,15 @@ bool VKTValue::findMember(const char* key, VKTValue* value,
   // A name that no object of the image uses is turned away by the key table.
   vkt_u32 tag;
   if (!mObj->findKey(key, &tag, hint)) return false;
+  return findTag(tag, value);
+}
 
+bool VKTValue::findMember(const VKTKey& key, VKTValue* value) const {
+  if (mObj == nullptr || *mPtr != ID_OBJECT || !key.isPresent()) return false;
+  return findTag(key.tag(), value);
+}
+
+bool VKTValue::findTag(vkt_u32 tag, VKTValue* value) const {
   unsigned_array keys;
   setup_unsigned_array(&keys, mPtr + 1);
   const vkt_u8* base = mPtr + 1 + keys.size;
@@ -90,8 +96,11 @@ bool VKTValue::findMember(const char* key, VKTValue* value,
     *value = VKTValue(mObj, p + get_value_size(p));
     return true;
   }
-  const vkt_u32 found = search_tag(keys.valueNum, tag, [&](vkt_u32 i) {
-    return get_unsigned_array(&keys, i);
+  // The width is picked once, so the search loop reads without a switch.
+  const vkt_u32 found = with_width(keys.valueSize, [&](auto width) {
+    return search_tag(keys.valueNum, tag, [&](vkt_u32 i) {
+      return read_packed<decltype(width)::value>(keys.values, i);
+    });
   });
   if (found == keys.valueNum) return false;
   unsigned_array offsets;
@@ -107,11 +116,95 @@ void VKTValue::getMemberNames(vkt_members* result) const {
   unsigned_array a;
   setup_unsigned_array(&a, mPtr + 1);
   const vkt_u8* base = mPtr + 1 + a.size;
-  result->reserve(a.valueNum);
+  result->resize(a.valueNum);
   for (vkt_u32 i = 0; i < a.valueNum; ++i) {
     const vkt_u32 objectTag = mObj->mVersion == 1
                                   ? parse_key(base + get_unsigned_array(&a, i))
                                   : get_unsigned_array(&a, i);
-    result->push_back(mObj->getKey(objectTag));
+    mObj->getKeyInto(objectTag, &(*result)[i]);
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Walks by position. A range reads the container's array headers once; each
+// step then reads one entry of each array it walks.
+// ---------------------------------------------------------------------------
+
+VKTElementRange VKTValue::elements() const {
+  VKTElementRange range;
+  if (!is_container(mObj, mPtr)) return range;
+  unsigned_array first;
+  setup_unsigned_array(&first, mPtr + 1);
+  setupElements(first.values, first.valueNum, usable_width(first),
+                mPtr + 1 + first.size, &range);
+  return range;
+}
+
+void VKTValue::setupElements(const vkt_u8* values, vkt_u32 count, vkt_u32 width,
+                             const vkt_u8* behind,
+                             VKTElementRange* range) const {
+  const vkt_u8* base = behind;
+  VKTElementIterator& it = range->mBegin;
+  it.mObj = mObj;
+  it.mOffsets = values;
+  it.mWidth = width;
+  it.mEntity = base;
+  if (*mPtr == ID_OBJECT) {
+    if (mObj->mVersion == 1) {
+      it.mRecords = true;
+    } else {  // the key array comes first, the offset array behind it
+      unsigned_array offsets;
+      setup_unsigned_array(&offsets, base);
+      it.mOffsets = offsets.values;
+      it.mWidth = usable_width(offsets);
+      it.mEntity = base + offsets.size;
+    }
+  }
+  range->mCount = count;
+}
+
+VKTValue VKTElementIterator::recordValue(const VKTObject* obj,
+                                         const vkt_u8* p) {
+  return VKTValue(obj, p + get_value_size(p));
+}
+
+VKTMemberRange VKTValue::members() const {
+  VKTMemberRange range;
+  if (mObj == nullptr || *mPtr != ID_OBJECT) return range;
+  unsigned_array keys;  // in version 1, the records' offsets
+  setup_unsigned_array(&keys, mPtr + 1);
+  setupElements(keys.values, keys.valueNum, usable_width(keys),
+                mPtr + 1 + keys.size, &range.mValues);
+  if (mObj->mVersion != 1) {
+    range.mKeys = keys.values;
+    range.mKeyWidth = usable_width(keys);
+  }
+  return range;
+}
+
+VKTMemberIterator VKTMemberRange::begin() const {
+  VKTMemberIterator it;
+  it.mValues = mValues.mBegin;
+  it.mKeys = mKeys;
+  it.mKeyWidth = mKeyWidth;
+  it.mCount = mValues.mCount;
+  it.load();
+  return it;
+}
+
+void VKTMemberIterator::loadRebuilt() {
+  const vkt_u32 i = mValues.mIndex;
+  const VKTObject* obj = mValues.mObj;
+  mMember.keyTag =
+      mValues.mRecords
+          ? parse_key(mValues.mEntity +
+                      read_packed(mValues.mOffsets, mValues.mWidth, i))
+          : read_packed(mKeys, mKeyWidth, i);
+  mMember.value = *mValues;
+  if (obj->hasKeyNames()) {
+    mMember.name = obj->keyName(mMember.keyTag);
+  } else {
+    obj->getKeyInto(mMember.keyTag, &mNameBuffer);
+    mMember.name = mNameBuffer;
   }
 }

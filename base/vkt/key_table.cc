@@ -1,5 +1,6 @@
 // The key table read in place: key string to key tag (findKey) and back
-// (getKey), with the key hash cache in front of findKey.
+// (getKey), prepared keys, the decoded name block, and the key hash cache in
+// front of findKey.
 //
 // Double-array form (every version but 1): three packed arrays, back to back.
 //
@@ -12,8 +13,7 @@
 //
 // Sorted form (version 1): keyOffsetArray gives, per key tag, the offset of a
 // NUL-terminated key in the key entity; keys ascend in strcmp order.
-#include <algorithm>  // reverse
-#include <cstring>    // strcmp
+#include <cstring>  // memcpy, strcmp, strlen
 
 #include "vkt/format.h"
 #include "vkt/packed_array.h"
@@ -26,14 +26,78 @@ const vkt_u32 HASH_TABLE_SIZE = 307;
 const vkt_u32 FALSE_HASH = 0xFFFFFFFF;
 const vkt_u32 KEY_HASH_MULTIPLIER = 37;
 
-struct double_array {
+// The end of a chain, and of the list of entries behind it.
+const vkt_u32 NO_ENTRY = 0xFFFFFFFF;
+
+// The trie's three arrays, set up anew by each call from the key section.
+struct key_trie {
   unsigned_array base;
   unsigned_array check;
+  unsigned_array tail;
 };
 
-void setup_double_array(double_array* da, const vkt_u8* section) {
-  setup_unsigned_array(&da->base, section);
-  setup_unsigned_array(&da->check, section + da->base.size);
+void setup_key_trie(key_trie* t, const vkt_u8* section) {
+  setup_unsigned_array(&t->base, section);
+  setup_unsigned_array(&t->check, section + t->base.size);
+  setup_unsigned_array(&t->tail, section + t->base.size + t->check.size);
+}
+
+// One packed array read at a width fixed when compiling.
+template <typename Width>
+struct packed {
+  vkt_u32 operator[](vkt_u32 i) const {
+    return read_packed<Width::value>(p, i);
+  }
+  const vkt_u8* p;
+};
+
+// Calls f(base, check) with readers of the trie's two arrays, each
+// specialised for its width, so the walks below run without a switch per
+// step.
+template <typename F>
+auto with_trie_widths(const key_trie& t, F f) {
+  return with_width(t.base.valueSize, [&](auto bw) {
+    return with_width(t.check.valueSize, [&](auto cw) {
+      return f(packed<decltype(bw)>{t.base.values},
+               packed<decltype(cw)>{t.check.values});
+    });
+  });
+}
+
+// The way down from the root: a step from x through code c (the terminator
+// last) goes to y = base[x] + c and exists when check[y] == x; the step
+// through the terminator reaches the leaf, whose base is the key tag.
+template <typename Base, typename Check>
+bool walk_key(vkt_u32 positions, Base base, Check check, const char* key,
+              vkt_u32* tag) {
+  vkt_u32 x = 0;
+  for (const char* k = key;; ++k) {
+    const vkt_u32 c = vkt_u8(*k);
+    const vkt_u32 y = base[x] + c;
+    if (y >= positions || check[y] != x) return false;
+    if (c == 0) {
+      *tag = base[y];
+      return true;
+    }
+    x = y;
+  }
+}
+
+// The way up from the leaf of `keyTag`: emit(byte) for each byte of the key,
+// last byte first; answers how many. Each step undoes the code that the way
+// down added to the parent's base. A damaged check that loops is cut off
+// after as many steps as there are positions.
+template <typename Base, typename Check, typename Emit>
+vkt_u32 climb_key(vkt_u32 positions, vkt_u32 leaf, Base base, Check check,
+                  Emit emit) {
+  vkt_u32 x = check[leaf];
+  vkt_u32 steps = 0;
+  for (; x != 0 && steps < positions; ++steps) {
+    const vkt_u32 y = check[x];
+    emit(char(vkt_u8(x - base[y])));
+    x = y;
+  }
+  return steps;
 }
 
 }  // namespace
@@ -62,69 +126,133 @@ bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint) const {
     return false;
   }
 
-  const bool cached = hint != nullptr && !mKeyHashTable.empty();
+  const bool cached = hint != nullptr && mKeyHashEnabled;
   if (cached) {
     bool success;
     if (findKeyTagFromHashTable(key, result, &success, hint)) return success;
   }
 
-  double_array da;
-  setup_double_array(&da, mKeyEntity);
-  vkt_u32 x = 0;
-  for (const char* k = key;; ++k) {
-    const vkt_u32 c = vkt_u8(*k);
-    const vkt_u32 y = get_unsigned_array(&da.base, x) + c;
-    if (y >= da.base.valueNum || get_unsigned_array(&da.check, y) != x) break;
-    if (c == 0) {  // through the terminator: y is the leaf
-      *result = get_unsigned_array(&da.base, y);
-      if (cached) registerKeyTagToHashTable(key, *result, true, hint);
-      return true;
-    }
-    x = y;
+  key_trie t;  // the walk down needs no tail
+  setup_unsigned_array(&t.base, mKeyEntity);
+  setup_unsigned_array(&t.check, mKeyEntity + t.base.size);
+  vkt_u32 tag;
+  const bool found = with_trie_widths(t, [&](auto base, auto check) {
+    return walk_key(t.base.valueNum, base, check, key, &tag);
+  });
+  if (found) {
+    *result = tag;
+    if (cached) registerKeyTagToHashTable(key, tag, true, hint);
+    return true;
   }
   if (cached) registerKeyTagToHashTable(key, 0, false, hint);
   return false;
 }
 
-std::string VKTObject::getKey(vkt_u32 keyTag) const {
-  if (mVersion == 1) {
-    unsigned_array keyOffsetArray;
-    setup_unsigned_array(&keyOffsetArray, mKeyOffsetArray);
-    if (keyTag >= keyOffsetArray.valueNum) return std::string();
-    return std::string(reinterpret_cast<const char*>(mKeyEntity) +
-                       get_unsigned_array(&keyOffsetArray, keyTag));
-  }
+// The climb from the leaf of `keyTag` (see climb_key); a tag beyond the
+// table gives no bytes.
+template <typename Emit>
+vkt_u32 VKTObject::climbKey(vkt_u32 keyTag, Emit emit) const {
+  key_trie t;
+  setup_key_trie(&t, mKeyEntity);
+  if (keyTag >= t.tail.valueNum) return 0;
+  const vkt_u32 leaf = get_unsigned_array(&t.tail, keyTag);
+  return with_trie_widths(t, [&](auto base, auto check) {
+    return climb_key(t.check.valueNum, leaf, base, check, emit);
+  });
+}
 
-  double_array da;
-  setup_double_array(&da, mKeyEntity);
-  unsigned_array tail;
-  setup_unsigned_array(&tail, mKeyEntity + da.base.size + da.check.size);
-  std::string result;
-  if (keyTag >= tail.valueNum) return result;
-  // Climb from the leaf's parent to the root; each step undoes the code that
-  // the way down added to the parent's base. A damaged check that loops is
-  // cut off after as many steps as there are positions.
-  vkt_u32 x = get_unsigned_array(&da.check, get_unsigned_array(&tail, keyTag));
-  for (vkt_u32 steps = 0; x != 0 && steps < da.check.valueNum; ++steps) {
-    const vkt_u32 y = get_unsigned_array(&da.check, x);
-    result.push_back(char(vkt_u8(x - get_unsigned_array(&da.base, y))));
-    x = y;
+// Version 1 keeps each name as a NUL-terminated string.
+const char* VKTObject::sortedKey(vkt_u32 keyTag) const {
+  unsigned_array keyOffsetArray;
+  setup_unsigned_array(&keyOffsetArray, mKeyOffsetArray);
+  if (keyTag >= keyOffsetArray.valueNum) return nullptr;
+  return reinterpret_cast<const char*>(mKeyEntity) +
+         get_unsigned_array(&keyOffsetArray, keyTag);
+}
+
+void VKTObject::getKeyInto(vkt_u32 keyTag, std::string* out) const {
+  if (hasKeyNames()) {
+    out->assign(keyName(keyTag));
+  } else if (mVersion == 1) {
+    const char* s = sortedKey(keyTag);
+    out->assign(s != nullptr ? s : "");
+  } else {
+    // Filled from the back of a stack buffer in one climb; a name too long
+    // for it is sized by a first climb and filled by a second. Either way
+    // the string is allocated once at most, and never grows or reverses.
+    char buffer[256];
+    char* p = buffer + sizeof(buffer);
+    const vkt_u32 length = climbKey(keyTag, [&](char c) {
+      if (p != buffer) *--p = c;
+    });
+    if (length <= sizeof(buffer)) {
+      out->assign(p, length);
+      return;
+    }
+    out->resize(length);
+    p = &(*out)[0] + length;
+    climbKey(keyTag, [&p](char c) { *--p = c; });
   }
-  std::reverse(result.begin(), result.end());
+}
+
+std::string VKTObject::getKey(vkt_u32 keyTag) const {
+  std::string result;
+  getKeyInto(keyTag, &result);
   return result;
 }
 
+VKTKey VKTObject::prepareKey(const char* name) const {
+  vkt_u32 tag;
+  return findKey(name, &tag, nullptr) ? VKTKey(tag) : VKTKey();
+}
+
+void VKTObject::decodeKeyNames() {
+  if (hasKeyNames()) return;
+  vkt_u32 count;
+  if (mVersion == 1) {
+    unsigned_array keyOffsetArray;
+    setup_unsigned_array(&keyOffsetArray, mKeyOffsetArray);
+    count = keyOffsetArray.valueNum;
+  } else {
+    key_trie t;
+    setup_key_trie(&t, mKeyEntity);
+    count = t.tail.valueNum;
+  }
+  // Lengths first, so the block is allocated once.
+  mKeyNameStarts.resize(size_t(count) + 1);
+  vkt_u32 total = 0;
+  for (vkt_u32 tag = 0; tag < count; ++tag) {
+    mKeyNameStarts[tag] = total;
+    total += (mVersion == 1 ? vkt_u32(std::strlen(sortedKey(tag)))
+                            : climbKey(tag, [](char) {})) +
+             1;
+  }
+  mKeyNameStarts[count] = total;
+  mKeyNames.resize(total);
+  for (vkt_u32 tag = 0; tag < count; ++tag) {
+    char* end = mKeyNames.data() + mKeyNameStarts[tag + 1] - 1;  // the NUL
+    if (mVersion == 1) {
+      const char* s = sortedKey(tag);
+      std::memcpy(end - std::strlen(s), s, std::strlen(s));
+    } else {
+      climbKey(tag, [&end](char c) { *--end = c; });
+    }
+  }
+}
+
 // ---------------------------------------------------------------------------
-// Key hash cache: chains of (caller's key pointer, key tag or FALSE_HASH).
+// Key hash cache: chains of (caller's key pointer, key tag or FALSE_HASH),
+// linked by index through one vector of entries in order of registration.
 // ---------------------------------------------------------------------------
 
 void VKTObject::setKeyHashEnabled(bool state) {
   if (!state) {
-    mKeyHashTable.clear();
-    mKeyHashTable.shrink_to_fit();
-  } else if (mKeyHashTable.empty()) {
-    mKeyHashTable.resize(HASH_TABLE_SIZE);
+    std::vector<KeyHashChain>().swap(mKeyHashTable);
+    std::vector<KeyHashEntry>().swap(mKeyHashEntries);
   }
+  // The chains come with the first entry, so that enabling costs nothing
+  // for an object that never sees a hint.
+  mKeyHashEnabled = state;
 }
 
 vkt_u32 VKTObject::calcKeyHash(const char* key, vkt_u32* hint) const {
@@ -142,9 +270,11 @@ vkt_u32 VKTObject::calcKeyHash(const char* key, vkt_u32* hint) const {
 
 bool VKTObject::findKeyTagFromHashTable(const char* key, vkt_u32* keyTag,
                                         bool* success, vkt_u32* hint) const {
-  const key_hash_entry_list& hashEntryList =
-      mKeyHashTable[calcKeyHash(key, hint)];
-  for (const KeyHashEntry& entry : hashEntryList) {
+  const vkt_u32 hash = calcKeyHash(key, hint);
+  if (mKeyHashTable.empty()) return false;  // no entry yet
+  const KeyHashChain& chain = mKeyHashTable[hash];
+  for (vkt_u32 i = chain.head; i != NO_ENTRY; i = mKeyHashEntries[i].next) {
+    const KeyHashEntry& entry = mKeyHashEntries[i];
     // The same pointer spares the string comparison.
     if (entry.key == key || std::strcmp(entry.key, key) == 0) {
       *keyTag = entry.value;
@@ -157,6 +287,18 @@ bool VKTObject::findKeyTagFromHashTable(const char* key, vkt_u32* keyTag,
 
 void VKTObject::registerKeyTagToHashTable(const char* key, vkt_u32 keyTag,
                                           bool success, vkt_u32* hint) const {
-  key_hash_entry_list& hashEntryList = mKeyHashTable[calcKeyHash(key, hint)];
-  hashEntryList.push_back(KeyHashEntry{key, success ? keyTag : FALSE_HASH});
+  const vkt_u32 hash = calcKeyHash(key, hint);
+  if (mKeyHashTable.empty()) {
+    mKeyHashTable.assign(HASH_TABLE_SIZE, KeyHashChain{NO_ENTRY, NO_ENTRY});
+  }
+  KeyHashChain& chain = mKeyHashTable[hash];
+  const vkt_u32 index = vkt_u32(mKeyHashEntries.size());
+  mKeyHashEntries.push_back(
+      KeyHashEntry{key, success ? keyTag : FALSE_HASH, NO_ENTRY});
+  if (chain.head == NO_ENTRY) {
+    chain.head = index;
+  } else {
+    mKeyHashEntries[chain.tail].next = index;
+  }
+  chain.tail = index;
 }

@@ -13,6 +13,7 @@
 #define VKT_PACKED_ARRAY_H_
 
 #include <algorithm>
+#include <type_traits>  // integral_constant
 
 #include "vkt/format.h"
 
@@ -36,20 +37,51 @@ static inline void setup_unsigned_array(unsigned_array* a, const vkt_u8* p) {
   a->size = valueNumSize + 1 + a->valueNum * a->valueSize;
 }
 
+// Element `index` of numbers packed at a width known when compiling; loops
+// over one array pick the width once (with_width) and run without a switch.
+// Width 0 stands for a width id outside the family and reads as 0.
+template <vkt_u32 Width>
+static inline vkt_u32 read_packed(const vkt_u8* values, vkt_u32 index) {
+  const vkt_u8* p = values + index * Width;
+  if (Width == 0) return 0;
+  if (Width == 1) return read_8bit_unsigned(p);
+  if (Width == 2) return read_16bit_unsigned(p);
+  if (Width == 3) return read_24bit_unsigned(p);
+  return read_32bit_unsigned(p);
+}
+
+template <vkt_u32 Width>
+using packed_width = std::integral_constant<vkt_u32, Width>;
+
+// Calls f(packed_width<width>()) and answers its result; a width outside 1
+// to 4 (only a damaged array has one) becomes 0.
+template <typename F>
+static inline auto with_width(vkt_u32 width, F f) {
+  switch (width) {
+    case 1:
+      return f(packed_width<1>());
+    case 2:
+      return f(packed_width<2>());
+    case 3:
+      return f(packed_width<3>());
+    case 4:
+      return f(packed_width<4>());
+    default:
+      return f(packed_width<0>());
+  }
+}
+
+// Element `index` at a width known only at run time.
+static inline vkt_u32 read_packed(const vkt_u8* values, vkt_u32 width,
+                                  vkt_u32 index) {
+  return with_width(width, [&](auto w) {
+    return read_packed<decltype(w)::value>(values, index);
+  });
+}
+
 static inline vkt_u32 get_unsigned_array(const unsigned_array* a,
                                          vkt_u32 index) {
-  switch (a->valueSize) {
-    case 1:
-      return a->values[index];
-    case 2:
-      return read_16bit_unsigned(a->values + index * 2);
-    case 3:
-      return read_24bit_unsigned(a->values + index * 3);
-    case 4:
-      return read_32bit_unsigned(a->values + index * 4);
-    default:
-      return 0;
-  }
+  return read_packed(a->values, a->valueSize, index);
 }
 
 // Width in bytes of the smallest unsigned form that holds `value`.

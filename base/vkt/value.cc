@@ -86,10 +86,16 @@ T number(const VKTObject* obj, const vkt_u8* p) {
 
 }  // namespace
 
-vkt_type VKTValue::type() const {
-  if (mObj == nullptr) return VKT_TYPE_NULL;
-  return sPublicTypeTable[identify_value(mPtr)];
+constexpr VKTValue::TypeTable VKTValue::makeTypeTable() {
+  TypeTable table{};
+  for (vkt_u32 id = 0; id < ID_MAX; ++id) {
+    table.type[id] = vkt_u8(sPublicTypeTable[sIdTypeTable[id]]);
+  }
+  return table;
 }
+
+// Built while compiling, so no view can see it before it is filled.
+const VKTValue::TypeTable VKTValue::kTypeOfId = makeTypeTable();
 
 bool VKTValue::asBool() const {
   if (mObj == nullptr) return false;
