@@ -50,8 +50,8 @@ bool ImageVerifier::checkValues() {
   stack.reserve(mLimits.maxDepth);
   const vkt_u64 maxValues = mLimits.maxValues;
 
-  // Checks a scalar at `pos`, or opens a container there; answers false on
-  // a failed check. *visits and *height receive what a finished value adds.
+  // A scalar: a value id, its payload inside the section, its tag below
+  // its table's count.
   auto scalar = [&](vkt_u32 pos, vkt_u32 id) {
     const vkt_u32 size = sIdValueSizeTable[id_of(mImage + pos)];
     if (!require(size != 0, "not a value id", pos) ||
@@ -72,6 +72,8 @@ bool ImageVerifier::checkValues() {
     }
   };
 
+  // A container: its arrays inside the section, member keys ascending and
+  // below the key count, version-1 records well-formed. Pushes its frame.
   auto open = [&](vkt_u32 pos) {
     Frame f{pos, 0, false, {}, 0, 0, 0};
     vkt_u64 at = vkt_u64(pos) + 1;
