@@ -68,21 +68,27 @@ bool ImageVerifier::run(bool plainOnly) {
          checkValues();
 }
 
+// One pass over the array's head: ids, count, then count x width against
+// what is left of the section. Fills *a as setup_unsigned_array would.
 bool ImageVerifier::packedArray(byte_range r, vkt_u64 at, unsigned_array* a) {
   if (!require(within(r, at, 2), "packed array outside its section", at)) {
     return false;
   }
-  const vkt_u32 countId = mImage[at];
-  if (!require(is_width_id(countId), "packed array count id", at)) return false;
-  const vkt_u32 head = countId - (UNSIGNED_ID_BIAS - 1) + 1;  // ids and count
-  if (!require(within(r, at, head), "packed array outside its section", at) ||
-      !require(is_width_id(mImage[at + head - 1]), "packed array width id",
+  const vkt_u8* p = mImage + at;
+  const vkt_u64 room = r.end - at;
+  if (!require(is_width_id(p[0]), "packed array count id", at)) return false;
+  const vkt_u32 head = p[0] - (UNSIGNED_ID_BIAS - 2);  // both ids and count
+  if (!require(head <= room, "packed array outside its section", at) ||
+      !require(is_width_id(p[head - 1]), "packed array width id",
                at + head - 1)) {
     return false;
   }
-  setup_unsigned_array(a, mImage + at);
+  a->valueNum = parse_unsigned(p);
+  a->valueSize = p[head - 1] - UNSIGNED_ID_BIAS;
+  a->values = p + head;
   const vkt_u64 length = head + vkt_u64(a->valueNum) * a->valueSize;
-  return require(within(r, at, length), "packed array outside its section", at);
+  a->size = vkt_u32(length);
+  return require(length <= room, "packed array outside its section", at);
 }
 
 bool ImageVerifier::checkHeader(bool plainOnly) {

@@ -46,8 +46,10 @@ bool ImageVerifier::checkValues() {
   std::unique_ptr<vkt_u64[]> memo(
       new vkt_u64[regionSize == 0 ? 1 : regionSize]);
   std::vector<vkt_u64> done(regionSize / 64 + 1, 0);
-  std::vector<Frame> stack;
-  stack.reserve(mLimits.maxDepth);
+  // Frames are filled in place: a frame built aside and copied in costs a
+  // stalled store forward per container.
+  std::vector<Frame> stack(mLimits.maxDepth + 1);
+  size_t depth = 0;  // frames in use
   const vkt_u64 maxValues = mLimits.maxValues;
 
   // A scalar: a value id, its payload inside the section, its tag below
@@ -75,7 +77,11 @@ bool ImageVerifier::checkValues() {
   // A container: its arrays inside the section, member keys ascending and
   // below the key count, version-1 records well-formed. Pushes its frame.
   auto open = [&](vkt_u32 pos) {
-    Frame f{pos, 0, false, {}, 0, 0, 0};
+    Frame& f = stack[depth++];
+    f.pos = pos;
+    f.next = 0;
+    f.visits = 0;
+    f.height = 0;
     vkt_u64 at = vkt_u64(pos) + 1;
     if (mImage[pos] == ID_OBJECT && mVersion != 1) {
       unsigned_array keys;
@@ -116,13 +122,12 @@ bool ImageVerifier::checkValues() {
       }
       previous = tag;
     }
-    stack.push_back(f);
     return true;
   };
 
   // Adds a finished value to the container on top of the stack.
   auto add = [&](vkt_u64 visits, vkt_u32 height, vkt_u32 pos) {
-    Frame& top = stack.back();
+    Frame& top = stack[depth - 1];
     top.visits += visits;
     if (height > top.height) top.height = height;
     return require(top.visits <= maxValues, "too many values (sharing)", pos);
@@ -136,15 +141,14 @@ bool ImageVerifier::checkValues() {
     return false;
   }
   for (;;) {
-    Frame& top = stack.back();
+    Frame& top = stack[depth - 1];
     if (top.next == top.offsets.valueNum) {
       const vkt_u64 visits = top.visits + 1;
       const vkt_u32 height = top.height + 1;
       const vkt_u32 pos = top.pos;
       memo[pos - root] = visits | vkt_u64(height) << kHeightShift;
       done[(pos - root) / 64] |= vkt_u64(1) << ((pos - root) % 64);
-      stack.pop_back();
-      if (stack.empty()) {
+      if (--depth == 0) {
         return require(visits <= maxValues, "too many values (sharing)", pos);
       }
       if (!add(visits, height, pos)) return false;
@@ -166,14 +170,14 @@ bool ImageVerifier::checkValues() {
     const vkt_u32 index = pos - root;
     if (done[index / 64] >> (index % 64) & 1) {
       const vkt_u32 height = vkt_u32(memo[index] >> kHeightShift);
-      if (!require(stack.size() + height <= mLimits.maxDepth,
-                   "nesting too deep", pos) ||
+      if (!require(depth + height <= mLimits.maxDepth, "nesting too deep",
+                   pos) ||
           !add(memo[index] & ((vkt_u64(1) << kHeightShift) - 1), height, pos)) {
         return false;
       }
       continue;
     }
-    if (!require(stack.size() < mLimits.maxDepth, "nesting too deep", pos) ||
+    if (!require(depth < mLimits.maxDepth, "nesting too deep", pos) ||
         !open(pos)) {
       return false;
     }
