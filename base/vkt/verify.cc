@@ -172,8 +172,8 @@ bool ImageVerifier::checkSortedKeys() {
   return true;
 }
 
-// base | check | tail: base and check of one length, every check and tail
-// entry a position, every climb from a leaf ending at the root.
+// base | check | tail: base and check of one length, and every climb from a
+// leaf ending at the root.
 bool ImageVerifier::checkDoubleArrayKeys() {
   const byte_range r = section(SECTION_KEY_ENTITY);
   unsigned_array base, check, tail;
@@ -186,18 +186,6 @@ bool ImageVerifier::checkDoubleArrayKeys() {
   if (!require(n >= 1 && check.valueNum == n, "key table base and check",
                r.begin)) {
     return false;
-  }
-  for (vkt_u32 y = 0; y < n; ++y) {
-    if (!require(get_unsigned_array(&check, y) < n, "key table check entry",
-                 r.begin + base.size)) {
-      return false;
-    }
-  }
-  for (vkt_u32 k = 0; k < tail.valueNum; ++k) {
-    if (!require(get_unsigned_array(&tail, k) < n, "key table tail entry",
-                 r.begin + base.size + check.size)) {
-      return false;
-    }
   }
   mKeyCount = tail.valueNum;
   return checkKeyClimbs(check, tail);
@@ -215,12 +203,20 @@ bool ImageVerifier::checkKeyClimbs(const unsigned_array& check,
   std::vector<vkt_u32> path;
   depth[0] = 0;
   vkt_u64 total = 0;
+  const vkt_u32 n = check.valueNum;
+  const vkt_u32 at = mOffsets[SECTION_KEY_ENTITY];
   for (vkt_u32 k = 0; k < tail.valueNum; ++k) {
-    vkt_u32 x = get_unsigned_array(&check, get_unsigned_array(&tail, k));
+    // Only the entries a climb reads are used as positions; findKey only
+    // compares the others.
+    const vkt_u32 leaf = get_unsigned_array(&tail, k);
+    if (!require(leaf < n, "key table tail entry", at)) return false;
+    vkt_u32 x = get_unsigned_array(&check, leaf);
+    if (!require(x < n, "key table check entry", at)) return false;
     while (depth[x] == kUnknown) {
       depth[x] = kOnPath;
       path.push_back(x);
       x = get_unsigned_array(&check, x);
+      if (!require(x < n, "key table check entry", at)) return false;
     }
     if (!require(depth[x] != kOnPath, "key table check cycle",
                  mOffsets[SECTION_KEY_ENTITY])) {

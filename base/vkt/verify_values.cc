@@ -86,13 +86,14 @@ bool ImageVerifier::checkValues() {
     if (mImage[pos] == ID_OBJECT && mVersion != 1) {
       unsigned_array keys;
       if (!packedArray(region, at, &keys)) return false;
-      for (vkt_u32 i = 0; i < keys.valueNum; ++i) {
+      for (vkt_u32 i = 0, previous = 0; i < keys.valueNum; ++i) {
         const vkt_u32 tag = get_unsigned_array(&keys, i);
         if (!require(tag < mKeyCount, "member key tag", at) ||
-            !require(i == 0 || get_unsigned_array(&keys, i - 1) < tag,
-                     "member keys not ascending", at)) {
+            !require(i == 0 || previous < tag, "member keys not ascending",
+                     at)) {
           return false;
         }
+        previous = tag;
       }
       at += keys.size;
       if (!packedArray(region, at, &f.offsets) ||
