@@ -104,7 +104,8 @@ void make(Input& in, std::list<std::string>& payloads, VKTWriterValue& v,
         s.elements.emplace_back();
         const bool same = i > 0 && in.byte() % 3 == 0;
         if (same) {
-          v[i] = v[i - 1];
+          const VKTWriterValue previous = v[i - 1];  // v[i] may move it
+          v[i] = previous;
           s.elements[i] = s.elements[i - 1];
         } else {
           make(in, payloads, v[i], s.elements[i], depth - 1);
