@@ -22,7 +22,7 @@ inline void decode_verify_walk(vkt_u8* p, size_t size) {
 
 // The stream-backed open of the same bytes, checked by the object itself.
 inline void stream_verify_walk(const vkt_u8* p, size_t size) {
-  VKTObject streamed(new full_walk::BytesReadStream(p, vkt_size(size)));
+  VKTObject streamed(new VKTMemoryReadStream(p, vkt_size(size)));
   if (streamed.verify()) full_walk::walk_object(&streamed);
 }
 

@@ -337,7 +337,9 @@ class VKTObject {
   static bool decode(vkt_binary& image, VKTFilter* structFilter = nullptr);
 
   // Checks a whole plain image (run decode first on a filtered one: verify
-  // answers false while a filter bit is set) against everything any reader
+  // answers false while a filter bit is set; a version-1 or -2 image has no
+  // flags and is taken as plain, so open it without a filter, which would
+  // scramble its info range again) against everything any reader
   // operation touches: magic, version 1 to 4, checksum (version 3 and up),
   // section offsets in file order inside the image, every packed array, the
   // key table, every value reachable from the root, strings, streams and

@@ -12,31 +12,9 @@
 #include <unordered_set>
 
 #include "vkt.h"
+#include "vkt/streams.h"  // VKTMemoryReadStream, for the stream-backed open
 
 namespace full_walk {
-
-// A read stream over bytes it does not own, for the stream-backed open.
-class BytesReadStream : public VKTReadStream {
- public:
-  BytesReadStream(const vkt_u8* p, vkt_size n) : p_(p), n_(n) {}
-  vkt_size Size() const override { return n_; }
-  vkt_size Read(vkt_u8* out, vkt_size want) override {
-    const vkt_size len = pos_ < n_ ? std::min(n_ - pos_, want) : 0;
-    if (len != 0) std::memcpy(out, p_ + pos_, len);
-    pos_ += len;
-    return len;
-  }
-  vkt_offset Seek(vkt_offset offset, vkt_origin origin) override {
-    return pos_ = origin == VKT_ORIGIN_SET   ? offset
-                  : origin == VKT_ORIGIN_CUR ? pos_ + offset
-                                             : n_ + offset;
-  }
-
- private:
-  const vkt_u8* p_;
-  vkt_size n_;
-  vkt_offset pos_ = 0;
-};
 
 // Folds every byte read into a sum, so that nothing is optimised away.
 inline vkt_u64 touch(const void* p, size_t n) {
@@ -119,7 +97,7 @@ inline vkt_u64 walk_image(const vkt_u8* p, vkt_size size,
     sum += walk_object(&object);
   }
   if (modes >> 5 & 1) {
-    VKTObject streamed(new BytesReadStream(p, size));
+    VKTObject streamed(new VKTMemoryReadStream(p, size));
     sum += streamed.verify() + walk_object(&streamed);
   }
   return sum;
