@@ -10,6 +10,7 @@
 // stands in for another walk, so the cost is linear in distinct values.
 // Scalars are checked wherever they are reached, in constant time each.
 #include <memory>
+#include <new>  // nothrow
 #include <vector>
 
 #include "vkt/verify.h"
@@ -43,8 +44,12 @@ bool ImageVerifier::checkValues() {
   const byte_range region = section(SECTION_ROOT_VALUE);
   const vkt_u32 regionSize = region.end - region.begin;
   // Written before it is read: a memo is read only where `done` is set.
+  // The library throws nothing, so a failed allocation is a refusal.
   std::unique_ptr<vkt_u64[]> memo(
-      new vkt_u64[regionSize == 0 ? 1 : regionSize]);
+      new (std::nothrow) vkt_u64[regionSize == 0 ? 1 : regionSize]);
+  if (!require(memo != nullptr, "no memory for the value memo", region.begin)) {
+    return false;
+  }
   std::vector<vkt_u64> done(regionSize / 64 + 1, 0);
   // Frames are filled in place: a frame built aside and copied in costs a
   // stalled store forward per container.
