@@ -23,10 +23,6 @@ vkt_u32 field_of(const vkt_u8* header, vkt_u32 field) {
   return read_32bit_unsigned(header + field);
 }
 
-bool is_width_id(vkt_u32 id) {
-  return id >= ID_UNSIGNED8 && id <= ID_UNSIGNED32;
-}
-
 }  // namespace
 
 ImageVerifier::ImageVerifier(const vkt_u8* header, const vkt_u8* image,
@@ -66,29 +62,6 @@ bool ImageVerifier::run(bool plainOnly) {
                            SECTION_STREAM_SIZE_ARRAY, SECTION_STREAM_ENTITY,
                            &mStreamCount) &&
          checkValues();
-}
-
-// One pass over the array's head: ids, count, then count x width against
-// what is left of the section. Fills *a as setup_unsigned_array would.
-bool ImageVerifier::packedArray(byte_range r, vkt_u64 at, unsigned_array* a) {
-  if (!require(within(r, at, 2), "packed array outside its section", at)) {
-    return false;
-  }
-  const vkt_u8* p = mImage + at;
-  const vkt_u64 room = r.end - at;
-  if (!require(is_width_id(p[0]), "packed array count id", at)) return false;
-  const vkt_u32 head = p[0] - (UNSIGNED_ID_BIAS - 2);  // both ids and count
-  if (!require(head <= room, "packed array outside its section", at) ||
-      !require(is_width_id(p[head - 1]), "packed array width id",
-               at + head - 1)) {
-    return false;
-  }
-  a->valueNum = parse_unsigned(p);
-  a->valueSize = p[head - 1] - UNSIGNED_ID_BIAS;
-  a->values = p + head;
-  const vkt_u64 length = head + vkt_u64(a->valueNum) * a->valueSize;
-  a->size = vkt_u32(length);
-  return require(length <= room, "packed array outside its section", at);
 }
 
 bool ImageVerifier::checkHeader(bool plainOnly) {
