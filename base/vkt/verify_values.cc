@@ -10,7 +10,7 @@
 // stands in for another walk, so the cost is linear in distinct values.
 // Scalars are checked wherever they are reached, in constant time each.
 #include <memory>
-#include <new>  // nothrow
+#include <new>  // bad_alloc
 #include <vector>
 
 #include "vkt/verify.h"
@@ -45,10 +45,11 @@ bool ImageVerifier::checkValues() {
   const vkt_u32 regionSize = region.end - region.begin;
   // Written before it is read: a memo is read only where `done` is set.
   // The library throws nothing, so a failed allocation is a refusal.
-  std::unique_ptr<vkt_u64[]> memo(
-      new (std::nothrow) vkt_u64[regionSize == 0 ? 1 : regionSize]);
-  if (!require(memo != nullptr, "no memory for the value memo", region.begin)) {
-    return false;
+  std::unique_ptr<vkt_u64[]> memo;
+  try {
+    memo.reset(new vkt_u64[regionSize == 0 ? 1 : regionSize]);
+  } catch (const std::bad_alloc&) {
+    return fail("no memory for the value memo", region.begin);
   }
   std::vector<vkt_u64> done(regionSize / 64 + 1, 0);
   // Frames are filled in place: a frame built aside and copied in costs a
