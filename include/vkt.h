@@ -9,9 +9,10 @@
 //
 // The library has no global state, no threads and no output of its own. It
 // throws nothing: a failed lookup answers false or a null view, missing
-// stream data answers null, and VKTObject::decode answers false on a bad
-// image. Everything else trusts its input; run decode before opening bytes
-// that you did not write yourself.
+// stream data answers null, and VKTObject::decode and VKTObject::verify answer
+// false on a bad image. Everything else trusts its input. decode checks the
+// header only; bytes that you did not write yourself go through decode, then
+// verify, and are opened only when both answer true.
 #ifndef VKT_VKT_H_
 #define VKT_VKT_H_
 
@@ -100,6 +101,32 @@ class VKTObject;
 class VKTMemberRange;
 class VKTElementRange;
 class VKTWriterObject;
+
+// Bounds that VKTObject::verify holds an image to. A default-constructed
+// object gives the defaults, which every image of this library's writer
+// meets unless its tree nests deeper than 64.
+struct VKTVerifyLimits {
+  // Deepest nesting of arrays and objects: a root array holding scalars has
+  // depth 1. Capped at 255.
+  vkt_u32 maxDepth = 64;
+  // Most values that a recursive walk from the root visits, counting an
+  // encoding that several elements share once for every element; also the
+  // most bytes that the names of all keys take together. 0 means
+  // kValuesPerByte times the image size, so an image whose sharing expands
+  // far beyond its size is refused while real images pass.
+  vkt_u64 maxValues = 0;
+  static const vkt_u32 kValuesPerByte = 256;
+  // Largest image accepted, in bytes.
+  vkt_size maxImageSize = 0xFFFFFFFF;
+};
+
+// Why VKTObject::verify refused an image. `reason` is a short fixed text with
+// static lifetime ("" when the image passed); `offset` is the image byte at
+// which the failing check looked (0 for checks of the whole image).
+struct VKTVerifyReport {
+  const char* reason = "";
+  vkt_size offset = 0;
+};
 class VKTWriterValue;
 class VKTTestAccess;  // defined only by the library's tests and benchmarks
 
@@ -509,9 +536,10 @@ class VKTMemberRange {
 
 // An opened image.
 //
-// The constructors validate nothing: the bytes must be a whole image, opened
-// with the filter if its flags ask for one. Run decode first on bytes that you
-// do not trust; it answers false on a bad header.
+// The memory constructors validate nothing: the bytes must be a whole image,
+// opened with the filter if its flags ask for one. Bytes that you do not
+// trust go through decode (header, filter) and then verify (everything else)
+// before they are opened; only an image that passed both may be opened.
 //
 // Ownership: see vkt_alloc_type. The header copy is always the object's own
 // and lives inside the object, so opening with VKT_ALLOC_REFER allocates
@@ -550,6 +578,39 @@ class VKTObject {
   static bool decode(vkt_u8* p, vkt_size size,
                      VKTFilter* structFilter = nullptr);
   static bool decode(vkt_binary& image, VKTFilter* structFilter = nullptr);
+
+  // Checks a whole plain image (run decode first on a filtered one: verify
+  // answers false while a filter bit is set; a version-1 or -2 image has no
+  // flags and is taken as plain, so open it without a filter, which would
+  // scramble its info range again) against everything any reader
+  // operation touches: magic, version 1 to 4, checksum (version 3 and up),
+  // section offsets in file order inside the image, every packed array, the
+  // key table, every value reachable from the root, strings, streams and
+  // bstreams. `report` and `limits` may be null (null limits: the defaults).
+  //
+  // The promise: when verify answers true, no public operation on that image,
+  // in any ownership mode, before or after a purge, through any view reached
+  // from root, reads outside the image, loops, nests deeper than
+  // limits->maxDepth, or allocates more than limits->maxValues allows
+  // (getMemberNames allocates at most the names' total length).
+  //
+  // Costs time linear in the image size; allocates at most about 9 bytes per
+  // byte of the root value section plus 4 per key table position. Never
+  // recurses; reads nothing outside [p, p + size).
+  static bool verify(const vkt_u8* p, vkt_size size);
+  static bool verify(const vkt_u8* p, vkt_size size, VKTVerifyReport* report,
+                     const VKTVerifyLimits* limits = nullptr);
+  static bool verify(const vkt_binary& image,
+                     VKTVerifyReport* report = nullptr,
+                     const VKTVerifyLimits* limits = nullptr);
+  // The same checks on an opened object, as it is now: the plain header copy
+  // and the bytes in memory; stream payload ranges are checked against the
+  // image size. This is the way to check an image opened through a
+  // VKTReadStream, whose constructor reads only the header and at most
+  // Size() bytes of front part and writes nothing outside them, whatever the
+  // header says. Use only the object, and views from it, after a true answer.
+  bool verify(VKTVerifyReport* report = nullptr,
+              const VKTVerifyLimits* limits = nullptr) const;
 
   VKTValue root() const { return VKTValue(this, mRootValuePtr); }
 
@@ -625,6 +686,9 @@ class VKTObject {
   void init(VKTFilter* structFilter);
   void decodeInfo();
   void filterInfo(VKTFilter* structFilter);
+  // Bytes of mImage: the front part in the purge modes and for an image
+  // opened through a VKTReadStream (never more than the image), else all.
+  vkt_u32 frontPartSize() const;
   void releaseStreamBuffer();
 
   bool findKey(const char* key, vkt_u32* result, vkt_u32* hint) const;

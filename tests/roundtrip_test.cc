@@ -121,8 +121,12 @@ TEST(RoundTrip, RandomTreesReadBackInEveryConfiguration) {
       writer.writeImage(root, sink, &again, config & 2 ? 3 : 0);
       ASSERT_EQ(vkt_binary(twice.begin() + 3, twice.end()), image);
       const VKTObject streamed(new RecordingReadStream(image), &forStream);
+      EXPECT_TRUE(streamed.verify());
       expect_value(streamed.root(), e);
+      EXPECT_EQ(VKTObject::verify(image), !(config & 2));  // filter bits set
       ASSERT_TRUE(VKTObject::decode(image, &forDecode));
+      VKTVerifyReport report;
+      ASSERT_TRUE(VKTObject::verify(image, &report)) << report.reason;
       for (int mode = 0; mode < 5; ++mode) {  // DUPLICATE to PURGE_REFER
         const bool owned = mode == VKT_ALLOC_OWN || mode == VKT_ALLOC_PURGE;
         vkt_u8* buffer = owned ? new vkt_u8[image.size()] : image.data();

@@ -88,6 +88,75 @@ static inline vkt_u32 header_size_of_version(vkt_u32 version) {
 }
 
 // ---------------------------------------------------------------------------
+// Section layout: the sections a header names, in file order. Writer,
+// decodeInfo and verifier all read this one table.
+//
+// `field` is the header field that holds the section's offset, `fromVersion`
+// the first version whose header has it (0: every version; a version above 4
+// reads like 4),
+// and `filtered` tells whether the section lies in the filtered info range,
+// which runs from the first filtered section up to the next present section
+// that is not filtered. A section ends where the next present one begins;
+// the stream entity runs to the end of the image. Between the two size
+// arrays and their entities the writer puts zero bytes as alignment asks.
+// ---------------------------------------------------------------------------
+
+enum vkt_section {
+  SECTION_KEY_OFFSET_ARRAY,  // version 1: sorted key offsets; else a marker
+  SECTION_KEY_ENTITY,        // version 1: key strings; else the key table
+  SECTION_ROOT_VALUE,
+  SECTION_STRING_OFFSET_ARRAY,
+  SECTION_STRING_ENTITY,
+  SECTION_BSTREAM_OFFSET_ARRAY,
+  SECTION_BSTREAM_SIZE_ARRAY,
+  SECTION_BSTREAM_ENTITY,
+  SECTION_STREAM_OFFSET_ARRAY,
+  SECTION_STREAM_SIZE_ARRAY,
+  SECTION_STREAM_ENTITY,
+  SECTION_COUNT,
+};
+
+struct section_layout {
+  vkt_u32 field;
+  vkt_u32 fromVersion;
+  bool filtered;
+};
+
+static const section_layout sSectionTable[] = {
+    {HEADER_OFST_KEY_OFFSET_ARRAY, 0, true},
+    {HEADER_OFST_KEY_ENTITY, 0, true},
+    {HEADER_OFST_ROOT_VALUE, 0, true},
+    {HEADER_OFST_STRING_OFFSET_ARRAY, 0, true},
+    {HEADER_OFST_STRING_ENTITY, 0, true},
+    {HEADER_OFST_BSTREAM_OFFSET_ARRAY, 4, false},
+    {HEADER_OFST_BSTREAM_SIZE_ARRAY, 4, false},
+    {HEADER_OFST_BSTREAM_ENTITY, 4, false},
+    {HEADER_OFST_STREAM_OFFSET_ARRAY, 0, false},
+    {HEADER_OFST_STREAM_SIZE_ARRAY, 0, false},
+    {HEADER_OFST_STREAM_ENTITY, 0, false},
+};
+static_assert(sizeof(sSectionTable) / sizeof(sSectionTable[0]) ==
+                  SECTION_COUNT,
+              "one layout entry per section");
+
+static inline bool section_present(vkt_u32 section, vkt_u32 version) {
+  return version >= sSectionTable[section].fromVersion;
+}
+
+// The section that ends the filtered info range of a version.
+static inline vkt_u32 info_range_end_section(vkt_u32 version) {
+  vkt_u32 s = SECTION_KEY_OFFSET_ARRAY;
+  while (!section_present(s, version) || sSectionTable[s].filtered) ++s;
+  return s;
+}
+
+// The one overflow-safe bounds gate: `length` bytes at `offset` lie inside
+// `size` bytes. No sum is formed, so nothing can wrap.
+static inline bool in_image(vkt_u64 offset, vkt_u64 length, vkt_u64 size) {
+  return length <= size && offset <= size - length;
+}
+
+// ---------------------------------------------------------------------------
 // Value encoding: one id byte, then a payload whose width the id fixes.
 // ---------------------------------------------------------------------------
 

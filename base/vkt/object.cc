@@ -64,7 +64,8 @@ VKTObject::VKTObject(VKTReadStream* reader, VKTFilter* structFilter)
     : mReader(reader), mAllocType(VKT_ALLOC_OWN) {
   // The header first: 8 bytes tell the version, and the version how much
   // more to read (a version-3 image gives up 12 unused bytes).
-  vkt_u8 header[HEADER_SIZE];
+  // A source shorter than a header leaves zeros, never stack garbage.
+  vkt_u8 header[HEADER_SIZE] = {};
   reader->Read(header, HEADER_OFST_KEY_OFFSET_ARRAY);
   const vkt_u32 version = read_16bit_unsigned(header + HEADER_OFST_VERSION);
   const vkt_u32 wanted = version < 3 ? HEADER_SIZE_VER2 : HEADER_SIZE;
@@ -75,10 +76,14 @@ VKTObject::VKTObject(VKTReadStream* reader, VKTFilter* structFilter)
   // Then the front part: everything in front of the stream entity, which
   // stays in the source and is reached through windows.
   mStreamOffset = header_field(mHeader, HEADER_OFST_STREAM_ENTITY);
+  // The front part never outgrows the source, whatever the header claims;
+  // verify tells whether the header and the source agree.
   mImageSize = reader->Size();
-  vkt_u8* front = new vkt_u8[mStreamOffset];
+  const vkt_u32 frontSize = frontPartSize();
+  vkt_u8* front = new vkt_u8[frontSize];
   reader->Seek(0, VKT_ORIGIN_SET);
-  reader->Read(front, mStreamOffset);
+  const vkt_size got = reader->Read(front, frontSize);
+  if (got < frontSize) std::memset(front + got, 0, frontSize - got);
   mImage = front;
   decodeInfo();
   mStreamEntity = nullptr;
@@ -109,35 +114,44 @@ void VKTObject::init(VKTFilter* structFilter) {
 }
 
 void VKTObject::decodeInfo() {
-  auto section = [this](vkt_u32 field) {
-    return mImage + header_field(mHeader, field);
+  // A section missing from this version's header is null.
+  auto section = [this](vkt_u32 s) -> const vkt_u8* {
+    if (!section_present(s, mVersion)) return nullptr;
+    return mImage + header_field(mHeader, sSectionTable[s].field);
   };
-  mKeyOffsetArray = section(HEADER_OFST_KEY_OFFSET_ARRAY);
-  mKeyEntity = section(HEADER_OFST_KEY_ENTITY);
-  mStringOffsetArray = section(HEADER_OFST_STRING_OFFSET_ARRAY);
-  mStringEntity = section(HEADER_OFST_STRING_ENTITY);
-  mStreamOffsetArray = section(HEADER_OFST_STREAM_OFFSET_ARRAY);
-  mStreamSizeArray = section(HEADER_OFST_STREAM_SIZE_ARRAY);
-  mStreamEntity = section(HEADER_OFST_STREAM_ENTITY);
+  mKeyOffsetArray = section(SECTION_KEY_OFFSET_ARRAY);
+  mKeyEntity = section(SECTION_KEY_ENTITY);
+  mStringOffsetArray = section(SECTION_STRING_OFFSET_ARRAY);
+  mStringEntity = section(SECTION_STRING_ENTITY);
+  mStreamOffsetArray = section(SECTION_STREAM_OFFSET_ARRAY);
+  mStreamSizeArray = section(SECTION_STREAM_SIZE_ARRAY);
+  mStreamEntity = section(SECTION_STREAM_ENTITY);
+  mBStreamOffsetArray = section(SECTION_BSTREAM_OFFSET_ARRAY);
+  mBStreamSizeArray = section(SECTION_BSTREAM_SIZE_ARRAY);
+  mBStreamEntity = section(SECTION_BSTREAM_ENTITY);
+  mRootValuePtr = section(SECTION_ROOT_VALUE);
   mFilteredInfoBegin = mKeyOffsetArray;
-  if (mVersion > 3) {
-    mBStreamOffsetArray = section(HEADER_OFST_BSTREAM_OFFSET_ARRAY);
-    mBStreamSizeArray = section(HEADER_OFST_BSTREAM_SIZE_ARRAY);
-    mBStreamEntity = section(HEADER_OFST_BSTREAM_ENTITY);
-    mFilteredInfoEnd = mBStreamOffsetArray;
-  } else {
-    mBStreamOffsetArray = nullptr;
-    mBStreamSizeArray = nullptr;
-    mBStreamEntity = nullptr;
-    mFilteredInfoEnd = mStreamOffsetArray;
-  }
-  mRootValuePtr = section(HEADER_OFST_ROOT_VALUE);
+  mFilteredInfoEnd = section(info_range_end_section(mVersion));
   mTotalStreamEntitySize =
       mImageSize - header_field(mHeader, HEADER_OFST_STREAM_ENTITY);
 }
 
+vkt_u32 VKTObject::frontPartSize() const {
+  const bool frontOnly = mReader != nullptr || mAllocType == VKT_ALLOC_PURGE ||
+                         mAllocType == VKT_ALLOC_PURGE_REFER;
+  if (!frontOnly) return mImageSize;
+  const vkt_u32 streamEntity = header_field(mHeader, HEADER_OFST_STREAM_ENTITY);
+  return streamEntity < mImageSize ? streamEntity : mImageSize;
+}
+
 void VKTObject::filterInfo(VKTFilter* structFilter) {
   if (structFilter == nullptr || !(mFlags & VKT_FLAGS_FILTER_INFO)) return;
+  // A header whose info range leaves the bytes in memory is not filtered
+  // through: nothing outside the image is ever written.
+  const vkt_u32 begin = header_field(mHeader, HEADER_OFST_KEY_OFFSET_ARRAY);
+  const vkt_u32 end = header_field(
+      mHeader, sSectionTable[info_range_end_section(mVersion)].field);
+  if (begin > end || !in_image(begin, end - begin, frontPartSize())) return;
   // The bytes are ours or were handed over for writing (REFER, OWN).
   structFilter->Filter(const_cast<vkt_u8*>(mFilteredInfoBegin),
                        vkt_size(mFilteredInfoEnd - mFilteredInfoBegin));
@@ -148,8 +162,8 @@ void VKTObject::preparePurge() {
   // A stream-backed image has no stream entity in memory to part from.
   if (mReader != nullptr) return;
   const vkt_u8* newEntity = mStreamEntity;
-  mImage = copy_bytes(mImage, vkt_u32(mStreamEntity - mImage));
   mAllocType = VKT_ALLOC_PURGE;
+  mImage = copy_bytes(mImage, frontPartSize());
   decodeInfo();
   // The payloads stay in the old allocation, which mStreamEntity now stands
   // for: its start lies the stream entity's offset before it.
@@ -189,9 +203,8 @@ bool VKTObject::decode(vkt_u8* p, vkt_size size, VKTFilter* structFilter) {
 
   const vkt_u32 begin = header_field(p, HEADER_OFST_KEY_OFFSET_ARRAY);
   const vkt_u32 end =
-      header_field(p, version > 3 ? HEADER_OFST_BSTREAM_OFFSET_ARRAY
-                                  : HEADER_OFST_STREAM_OFFSET_ARRAY);
-  if (end > size || begin > end) return false;
+      header_field(p, sSectionTable[info_range_end_section(version)].field);
+  if (begin > end || !in_image(begin, end - begin, size)) return false;
   structFilter->Filter(p + begin, end - begin);
   return true;
 }

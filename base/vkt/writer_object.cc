@@ -196,24 +196,22 @@ void VKTWriterObject::assemble(const VKTWriterValue& root, VKTWriteStream* sink,
               MAGIC_NUMBER_LENGTH);
   write_16bit_unsigned(header + HEADER_OFST_VERSION, packVersion);
   write_16bit_unsigned(header + HEADER_OFST_FLAGS, flags & 0xFFFF);
-  const struct {
-    vkt_u32 field;
-    vkt_u32 offset;
-  } fields[] = {
-      {HEADER_OFST_KEY_OFFSET_ARRAY, ofstKeyEntity},
-      {HEADER_OFST_KEY_ENTITY, ofstKeyEntity},
-      {HEADER_OFST_STRING_OFFSET_ARRAY, ofstStringOffsetArray},
-      {HEADER_OFST_STRING_ENTITY, ofstStringEntity},
-      {HEADER_OFST_STREAM_OFFSET_ARRAY, ofstStreamOffsetArray},
-      {HEADER_OFST_STREAM_SIZE_ARRAY, ofstStreamSizeArray},
-      {HEADER_OFST_STREAM_ENTITY, ofstStreamEntity},
-      {HEADER_OFST_ROOT_VALUE, ofstRootValue},
-      {HEADER_OFST_BSTREAM_OFFSET_ARRAY, ofstBStreamOffsetArray},
-      {HEADER_OFST_BSTREAM_SIZE_ARRAY, ofstBStreamSizeArray},
-      {HEADER_OFST_BSTREAM_ENTITY, ofstBStreamEntity},
-  };
-  for (const auto& f : fields) {
-    if (f.field < headerSize) write_32bit_unsigned(header + f.field, f.offset);
+  vkt_u32 offsets[SECTION_COUNT] = {};  // in the order of sSectionTable
+  offsets[SECTION_KEY_OFFSET_ARRAY] = ofstKeyEntity;
+  offsets[SECTION_KEY_ENTITY] = ofstKeyEntity;
+  offsets[SECTION_ROOT_VALUE] = ofstRootValue;
+  offsets[SECTION_STRING_OFFSET_ARRAY] = ofstStringOffsetArray;
+  offsets[SECTION_STRING_ENTITY] = ofstStringEntity;
+  offsets[SECTION_BSTREAM_OFFSET_ARRAY] = ofstBStreamOffsetArray;
+  offsets[SECTION_BSTREAM_SIZE_ARRAY] = ofstBStreamSizeArray;
+  offsets[SECTION_BSTREAM_ENTITY] = ofstBStreamEntity;
+  offsets[SECTION_STREAM_OFFSET_ARRAY] = ofstStreamOffsetArray;
+  offsets[SECTION_STREAM_SIZE_ARRAY] = ofstStreamSizeArray;
+  offsets[SECTION_STREAM_ENTITY] = ofstStreamEntity;
+  for (vkt_u32 s = 0; s < SECTION_COUNT; ++s) {
+    if (section_present(s, packVersion)) {
+      write_32bit_unsigned(header + sSectionTable[s].field, offsets[s]);
+    }
   }
   // The checksum is taken on the plain header, before any filtering.
   write_32bit_unsigned(header + HEADER_OFST_CHECKSUM,

@@ -1,0 +1,292 @@
+// VKTObject::verify, first half: the header, the section offsets, every table
+// of the image (key table, strings, streams, bstreams) and the entry points.
+// The value walk is in verify_values.cc.
+//
+// Every check goes through ImageVerifier::require, and every bound through
+// in_image (format.h), which forms no sum that can wrap. Once a check has
+// passed, the reader's own helpers (setup_unsigned_array, parse_*) are safe
+// on those bytes and are used as they are.
+#include "vkt/verify.h"
+
+#include <cstring>  // memchr, memcmp
+#include <vector>
+
+namespace vkt_internal {
+
+namespace {
+
+const vkt_u32 kMaxDepthCap = 255;
+// Keeps every sum of visit counts far below 2^64.
+const vkt_u64 kMaxValuesCap = vkt_u64(1) << 56;
+
+vkt_u32 field_of(const vkt_u8* header, vkt_u32 field) {
+  return read_32bit_unsigned(header + field);
+}
+
+}  // namespace
+
+ImageVerifier::ImageVerifier(const vkt_u8* header, const vkt_u8* image,
+                             vkt_u32 inMemory, vkt_u32 imageSize,
+                             const VKTVerifyLimits* limits,
+                             VKTVerifyReport* report)
+    : mHeader(header),
+      mImage(image),
+      mInMemory(inMemory),
+      mImageSize(imageSize),
+      mReport(report) {
+  if (limits != nullptr) mLimits = *limits;
+  if (mLimits.maxDepth > kMaxDepthCap) mLimits.maxDepth = kMaxDepthCap;
+  if (mLimits.maxValues == 0) {
+    mLimits.maxValues = vkt_u64(VKTVerifyLimits::kValuesPerByte) * imageSize;
+  }
+  if (mLimits.maxValues > kMaxValuesCap) mLimits.maxValues = kMaxValuesCap;
+  if (mReport != nullptr) *mReport = VKTVerifyReport();
+}
+
+bool ImageVerifier::fail(const char* reason, vkt_u64 offset) {
+  if (mReport != nullptr) {
+    mReport->reason = reason;
+    mReport->offset = vkt_size(offset);
+  }
+  return false;
+}
+
+bool ImageVerifier::run(bool plainOnly) {
+  return checkHeader(plainOnly) && checkSections() &&
+         (mVersion == 1 ? checkSortedKeys() : checkDoubleArrayKeys()) &&
+         checkStrings() &&
+         checkPayloadTable(SECTION_BSTREAM_OFFSET_ARRAY,
+                           SECTION_BSTREAM_SIZE_ARRAY, SECTION_BSTREAM_ENTITY,
+                           &mBStreamCount) &&
+         checkPayloadTable(SECTION_STREAM_OFFSET_ARRAY,
+                           SECTION_STREAM_SIZE_ARRAY, SECTION_STREAM_ENTITY,
+                           &mStreamCount) &&
+         checkValues();
+}
+
+bool ImageVerifier::checkHeader(bool plainOnly) {
+  if (!require(mImageSize >= HEADER_SIZE_VER2 && mInMemory >= HEADER_SIZE_VER2,
+               "image shorter than a header", 0) ||
+      !require(mImageSize <= mLimits.maxImageSize, "image above the size limit",
+               0) ||
+      !require(std::memcmp(mHeader, MAGIC_NUMBER, MAGIC_NUMBER_LENGTH) == 0,
+               "magic", HEADER_OFST_MAGICNUMBER)) {
+    return false;
+  }
+  mVersion = read_16bit_unsigned(mHeader + HEADER_OFST_VERSION);
+  if (!require(mVersion >= 1 && mVersion <= CURRENT_VERSION, "version",
+               HEADER_OFST_VERSION) ||
+      !require(header_size_of_version(mVersion) <= mInMemory,
+               "image shorter than its header", 0)) {
+    return false;
+  }
+  if (mVersion < 3) return true;  // no flags word, no checksum
+  const vkt_u32 flags = read_16bit_unsigned(mHeader + HEADER_OFST_FLAGS);
+  return require(!plainOnly || (flags & FLAGS_FILTER_BITS) == 0,
+                 "filter bits set: decode first", HEADER_OFST_FLAGS) &&
+         require(header_checksum(mHeader, mVersion) ==
+                     field_of(mHeader, HEADER_OFST_CHECKSUM),
+                 "header checksum", HEADER_OFST_CHECKSUM);
+}
+
+// Offsets ascend in file order from the end of the header; the stream
+// entity, and so everything in front of it, lies in memory.
+bool ImageVerifier::checkSections() {
+  vkt_u32 previous = header_size_of_version(mVersion);
+  for (vkt_u32 s = 0; s < SECTION_COUNT; ++s) {
+    if (!section_present(s, mVersion)) continue;
+    const vkt_u32 field = sSectionTable[s].field;
+    mOffsets[s] = field_of(mHeader, field);
+    if (!require(mOffsets[s] >= previous, "sections out of order", field) ||
+        !require(mOffsets[s] <= mImageSize, "section beyond the image",
+                 field)) {
+      return false;
+    }
+    previous = mOffsets[s];
+  }
+  return require(mOffsets[SECTION_STREAM_ENTITY] <= mInMemory,
+                 "front part not in memory", HEADER_OFST_STREAM_ENTITY);
+}
+
+byte_range ImageVerifier::section(vkt_u32 s) const {
+  vkt_u32 next = s + 1;
+  while (next < SECTION_COUNT && !section_present(next, mVersion)) ++next;
+  return {mOffsets[s], next < SECTION_COUNT ? mOffsets[next] : mImageSize};
+}
+
+// Version 1: per key tag the offset of a NUL-terminated key in the entity.
+bool ImageVerifier::checkSortedKeys() {
+  unsigned_array offsets;
+  const byte_range entity = section(SECTION_KEY_ENTITY);
+  if (!packedArray(section(SECTION_KEY_OFFSET_ARRAY),
+                   mOffsets[SECTION_KEY_OFFSET_ARRAY], &offsets)) {
+    return false;
+  }
+  mKeyCount = offsets.valueNum;
+  const vkt_u32 entitySize = entity.end - entity.begin;
+  vkt_u64 total = 0;  // bytes of all names, as getMemberNames may copy them
+  for (vkt_u32 k = 0; k < mKeyCount; ++k) {
+    const vkt_u32 at = get_unsigned_array(&offsets, k);
+    if (!require(at < entitySize, "key offset outside the key entity",
+                 entity.begin)) {
+      return false;
+    }
+    const vkt_u8* s = mImage + entity.begin + at;
+    const void* nul = std::memchr(s, 0, entitySize - at);
+    if (!require(nul != nullptr, "key without NUL", entity.begin + at)) {
+      return false;
+    }
+    total += vkt_u64(static_cast<const vkt_u8*>(nul) - s);
+    if (!require(total <= mLimits.maxValues, "key names too long in total",
+                 entity.begin + at)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// base | check | tail: base and check of one length, and every climb from a
+// leaf ending at the root.
+bool ImageVerifier::checkDoubleArrayKeys() {
+  const byte_range r = section(SECTION_KEY_ENTITY);
+  unsigned_array base, check, tail;
+  if (!packedArray(r, r.begin, &base) ||
+      !packedArray(r, vkt_u64(r.begin) + base.size, &check) ||
+      !packedArray(r, vkt_u64(r.begin) + base.size + check.size, &tail)) {
+    return false;
+  }
+  const vkt_u32 n = base.valueNum;
+  if (!require(n >= 1 && check.valueNum == n, "key table base and check",
+               r.begin)) {
+    return false;
+  }
+  mKeyCount = tail.valueNum;
+  return checkKeyClimbs(check, tail);
+}
+
+// getKey climbs check from a leaf's parent to the root. Each position's
+// distance to the root is found once (a position met again mid-climb is a
+// cycle), so all climbs together cost linear time, and the sum of the
+// distances is what getMemberNames may copy at most.
+bool ImageVerifier::checkKeyClimbs(const unsigned_array& check,
+                                   const unsigned_array& tail) {
+  const vkt_u32 kUnknown = 0xFFFFFFFF;
+  const vkt_u32 kOnPath = 0xFFFFFFFE;
+  std::vector<vkt_u32> depth(check.valueNum, kUnknown);
+  std::vector<vkt_u32> path;
+  depth[0] = 0;
+  vkt_u64 total = 0;
+  const vkt_u32 n = check.valueNum;
+  const vkt_u32 at = mOffsets[SECTION_KEY_ENTITY];
+  for (vkt_u32 k = 0; k < tail.valueNum; ++k) {
+    // Only the entries a climb reads are used as positions; findKey only
+    // compares the others.
+    const vkt_u32 leaf = get_unsigned_array(&tail, k);
+    if (!require(leaf < n, "key table tail entry", at)) return false;
+    vkt_u32 x = get_unsigned_array(&check, leaf);
+    if (!require(x < n, "key table check entry", at)) return false;
+    while (depth[x] == kUnknown) {
+      depth[x] = kOnPath;
+      path.push_back(x);
+      x = get_unsigned_array(&check, x);
+      if (!require(x < n, "key table check entry", at)) return false;
+    }
+    if (!require(depth[x] != kOnPath, "key table check cycle",
+                 mOffsets[SECTION_KEY_ENTITY])) {
+      return false;
+    }
+    for (vkt_u32 d = depth[x]; !path.empty(); path.pop_back()) {
+      depth[path.back()] = ++d;
+    }
+    total += depth[get_unsigned_array(&check, get_unsigned_array(&tail, k))];
+    if (!require(total <= mLimits.maxValues, "key names too long in total",
+                 mOffsets[SECTION_KEY_ENTITY])) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Every string offset lies in the entity, and the entity ends with a NUL, so
+// every string ends inside it.
+bool ImageVerifier::checkStrings() {
+  unsigned_array offsets;
+  const byte_range entity = section(SECTION_STRING_ENTITY);
+  if (!packedArray(section(SECTION_STRING_OFFSET_ARRAY),
+                   mOffsets[SECTION_STRING_OFFSET_ARRAY], &offsets)) {
+    return false;
+  }
+  mStringCount = offsets.valueNum;
+  if (mStringCount == 0) return true;
+  const vkt_u32 entitySize = entity.end - entity.begin;
+  if (!require(entitySize != 0 && mImage[entity.end - 1] == 0,
+               "string entity not NUL-terminated", entity.begin)) {
+    return false;
+  }
+  for (vkt_u32 t = 0; t < mStringCount; ++t) {
+    if (!require(get_unsigned_array(&offsets, t) < entitySize,
+                 "string offset outside the string entity",
+                 mOffsets[SECTION_STRING_OFFSET_ARRAY])) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Offset and size arrays of one length; each payload inside the entity. A
+// table missing from the version has no entries.
+bool ImageVerifier::checkPayloadTable(vkt_u32 offsetSection,
+                                      vkt_u32 sizeSection,
+                                      vkt_u32 entitySection, vkt_u32* count) {
+  *count = 0;
+  if (!section_present(entitySection, mVersion)) return true;
+  unsigned_array offsets, sizes;
+  const byte_range entity = section(entitySection);
+  if (!packedArray(section(offsetSection), mOffsets[offsetSection], &offsets) ||
+      !packedArray(section(sizeSection), mOffsets[sizeSection], &sizes) ||
+      !require(offsets.valueNum == sizes.valueNum,
+               "payload offset and size arrays differ",
+               mOffsets[sizeSection])) {
+    return false;
+  }
+  const vkt_u32 entitySize = entity.end - entity.begin;
+  for (vkt_u32 t = 0; t < offsets.valueNum; ++t) {
+    if (!require(in_image(get_unsigned_array(&offsets, t),
+                          get_unsigned_array(&sizes, t), entitySize),
+                 "payload outside its entity", mOffsets[offsetSection])) {
+      return false;
+    }
+  }
+  *count = offsets.valueNum;
+  return true;
+}
+
+}  // namespace vkt_internal
+
+using vkt_internal::ImageVerifier;
+
+bool VKTObject::verify(const vkt_u8* p, vkt_size size) {
+  return verify(p, size, nullptr, nullptr);
+}
+
+bool VKTObject::verify(const vkt_u8* p, vkt_size size, VKTVerifyReport* report,
+                       const VKTVerifyLimits* limits) {
+  return ImageVerifier(p, p, size, size, limits, report).run(true);
+}
+
+bool VKTObject::verify(const vkt_binary& image, VKTVerifyReport* report,
+                       const VKTVerifyLimits* limits) {
+  if (image.size() > 0xFFFFFFFFu) {
+    if (report != nullptr) *report = VKTVerifyReport{"image above 4 GiB", 0};
+    return false;
+  }
+  return verify(image.data(), vkt_size(image.size()), report, limits);
+}
+
+bool VKTObject::verify(VKTVerifyReport* report,
+                       const VKTVerifyLimits* limits) const {
+  // The header copy is plain whatever the stored flags say.
+  return ImageVerifier(mHeader, mImage, frontPartSize(), mImageSize, limits,
+                       report)
+      .run(false);
+}

@@ -1,0 +1,102 @@
+// The deep verifier's shared state: one image under check, the gate every
+// check goes through, and the facts that the section checks hand to the
+// value walk (table counts, the root value section).
+#ifndef VKT_VERIFY_H_
+#define VKT_VERIFY_H_
+
+#include "vkt/format.h"
+#include "vkt/packed_array.h"
+
+namespace vkt_internal {
+
+inline bool is_width_id(vkt_u32 id) {
+  return id >= ID_UNSIGNED8 && id <= ID_UNSIGNED32;
+}
+
+// Bytes [begin, end) of an image.
+struct byte_range {
+  vkt_u32 begin;
+  vkt_u32 end;
+};
+
+class ImageVerifier {
+ public:
+  // `header` is the plain header (the image's own first bytes, or an opened
+  // object's copy); `image` holds `inMemory` bytes of an image of
+  // `imageSize` bytes. Stream payloads need not be in memory.
+  ImageVerifier(const vkt_u8* header, const vkt_u8* image, vkt_u32 inMemory,
+                vkt_u32 imageSize, const VKTVerifyLimits* limits,
+                VKTVerifyReport* report);
+
+  // `plainOnly` refuses a header whose flags still ask for a filter.
+  bool run(bool plainOnly);
+
+ private:
+  // The gate: records the first failure and answers false.
+  bool fail(const char* reason, vkt_u64 offset);
+  bool require(bool ok, const char* reason, vkt_u64 offset) {
+    return ok || fail(reason, offset);
+  }
+  // `length` bytes at image offset `offset` lie inside `r`.
+  static bool within(byte_range r, vkt_u64 offset, vkt_u64 length) {
+    return offset >= r.begin &&
+           in_image(offset - r.begin, length, vkt_u64(r.end) - r.begin);
+  }
+  // A packed array at `at` whose ids are widths and whose elements all lie
+  // inside `r`; sets up *a when it is.
+  bool packedArray(byte_range r, vkt_u64 at, unsigned_array* a);
+
+  bool checkHeader(bool plainOnly);
+  bool checkSections();
+  byte_range section(vkt_u32 s) const;
+  bool checkSortedKeys();
+  bool checkDoubleArrayKeys();
+  bool checkKeyClimbs(const unsigned_array& check, const unsigned_array& tail);
+  bool checkStrings();
+  bool checkPayloadTable(vkt_u32 offsets, vkt_u32 sizes, vkt_u32 entity,
+                         vkt_u32* count);
+  bool checkValues();  // verify_values.cc
+
+  const vkt_u8* mHeader;
+  const vkt_u8* mImage;
+  vkt_u32 mInMemory;
+  vkt_u32 mImageSize;
+  VKTVerifyLimits mLimits;
+  VKTVerifyReport* mReport;
+
+  vkt_u32 mVersion = 0;
+  vkt_u32 mOffsets[SECTION_COUNT] = {};
+  vkt_u32 mKeyCount = 0;
+  vkt_u32 mStringCount = 0;
+  vkt_u32 mStreamCount = 0;
+  vkt_u32 mBStreamCount = 0;
+};
+
+// Inline: the value walk calls it once or twice per container.
+// One pass over the array's head: ids, count, then count x width against
+// what is left of the section. Fills *a as setup_unsigned_array would.
+inline bool ImageVerifier::packedArray(byte_range r, vkt_u64 at,
+                                       unsigned_array* a) {
+  if (!require(within(r, at, 2), "packed array outside its section", at)) {
+    return false;
+  }
+  const vkt_u8* p = mImage + at;
+  const vkt_u64 room = r.end - at;
+  if (!require(is_width_id(p[0]), "packed array count id", at)) return false;
+  const vkt_u32 head = p[0] - (UNSIGNED_ID_BIAS - 2);  // both ids and count
+  if (!require(head <= room, "packed array outside its section", at) ||
+      !require(is_width_id(p[head - 1]), "packed array width id",
+               at + head - 1)) {
+    return false;
+  }
+  a->valueNum = parse_unsigned(p);
+  a->valueSize = p[head - 1] - UNSIGNED_ID_BIAS;
+  a->values = p + head;
+  const vkt_u64 length = head + vkt_u64(a->valueNum) * a->valueSize;
+  a->size = vkt_u32(length);
+  return require(length <= room, "packed array outside its section", at);
+}
+
+}  // namespace vkt_internal
+
+#endif  // VKT_VERIFY_H_

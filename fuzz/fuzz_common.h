@@ -1,0 +1,29 @@
+// What the image harnesses share: decode, verify and, when verify accepts,
+// a full walk in every way of opening the image.
+#ifndef VKT_FUZZ_FUZZ_COMMON_H_
+#define VKT_FUZZ_FUZZ_COMMON_H_
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+
+#include "full_walk.h"
+#include "vkt.h"
+
+// Inputs above this size only slow the search down.
+const size_t kMaxInput = 1 << 16;
+
+inline void decode_verify_walk(vkt_u8* p, size_t size) {
+  if (!VKTObject::decode(p, vkt_size(size))) return;
+  if (VKTObject::verify(p, vkt_size(size))) {
+    full_walk::walk_image(p, vkt_size(size));
+  }
+}
+
+// The stream-backed open of the same bytes, checked by the object itself.
+inline void stream_verify_walk(const vkt_u8* p, size_t size) {
+  VKTObject streamed(new VKTMemoryReadStream(p, vkt_size(size)));
+  if (streamed.verify()) full_walk::walk_object(&streamed);
+}
+
+#endif  // VKT_FUZZ_FUZZ_COMMON_H_

@@ -1,0 +1,86 @@
+// Damage sweeps: images written from small trees and from cut-down sample
+// documents, every byte flipped (x^0xFF and x^0x01, checksum re-sealed) and
+// every length cut off. verify must never read outside the bytes, and every
+// image it accepts must survive a full walk through the public API in every
+// ownership mode. The sanitize preset is what makes this test bite.
+#include <dirent.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <memory>
+
+#include "full_walk.h"
+#include "testutil.h"
+
+namespace {
+
+vkt_binary read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return vkt_binary(std::istreambuf_iterator<char>(in), {});
+}
+
+// Seed images, written by this library: sample documents cut to a few KB,
+// and small trees with every kind of value, streams and bstreams among them.
+std::vector<vkt_binary> seed_images() {
+  std::vector<vkt_binary> images;
+  const std::string dir = VKT_FUZZ_CORPUS_DIR "/verify_fuzzer";
+  if (DIR* d = opendir(dir.c_str())) {
+    while (dirent* e = readdir(d)) {
+      if (e->d_name[0] != '.') {
+        images.push_back(read_file(dir + "/" + e->d_name));
+      }
+    }
+    closedir(d);
+  }
+  return images;
+}
+
+// Verifies a private, exactly sized copy, so that any read past the end is a
+// heap overflow; walks it when accepted, in one way of opening it, a
+// different one for each accepted variant.
+bool verify_and_walk(const vkt_binary& image, size_t size) {
+  static unsigned opening = 0;
+  std::unique_ptr<vkt_u8[]> copy(new vkt_u8[size == 0 ? 1 : size]);
+  std::copy(image.begin(), image.begin() + size, copy.get());
+  if (!VKTObject::verify(copy.get(), vkt_size(size))) return false;
+  full_walk::walk_image(copy.get(), vkt_size(size), 1u << (opening++ % 6));
+  return true;
+}
+
+void reseal(vkt_binary* image) {
+  const vkt_u32 version = read_16bit_unsigned(&(*image)[HEADER_OFST_VERSION]);
+  if (version != 3 && version != 4) return;
+  write_32bit_unsigned(&(*image)[HEADER_OFST_CHECKSUM],
+                       header_checksum(image->data(), version));
+}
+
+}  // namespace
+
+// One test per seed image, so that ctest spreads the sweep over its jobs.
+class Corruption : public ::testing::TestWithParam<size_t> {};
+
+TEST_P(Corruption, FlippedBytesAndCutImagesNeverReadOutOfBounds) {
+  static const std::vector<vkt_binary> images = seed_images();
+  ASSERT_EQ(images.size(), 5u);
+  const vkt_binary& image = images[GetParam()];
+  ASSERT_TRUE(verify_and_walk(image, image.size()));
+  size_t accepted = 0;
+  for (size_t i = 0; i < image.size(); ++i) {
+    for (vkt_u8 mask : {0xFF, 0x01}) {
+      vkt_binary damaged = image;
+      damaged[i] ^= mask;
+      const bool checksumByte =
+          i >= HEADER_OFST_CHECKSUM && i < HEADER_OFST_CHECKSUM + 4;
+      if (!checksumByte) reseal(&damaged);
+      accepted += verify_and_walk(damaged, damaged.size());
+    }
+  }
+  for (size_t cut = 0; cut < image.size(); ++cut) {
+    accepted += verify_and_walk(image, cut);
+  }
+  // Flips in payloads, strings and numbers leave valid images.
+  EXPECT_GT(accepted, 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, Corruption, ::testing::Range<size_t>(0, 5));

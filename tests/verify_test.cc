@@ -1,0 +1,224 @@
+// The deep verifier on hand-made images: one row per fault it must refuse,
+// with the reason it names; limits, other versions, the stream-backed form.
+// Writer-made images are checked in roundtrip_test.cc, damage sweeps in
+// corruption_test.cc.
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "full_walk.h"
+#include "testutil.h"
+
+namespace {
+
+// A valid version-3 image: one key (the empty one), the string "x", one
+// stream of 3 bytes, and a root array holding the string.
+ImageParts valid_parts() {
+  ImageParts p;
+  p.keyTable = hex("0D 02 0D 01 00 | 0D 02 0D 00 00 | 0D 01 0D 01");
+  p.root = hex("20 0D 01 0D 00 15 00");
+  p.stringOffsets = hex("0D 01 0D 00");
+  p.strings = hex("78 00");
+  p.streamOffsets = hex("0D 01 0D 00");
+  p.streamSizes = hex("0D 01 0D 03");
+  p.streams = hex("01 02 03");
+  return p;
+}
+
+void set_field(vkt_binary* image, vkt_u32 field, vkt_u32 value) {
+  write_32bit_unsigned(&(*image)[field], value);
+  write_32bit_unsigned(
+      &(*image)[HEADER_OFST_CHECKSUM],
+      header_checksum(image->data(), (*image)[HEADER_OFST_VERSION]));
+}
+
+vkt_binary nested_arrays(int depth) {
+  vkt_binary root;
+  for (int i = 0; i < depth; ++i) concat_binary(root, hex("20 0D 01 0D 00"));
+  root.push_back(ID_NULL);
+  return root;
+}
+
+// `levels` arrays of 255 elements that all share the level below.
+vkt_binary shared_levels(int levels) {
+  vkt_binary root;
+  for (int i = 0; i < levels; ++i) {
+    concat_binary(root, hex("20 0D FF 0D"));
+    root.resize(root.size() + 255, 0);
+  }
+  root.push_back(ID_TRUE);
+  return root;
+}
+
+// One section of valid_parts() replaced.
+struct SectionCase {
+  vkt_binary ImageParts::*section;
+  const char* bytes;
+  const char* reason;
+};
+
+const SectionCase sSectionCases[] = {
+    {&ImageParts::root, "20 0D 01 0D 05 15 00",
+     "child outside the value section"},
+    {&ImageParts::root, "20 20 01 0D 00 15 00", "packed array count id"},
+    {&ImageParts::root, "20 0D 01 0C 00 15 00", "packed array width id"},
+    {&ImageParts::root, "20 0D 09 0D 00 15 00",
+     "packed array outside its section"},
+    {&ImageParts::root, "20 0D 01 0D 00 15 01", "string tag"},
+    {&ImageParts::root, "20 0D 01 0D 00 19 01", "stream tag"},
+    {&ImageParts::root, "20 0D 01 0D 00 22 00", "bstream tag"},  // version 3
+    {&ImageParts::root, "20 0D 01 0D 00 40", "not a value id"},
+    {&ImageParts::root, "20 0D 01 0D 00 08 01",
+     "value outside the value section"},
+    {&ImageParts::root, "21 0D 02 0D 00 00 0D 02 0D 00 00 01",
+     "member keys not ascending"},
+    {&ImageParts::root, "21 0D 01 0D 01 0D 01 0D 00 01", "member key tag"},
+    {&ImageParts::root, "21 0D 01 0D 00 0D 00 0D",
+     "member key and offset arrays differ"},
+    {&ImageParts::strings, "78 79", "string entity not NUL-terminated"},
+    {&ImageParts::stringOffsets, "0D 01 0D 02",
+     "string offset outside the string entity"},
+    {&ImageParts::streamSizes, "0D 01 0D 04", "payload outside its entity"},
+    {&ImageParts::streamSizes, "0D 00 0D",
+     "payload offset and size arrays differ"},
+    {&ImageParts::keyTable,
+     "0D 03 0D 01 00 00 | 0D 03 0D 00 02 01 | 0D 01 0D 01",
+     "key table check cycle"},
+    {&ImageParts::keyTable, "0D 02 0D 01 00 | 0D 02 0D 00 07 | 0D 01 0D 01",
+     "key table check entry"},
+    {&ImageParts::keyTable, "0D 02 0D 01 00 | 0D 01 0D 00 | 0D 01 0D 01",
+     "key table base and check"},
+};
+
+// The bytes of the valid image changed after assembly.
+struct ByteCase {
+  std::function<void(vkt_binary*)> change;
+  const char* reason;
+};
+
+const ByteCase sByteCases[] = {
+    {[](vkt_binary* b) {
+       set_field(
+           b, HEADER_OFST_ROOT_VALUE,
+           read_32bit_unsigned(&(*b)[HEADER_OFST_STRING_OFFSET_ARRAY]) + 1);
+     },
+     "sections out of order"},
+    {[](vkt_binary* b) {
+       set_field(b, HEADER_OFST_STREAM_ENTITY, vkt_u32(b->size() + 1));
+     },
+     "section beyond the image"},
+    {[](vkt_binary* b) { b->pop_back(); }, "payload outside its entity"},
+    {[](vkt_binary* b) { b->resize(HEADER_OFST_ROOT_VALUE); },
+     "image shorter than a header"},
+    {[](vkt_binary* b) { (*b)[8] ^= 1; }, "header checksum"},
+    {[](vkt_binary* b) { (*b)[HEADER_OFST_FLAGS] = VKT_FLAGS_FILTER_INFO; },
+     "filter bits set: decode first"},
+    {[](vkt_binary* b) { (*b)[HEADER_OFST_VERSION] = 5; }, "version"},
+    {[](vkt_binary* b) { (*b)[0] = 'X'; }, "magic"},
+};
+
+void expect_refused(const vkt_binary& image, const char* reason) {
+  VKTVerifyReport report;
+  EXPECT_FALSE(VKTObject::verify(image, &report));
+  EXPECT_STREQ(report.reason, reason);
+}
+
+}  // namespace
+
+TEST(Verify, RefusesEachFaultWithItsReason) {
+  ASSERT_TRUE(VKTObject::verify(valid_parts().assemble()));
+  for (const SectionCase& c : sSectionCases) {
+    SCOPED_TRACE(c.bytes);
+    ImageParts parts = valid_parts();
+    parts.*c.section = hex(c.bytes);
+    expect_refused(parts.assemble(), c.reason);
+  }
+  for (const ByteCase& c : sByteCases) {
+    SCOPED_TRACE(c.reason);
+    vkt_binary image = valid_parts().assemble();
+    c.change(&image);
+    expect_refused(image, c.reason);
+  }
+  ImageParts parts = valid_parts();
+  parts.root = hex("20 0D 02 0D 00 01 01 15 07");  // string tag 7, second
+  VKTVerifyReport report;
+  ASSERT_FALSE(VKTObject::verify(parts.assemble(), &report));
+  EXPECT_EQ(report.offset, 44 + 14 + 7);  // header, key table, into the root
+}
+
+TEST(Verify, HonoursLimits) {
+  struct LimitCase {
+    vkt_binary root;
+    vkt_u32 maxDepth;
+    const char* reason;  // null: accepted
+  };
+  const LimitCase cases[] = {
+      {nested_arrays(64), 64, nullptr},
+      {nested_arrays(65), 64, "nesting too deep"},
+      {nested_arrays(65), 65, nullptr},
+      {shared_levels(2), 64, nullptr},  // a shared 255 x 255 matrix
+      {shared_levels(4), 64, "too many values (sharing)"},  // 255^4 visits
+  };
+  for (const LimitCase& c : cases) {
+    ImageParts parts = valid_parts();
+    parts.root = c.root;
+    VKTVerifyLimits limits;
+    limits.maxDepth = c.maxDepth;
+    VKTVerifyReport report;
+    EXPECT_EQ(VKTObject::verify(parts.assemble(), &report, &limits), !c.reason);
+    EXPECT_STREQ(report.reason, c.reason ? c.reason : "");
+  }
+  VKTVerifyLimits small;
+  small.maxImageSize = 60;
+  EXPECT_FALSE(VKTObject::verify(valid_parts().assemble(), nullptr, &small));
+}
+
+TEST(Verify, ChecksVersionOneRecordsAndKeys) {
+  struct V1Case {
+    const char* keys;
+    const char* root;
+    const char* reason;  // null: accepted
+  };
+  const V1Case cases[] = {
+      {"6B 00", "21 0D 01 0D 00 11 00 15 00", nullptr},  // {"k": "x"}
+      {"6B 00", "21 0D 01 0D 00 11 05 15 00", "member key tag"},
+      {"6B 00", "21 0D 01 0D 00 15 00 15 00", "member record"},
+      {"6B 6B", "01", "key without NUL"},
+  };
+  for (const V1Case& c : cases) {
+    ImageParts parts = valid_parts();
+    parts.version = 1;
+    parts.keyOffsetArray = hex("0D 01 0D 00");
+    parts.keyTable = hex(c.keys);
+    parts.root = hex(c.root);
+    const vkt_binary image = parts.assemble();
+    VKTVerifyReport report;
+    EXPECT_EQ(VKTObject::verify(image, &report), !c.reason) << c.root;
+    EXPECT_STREQ(report.reason, c.reason ? c.reason : "");
+    if (!c.reason) {
+      full_walk::walk_image(image.data(), vkt_size(image.size()));
+      EXPECT_STREQ(VKTObject(image).root()["k"].asString(), "x");
+    }
+  }
+}
+
+TEST(Verify, StreamBackedOpenReadsOnlyWhatTheSourceHolds) {
+  VKTWriterValue root;
+  const vkt_u8 payload[] = {1, 2, 3, 4, 5};
+  root["s"].setStream(payload, 5, 4, VKT_ALLOC_DUPLICATE);
+  root["b"].setStream(payload, 3, 0, VKT_ALLOC_DUPLICATE,
+                      VKT_STREAM_FLAG_BOUND);
+  const vkt_binary image = VKTWriterObject().createImage(root);
+  for (size_t cut = 0; cut <= image.size(); ++cut) {
+    VKTObject object(new RecordingReadStream(
+        vkt_binary(image.begin(), image.begin() + cut)));
+    EXPECT_EQ(object.verify(), cut == image.size()) << cut;
+  }
+  // A header that claims a 4 GiB front part allocates no more than the source.
+  vkt_binary huge = image;
+  set_field(&huge, HEADER_OFST_STREAM_ENTITY, 0xFFFFFF00);
+  AllocationCounter counter;
+  VKTObject object(new RecordingReadStream(huge));
+  EXPECT_LT(counter.peakBytes(), 4 * huge.size() + 4096);
+  EXPECT_FALSE(object.verify());
+}
