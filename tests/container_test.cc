@@ -81,7 +81,7 @@ TEST(ContainerTest, ReadsTheEncodedExamples) {
       {1, "21 0D 00 0D", "{}"},
   };
   // clang-format on
-  const vkt_binary keyTable = VKTTestAccess::keyTableImage({"a", "ab", "b"});
+  const vkt_binary keyTable = written_key_table({"a", "ab", "b"});
   for (const auto& row : rows) {
     SCOPED_TRACE(row.bytes);
     ImageParts p;

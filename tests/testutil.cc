@@ -5,9 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <new>
-#include <set>
-
-#include "vkt/writer_tables.h"
 
 vkt_binary hex(const std::string& text) {
   vkt_binary out;
@@ -127,93 +124,65 @@ vkt_offset RecordingReadStream::Seek(vkt_offset offset, vkt_origin origin) {
 
 // ---------------------------------------------------------------------------
 // Allocation counting: the global operator new of the test binary counts
-// while a counter is alive. Each block carries its size in a header so that
-// live bytes can be tracked for peak measurements.
+// while a counter is alive.
 // ---------------------------------------------------------------------------
 
 namespace {
 
 std::atomic<int> gCounting{0};
 std::atomic<size_t> gAllocations{0};
-std::atomic<size_t> gLive{0};
-std::atomic<size_t> gPeak{0};
-std::atomic<size_t> gBaseline{0};
-const size_t kHeader = alignof(std::max_align_t);
+std::atomic<size_t> gLargest{0};
 
 void* counted_alloc(size_t size) {
-  void* raw = std::malloc(size + kHeader);
-  if (raw == nullptr) throw std::bad_alloc();
-  *static_cast<size_t*>(raw) = size;
-  const size_t live = gLive += size;
   if (gCounting.load() > 0) {
     ++gAllocations;
-    size_t peak = gPeak.load();
-    while (live > peak && !gPeak.compare_exchange_weak(peak, live)) {
+    size_t largest = gLargest.load();
+    while (size > largest && !gLargest.compare_exchange_weak(largest, size)) {
     }
   }
-  return static_cast<char*>(raw) + kHeader;
-}
-
-void counted_free(void* p) {
-  if (p == nullptr) return;
-  void* raw = static_cast<char*>(p) - kHeader;
-  gLive -= *static_cast<size_t*>(raw);
-  std::free(raw);
+  void* p = std::malloc(size == 0 ? 1 : size);
+  if (p == nullptr) throw std::bad_alloc();
+  return p;
 }
 
 }  // namespace
 
 void* operator new(size_t size) { return counted_alloc(size); }
 void* operator new[](size_t size) { return counted_alloc(size); }
-void operator delete(void* p) noexcept { counted_free(p); }
-void operator delete[](void* p) noexcept { counted_free(p); }
-void operator delete(void* p, size_t) noexcept { counted_free(p); }
-void operator delete[](void* p, size_t) noexcept { counted_free(p); }
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete[](void* p) noexcept { std::free(p); }
+void operator delete(void* p, size_t) noexcept { std::free(p); }
+void operator delete[](void* p, size_t) noexcept { std::free(p); }
 
 AllocationCounter::AllocationCounter() {
   gAllocations = 0;
-  gBaseline = gLive.load();
-  gPeak = gLive.load();
+  gLargest = 0;
   ++gCounting;
 }
 AllocationCounter::~AllocationCounter() { --gCounting; }
 size_t AllocationCounter::count() const { return gAllocations.load(); }
-size_t AllocationCounter::peakBytes() const {
-  return gPeak.load() - gBaseline.load();
-}
+size_t AllocationCounter::largest() const { return gLargest.load(); }
 
 // ---------------------------------------------------------------------------
-// VKTTestAccess, writer side.
+// Sections of written images.
 // ---------------------------------------------------------------------------
 
-vkt_s32 VKTTestAccess::refCount(const VKTWriterValue& v) {
-  switch (v.mType) {
-    case TYPE_STRING:
-      return v.mStringInfo->mRefCount;
-    case TYPE_STREAM:
-      return v.mStreamInfo->mRefCount;
-    case TYPE_ARRAY:
-      return v.mArrayInfo->mRefCount;
-    case TYPE_OBJECT:
-      return v.mObjectInfo->mRefCount;
-    default:
-      return 0;
-  }
+static vkt_binary section(const vkt_binary& image, vkt_u32 from, vkt_u32 to) {
+  return vkt_binary(image.begin() + read_32bit_unsigned(&image[from]),
+                    image.begin() + read_32bit_unsigned(&image[to]));
 }
 
-vkt_binary VKTTestAccess::valueImage(const VKTWriterValue& v, bool optimize) {
-  VKTWriterObject::Tables tables(optimize);
-  v.prepare(tables);
-  tables.number();
-  vkt_binary image;
-  v.createImage(tables, &image);
-  return image;
+vkt_binary written_root(const VKTWriterValue& root, bool optimize) {
+  VKTWriterObject writer;
+  writer.setOptimize(optimize);
+  return section(writer.createImage(root), HEADER_OFST_ROOT_VALUE,
+                 HEADER_OFST_STRING_OFFSET_ARRAY);
 }
 
-vkt_binary VKTTestAccess::keyTableImage(const std::vector<std::string>& keys) {
-  std::set<std::string> sorted(keys.begin(), keys.end());
-  std::vector<std::string_view> views(sorted.begin(), sorted.end());
-  vkt_binary image;
-  VKTWriterObject::createDAImage(views, &image);
-  return image;
+vkt_binary written_key_table(const std::vector<std::string>& keys) {
+  VKTWriterValue root;
+  root.toObject();
+  for (const std::string& key : keys) root[key];
+  return section(VKTWriterObject().createImage(root), HEADER_OFST_KEY_ENTITY,
+                 HEADER_OFST_ROOT_VALUE);
 }

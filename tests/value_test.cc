@@ -57,8 +57,8 @@ TEST(Value, ConversionMatrixNullViewAndIdentity) {
   // and views order by object first, then by place.
   VKTObject one(parts.assemble()), two(parts.assemble());
   const VKTValue a = one.root(),
-                 b = VKTTestAccess::view(&two, VKTTestAccess::ptr(a));
-  const VKTValue later = VKTTestAccess::view(&one, VKTTestAccess::ptr(a) + 1);
+                 b = VKTInternal::view(&two, VKTInternal::ptr(a));
+  const VKTValue later = VKTInternal::view(&one, VKTInternal::ptr(a) + 1);
   EXPECT_TRUE(a == one.root());
   EXPECT_EQ(a.getHash(), one.root().getHash());
   EXPECT_TRUE(a != b);
