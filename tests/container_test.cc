@@ -97,6 +97,27 @@ TEST(ContainerTest, ReadsTheEncodedExamples) {
   EXPECT_EQ(render(VKTValue()), "none");
 }
 
+TEST(ContainerTest, VersionOneRecordsWithTwoByteKeyTags) {
+  // Keys k000 to k299; members under tags 1 and 255 (one byte), 256 and 299
+  // (two bytes).
+  ImageParts p;
+  p.version = 1;
+  std::vector<vkt_u32> offsets;
+  for (int i = 0; i < 300; ++i) {
+    offsets.push_back(vkt_u32(p.keyTable.size()));
+    const std::string key = "k" + std::to_string(1000 + i).substr(1);
+    p.keyTable.insert(p.keyTable.end(), key.c_str(), key.c_str() + 5);
+  }
+  p.keyOffsetArray = create_unsigned_array(offsets);
+  p.root = hex(
+      "21 0D 04 0D 00 04 08 0D | 11 01 05 01 | 11 FF 05 02 | 12 00 01 05 03 | "
+      "12 2B 01 05 04");
+  VKTObject obj(p.assemble());
+  EXPECT_EQ(render(obj.root()), "{k001:1,k255:2,k256:3,k299:4}");
+  obj.decodeKeyNames();
+  EXPECT_EQ(render(obj.root()), "{k001:1,k255:2,k256:3,k299:4}");
+}
+
 TEST(ContainerTest, LargeObjectsFindAndWalkEveryMemberWithoutAllocating) {
   // 300 keys sorting in front push the key tags to two bytes, and a large
   // first member the offsets of the others to three.

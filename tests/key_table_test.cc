@@ -28,13 +28,16 @@ vkt_u32 hash_of(const std::string& key) {
 TEST(KeyTableTest, FindsEveryKeyAndCachesVerdicts) {
   // The first `members` keys in tag order, then keys that the table lacks.
   // In the first row "A" passes the root into a free position and "\xff" lies
-  // past the end.
+  // past the end. In the last double-array row "\x0c" reaches position 13,
+  // whose terminator step lands on 14, the count: the tail's first byte
+  // behind the check array would pass as check[14] == 13.
   // clang-format off
   const struct { vkt_u32 version; vkt_binary offsets, table; size_t members; std::vector<std::string> keys; } rows[] = {
       {3, {}, kWorked, 3, {"a", "ab", "b", "", "A", "c", "aa", "abc", "ba", "\x01", "\xff", "a\x80"}},
       {3, {}, hex("0D 01 0D 00 0D 01 0D 00 0D 00 0D"), 0, {"a", "\x01", "\xff"}},
       {3, {}, hex("0D 02 0D 01 00 0D 02 0D 00 00 0D 01 0D 01"), 1, {"", "a", "\x01", "\xff"}},
       {3, {}, written_key_table({"a", "\x80", "\xc3\xa9", "\xff"}), 4, {"a", "\x80", "\xc3\xa9", "\xff", "", "\x7f", "\xc3", "\x80\x80", "\xfe"}},
+      {3, {}, hex("0D 0E 0D 01 00 00 00 00 00 00 00 00 00 00 00 00 0E | 0D 0E 0D 00 FF FF FF FF FF FF FF FF FF FF FF FF 00 | 0D 00 0D"), 0, {"\x0c", "", "\x0c\x01"}},
       {1, hex("0D 04 0D 00 02 05 07"), hex("61 00 61 62 00 62 00 FF 00"), 4, {"a", "ab", "b", "\xff", "", "A", "aa", "abc", "c", "\x80", "\xff\xff"}},
       {1, hex("0D 00 0D"), {}, 0, {"", "a"}},
   };
