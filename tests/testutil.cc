@@ -2,32 +2,19 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
+#include <tuple>
 
 vkt_binary hex(const std::string& text) {
+  std::string digits;
+  for (char c : text)
+    if (std::isxdigit(static_cast<unsigned char>(c))) digits += c;
   vkt_binary out;
-  int nibbles = 0;
-  unsigned value = 0;
-  for (char c : text) {
-    int digit;
-    if (c >= '0' && c <= '9') {
-      digit = c - '0';
-    } else if (c >= 'a' && c <= 'f') {
-      digit = c - 'a' + 10;
-    } else if (c >= 'A' && c <= 'F') {
-      digit = c - 'A' + 10;
-    } else {
-      continue;
-    }
-    value = value << 4 | unsigned(digit);
-    if (++nibbles == 2) {
-      out.push_back(vkt_u8(value));
-      nibbles = 0;
-      value = 0;
-    }
-  }
+  for (size_t i = 0; i + 1 < digits.size(); i += 2)
+    out.push_back(vkt_u8(std::stoul(digits.substr(i, 2), nullptr, 16)));
   return out;
 }
 
@@ -41,60 +28,35 @@ std::string to_hex(const vkt_binary& bytes) {
   return out;
 }
 
-namespace {
-
-void append(vkt_binary* image, const vkt_binary& part) {
-  image->insert(image->end(), part.begin(), part.end());
-}
-
-void pad(vkt_binary* image, vkt_u32 alignment) {
-  while (alignment > 1 && image->size() % alignment != 0) image->push_back(0);
-}
-
-void fix_header_checksum(vkt_binary* image) {
-  const vkt_u32 version = read_16bit_unsigned(&(*image)[HEADER_OFST_VERSION]);
-  write_32bit_unsigned(&(*image)[HEADER_OFST_CHECKSUM],
-                       header_checksum(image->data(), version));
-}
-
-}  // namespace
-
 vkt_binary ImageParts::assemble() const {
-  const vkt_u32 headerSize = header_size_of_version(version);
-  vkt_binary image(headerSize, 0);
+  vkt_binary image(header_size_of_version(version), 0);
   std::memcpy(image.data(), MAGIC_NUMBER, MAGIC_NUMBER_LENGTH);
   write_16bit_unsigned(&image[HEADER_OFST_VERSION], version);
   if (version >= 3) write_16bit_unsigned(&image[HEADER_OFST_FLAGS], flags);
-  auto field = [&](vkt_u32 f) {
-    write_32bit_unsigned(&image[f], vkt_u32(image.size()));
-  };
-  field(HEADER_OFST_KEY_OFFSET_ARRAY);
-  append(&image, keyOffsetArray);
-  field(HEADER_OFST_KEY_ENTITY);
-  append(&image, keyTable);
-  field(HEADER_OFST_ROOT_VALUE);
-  append(&image, root);
-  field(HEADER_OFST_STRING_OFFSET_ARRAY);
-  append(&image, stringOffsets);
-  field(HEADER_OFST_STRING_ENTITY);
-  append(&image, strings);
-  if (version > 3) {
-    field(HEADER_OFST_BSTREAM_OFFSET_ARRAY);
-    append(&image, bstreamOffsets);
-    field(HEADER_OFST_BSTREAM_SIZE_ARRAY);
-    append(&image, bstreamSizes);
-    pad(&image, bstreamAlignment);
-    field(HEADER_OFST_BSTREAM_ENTITY);
-    append(&image, bstreams);
+  // Header field, section, its alignment; the bstream fields (version 4 on)
+  // lie behind the checksum.
+  const std::tuple<vkt_u32, const vkt_binary*, vkt_u32> sections[] = {
+      {HEADER_OFST_KEY_OFFSET_ARRAY, &keyOffsetArray, 0},
+      {HEADER_OFST_KEY_ENTITY, &keyTable, 0},
+      {HEADER_OFST_ROOT_VALUE, &root, 0},
+      {HEADER_OFST_STRING_OFFSET_ARRAY, &stringOffsets, 0},
+      {HEADER_OFST_STRING_ENTITY, &strings, 0},
+      {HEADER_OFST_BSTREAM_OFFSET_ARRAY, &bstreamOffsets, 0},
+      {HEADER_OFST_BSTREAM_SIZE_ARRAY, &bstreamSizes, 0},
+      {HEADER_OFST_BSTREAM_ENTITY, &bstreams, bstreamAlignment},
+      {HEADER_OFST_STREAM_OFFSET_ARRAY, &streamOffsets, 0},
+      {HEADER_OFST_STREAM_SIZE_ARRAY, &streamSizes, 0},
+      {HEADER_OFST_STREAM_ENTITY, &streams, streamAlignment}};
+  for (const auto& [field, bytes, alignment] : sections) {
+    if (field > HEADER_OFST_CHECKSUM && version <= 3) continue;
+    while (alignment > 1 && image.size() % alignment != 0) image.push_back(0);
+    write_32bit_unsigned(&image[field], vkt_u32(image.size()));
+    image.insert(image.end(), bytes->begin(), bytes->end());
   }
-  field(HEADER_OFST_STREAM_OFFSET_ARRAY);
-  append(&image, streamOffsets);
-  field(HEADER_OFST_STREAM_SIZE_ARRAY);
-  append(&image, streamSizes);
-  pad(&image, streamAlignment);
-  field(HEADER_OFST_STREAM_ENTITY);
-  append(&image, streams);
-  if (version >= 3) fix_header_checksum(&image);
+  if (version >= 3) {
+    write_32bit_unsigned(&image[HEADER_OFST_CHECKSUM],
+                         header_checksum(image.data(), version));
+  }
   return image;
 }
 
