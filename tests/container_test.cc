@@ -135,18 +135,21 @@ TEST(ContainerTest, LargeObjectsFindAndWalkEveryMemberWithoutAllocating) {
       prepared.push_back(obj.prepareKey(keys[i]));
     const VKTValue o = obj.root()["o"];
     const AllocationCounter counter;
-    bool right = o.size() == n && o[keys[0]][21999].asInt() == 22999;
-    for (unsigned i = 1; i < n; ++i) right &= o[keys[i]].asInt() == int(i);
-    for (unsigned i = 1; i < n; ++i) right &= o[prepared[i]].asInt() == int(i);
+    EXPECT_EQ(o.size(), n);
+    EXPECT_EQ(o[keys[0]][21999].asInt(), 22999);
+    for (unsigned i = 1; i < n; ++i) {
+      EXPECT_EQ(o[keys[i]].asInt(), int(i));
+      EXPECT_EQ(o[prepared[i]].asInt(), int(i));
+    }
     unsigned i = 0;
     for (const VKTMember& m : o.members()) {
-      right &= m.name == keys[i] && m.value == o[prepared[i]];
-      ++i;
+      EXPECT_EQ(m.name, keys[i]);
+      EXPECT_EQ(m.value, o[prepared[i++]]);
     }
+    EXPECT_EQ(i, n);
     vkt_s64 sum = 0;
     for (VKTValue e : o[prepared[0]].elements()) sum += e.asInt();
-    EXPECT_EQ(counter.count(), 0u);
-    EXPECT_TRUE(right && i == n) << n;
+    EXPECT_EQ(counter.count(), 0u) << n;
     EXPECT_EQ(sum, 22000 * 1000 + 21999 * 22000 / 2);
   }
 }

@@ -49,10 +49,7 @@ TEST(Value, ConversionMatrixNullViewAndIdentity) {
                   v.asLongInt(), v.asFloat(), v.asDouble()};
     EXPECT_EQ(got.key(), r.key()) << (r.root ? r.root : "null view");
   }
-  const VKTValue nil;
-  EXPECT_TRUE(nil == VKTValue());
-  EXPECT_FALSE(nil != VKTValue());
-  EXPECT_TRUE(nil.root() == nil);
+  EXPECT_TRUE(VKTValue().root() == VKTValue());
   // A view is its object and its place: b has a's place but another object,
   // and views order by object first, then by place.
   VKTObject one(parts.assemble()), two(parts.assemble());
@@ -62,8 +59,6 @@ TEST(Value, ConversionMatrixNullViewAndIdentity) {
   EXPECT_TRUE(a == one.root());
   EXPECT_EQ(a.getHash(), one.root().getHash());
   EXPECT_TRUE(a != b);
-  EXPECT_FALSE(a == b);
-  EXPECT_EQ(a.object(), &one);
   EXPECT_TRUE(a.root() == a);
   EXPECT_TRUE(a < later);
   EXPECT_FALSE(later < a);
@@ -77,15 +72,12 @@ TEST(Value, AsStringGoesByTagAlone) {
   // beyond the count, or any tag of an image without strings, reads "".
   ImageParts parts;
   parts.keyTable = empty_key_table();
-  const struct {
-    const char *root, *offsets, *strings, *want;
-  } rows[] = {
-      {"15 00", "0D 02 0D 00 03", "61 62 00 63 00", "ab"},
-      {"16 01 00", "0D 02 0D 00 03", "61 62 00 63 00", "c"},
-      {"15 02", "0D 02 0D 00 03", "61 62 00 63 00", ""},
-      {"05 07", "0D 02 0D 00 03", "61 62 00 63 00", "ab"},
-      {"05 07", "0D 00 0D", "", ""},
-  };
+  // clang-format off
+  const struct { const char *root, *offsets, *strings, *want; } rows[] = {
+      {"15 00", "0D 02 0D 00 03", "61 62 00 63 00", "ab"}, {"16 01 00", "0D 02 0D 00 03", "61 62 00 63 00", "c"},
+      {"15 02", "0D 02 0D 00 03", "61 62 00 63 00", ""}, {"05 07", "0D 02 0D 00 03", "61 62 00 63 00", "ab"},
+      {"05 07", "0D 00 0D", "", ""}};
+  // clang-format on
   for (const auto& r : rows) {
     parts.root = hex(r.root);
     parts.stringOffsets = hex(r.offsets);

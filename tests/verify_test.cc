@@ -4,8 +4,6 @@
 // corruption_test.cc.
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include "full_walk.h"
 #include "testutil.h"
 
@@ -50,15 +48,9 @@ vkt_binary shared_levels(int levels) {
   return root;
 }
 
-// One section of valid_parts() replaced.
-struct SectionCase {
-  vkt_binary ImageParts::*section;
-  const char* bytes;
-  const char* reason;
-};
-
+// One section of valid_parts() replaced: which, its bytes, the reason.
 // clang-format off
-const SectionCase sSectionCases[] = {
+const struct { vkt_binary ImageParts::*section; const char *bytes, *reason; } sSectionCases[] = {
     {&ImageParts::root, "20 0D 01 0D 05 15 00", "child outside the value section"},
     {&ImageParts::root, "20 20 01 0D 00 15 00", "packed array count id"},
     {&ImageParts::root, "20 0D 01 0C 00 15 00", "packed array width id"},
@@ -81,14 +73,9 @@ const SectionCase sSectionCases[] = {
 };
 // clang-format on
 
-// The bytes of the valid image changed after assembly.
-struct ByteCase {
-  std::function<void(vkt_binary*)> change;
-  const char* reason;
-};
-
+// The bytes of the valid image changed after assembly, and the reason.
 // clang-format off
-const ByteCase sByteCases[] = {
+const struct { void (*change)(vkt_binary*); const char* reason; } sByteCases[] = {
     {[](vkt_binary* b) { set_field(b, HEADER_OFST_ROOT_VALUE, read_32bit_unsigned(&(*b)[HEADER_OFST_STRING_OFFSET_ARRAY]) + 1); }, "sections out of order"},
     {[](vkt_binary* b) { set_field(b, HEADER_OFST_STREAM_ENTITY, vkt_u32(b->size() + 1)); }, "section beyond the image"},
     {[](vkt_binary* b) { b->pop_back(); }, "payload outside its entity"},
@@ -110,13 +97,13 @@ void expect_refused(const vkt_binary& image, const char* reason) {
 
 TEST(Verify, RefusesEachFaultWithItsReason) {
   ASSERT_TRUE(VKTObject::verify(valid_parts().assemble()));
-  for (const SectionCase& c : sSectionCases) {
+  for (const auto& c : sSectionCases) {
     SCOPED_TRACE(c.bytes);
     ImageParts parts = valid_parts();
     parts.*c.section = hex(c.bytes);
     expect_refused(parts.assemble(), c.reason);
   }
-  for (const ByteCase& c : sByteCases) {
+  for (const auto& c : sByteCases) {
     SCOPED_TRACE(c.reason);
     vkt_binary image = valid_parts().assemble();
     c.change(&image);

@@ -63,30 +63,27 @@ TEST(WriterEncode, ValueImages) {
 // beyond 255 bytes widens the offsets, one that sharing keeps small narrows
 // them, and the container around sees the final image.
 TEST(WriterEncode, LargeContainersShareAndWidenOffsets) {
-  VKTWriterValue repeats, wide, outer;
-  std::string offsets, entity;
-  for (int i = 0; i < 40; ++i) repeats[i] = i % 5;  // 04, 05 01 .. 05 04
-  for (int i = 0; i < 40; ++i)
+  VKTWriterValue repeats, wide, same, outer;
+  std::string offsets, entity, zeros;
+  for (int i = 0; i < 40; ++i) {
+    repeats[i] = i % 5;  // 04, 05 01 .. 05 04
     offsets += " " + to_hex({vkt_u8(i % 5 ? 2 * (i % 5) - 1 : 0)});
+  }
   EXPECT_EQ(
       to_hex(written_root(repeats)),
       to_hex(hex("20 0D 28 0D" + offsets + " 04 05 01 05 02 05 03 05 04")));
   offsets.clear();
   for (int i = 0; i < 100; ++i) {
     wide[i] = 1.5 + i;
+    same[i] = 1.5;  // sized for wide offsets, stored once: narrow ones
     vkt_u8 b[8];
     write_double_float(b, 1.5 + i);
     offsets += " " + to_hex({vkt_u8(9 * i), vkt_u8(9 * i >> 8)});
     entity += " 1F " + to_hex({b, b + 8});
+    zeros += " 00";
   }
   const std::string wideImage = "20 0D 64 0E" + offsets + entity;  // 1104 bytes
   EXPECT_EQ(to_hex(written_root(wide)), to_hex(hex(wideImage)));
-  VKTWriterValue same;  // sized for wide offsets, stored once: narrow ones
-  std::string zeros;
-  for (int i = 0; i < 100; ++i) {
-    same[i] = 1.5;
-    zeros += " 00";
-  }
   EXPECT_EQ(to_hex(written_root(same)),
             to_hex(hex("20 0D 64 0D" + zeros + " 1F 00 00 00 00 00 00 F8 3F")));
   outer[0] = wide;
@@ -100,12 +97,10 @@ TEST(WriterEncode, LargeContainersShareAndWidenOffsets) {
 // at two addresses, and empty payloads with and without a pointer.
 TEST(WriterEncode, TablesStoreEachStringAndPayloadOnce) {
   static const vkt_u8 kA[] = {1, 2, 3}, kB[] = {1, 2, 3}, kC[] = {1, 2, 4};
-  const struct {
-    const vkt_u8* bytes;
-    vkt_u32 size;
-    int sameAs;  // the element whose payload this one shares
-  } payloads[] = {
-      {kA, 3, 0}, {kB, 3, 0}, {kC, 3, 2}, {nullptr, 0, 3}, {kA, 0, 3}};
+  // Bytes, size, and the element whose payload this one shares.
+  // clang-format off
+  const struct { const vkt_u8* bytes; vkt_u32 size; int sameAs; } payloads[] = {{kA, 3, 0}, {kB, 3, 0}, {kC, 3, 2}, {nullptr, 0, 3}, {kA, 0, 3}};
+  // clang-format on
   VKTWriterValue root;
   for (int i = 0; i < 3000; ++i)
     root[0][i] = "s" + std::to_string(i * 7 % 1000);
