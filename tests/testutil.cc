@@ -53,11 +53,15 @@ vkt_binary ImageParts::assemble() const {
     write_32bit_unsigned(&image[field], vkt_u32(image.size()));
     image.insert(image.end(), bytes->begin(), bytes->end());
   }
-  if (version >= 3) {
-    write_32bit_unsigned(&image[HEADER_OFST_CHECKSUM],
-                         header_checksum(image.data(), version));
-  }
+  seal(&image);
   return image;
+}
+
+void seal(vkt_binary* image) {
+  const vkt_u32 version = read_16bit_unsigned(&(*image)[HEADER_OFST_VERSION]);
+  if (version != 3 && version != 4) return;
+  write_32bit_unsigned(&(*image)[HEADER_OFST_CHECKSUM],
+                       header_checksum(image->data(), version));
 }
 
 vkt_binary empty_key_table() { return hex("0D 01 0D 00 0D 01 0D 00 0D 00 0D"); }

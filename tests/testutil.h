@@ -44,6 +44,9 @@ struct ImageParts {
   vkt_binary assemble() const;
 };
 
+// Recomputes the header checksum of a version-3 or -4 image.
+void seal(vkt_binary* image);
+
 // The empty double-array key table: base 0, check 0, no tail.
 vkt_binary empty_key_table();
 

@@ -25,9 +25,7 @@ ImageParts valid_parts() {
 
 void set_field(vkt_binary* image, vkt_u32 field, vkt_u32 value) {
   write_32bit_unsigned(&(*image)[field], value);
-  write_32bit_unsigned(
-      &(*image)[HEADER_OFST_CHECKSUM],
-      header_checksum(image->data(), (*image)[HEADER_OFST_VERSION]));
+  seal(image);
 }
 
 vkt_binary nested_arrays(int depth) {
