@@ -66,28 +66,6 @@ void seal(vkt_binary* image) {
 
 vkt_binary empty_key_table() { return hex("0D 01 0D 00 0D 01 0D 00 0D 00 0D"); }
 
-vkt_size RecordingReadStream::Size() const {
-  const_cast<RecordingReadStream*>(this)->calls += 'S';
-  return vkt_size(bytes.size());
-}
-
-vkt_size RecordingReadStream::Read(vkt_u8* image, vkt_size size) {
-  calls += 'R';
-  if (pos >= bytes.size()) return 0;
-  const vkt_size len = std::min<vkt_size>(size, vkt_size(bytes.size()) - pos);
-  std::memcpy(image, bytes.data() + pos, len);
-  pos += len;
-  return len;
-}
-
-vkt_offset RecordingReadStream::Seek(vkt_offset offset, vkt_origin origin) {
-  calls += 'K';
-  if (origin == VKT_ORIGIN_SET) pos = offset;
-  if (origin == VKT_ORIGIN_CUR) pos += offset;
-  if (origin == VKT_ORIGIN_END) pos = vkt_offset(bytes.size()) + offset;
-  return pos;
-}
-
 // ---------------------------------------------------------------------------
 // Allocation counting: the global operator new of the test binary counts
 // while a counter is alive.

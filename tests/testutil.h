@@ -5,6 +5,7 @@
 #define VKT_TESTS_TESTUTIL_H_
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -69,17 +70,31 @@ class RecordingFilter : public VKTFilter {
 class RecordingReadStream : public VKTReadStream {
  public:
   explicit RecordingReadStream(vkt_binary bytes, bool* destroyed = nullptr)
-      : bytes(std::move(bytes)), destroyed(destroyed) {}
+      : bytes(std::move(bytes)),
+        inner(new VKTMemoryReadStream(this->bytes.data(),
+                                      vkt_size(this->bytes.size()))),
+        destroyed(destroyed) {}
   ~RecordingReadStream() override {
     if (destroyed != nullptr) *destroyed = true;
   }
-  vkt_size Size() const override;
-  vkt_size Read(vkt_u8* image, vkt_size size) override;
-  vkt_offset Seek(vkt_offset offset, vkt_origin origin) override;
+  vkt_size Size() const override {
+    calls += 'S';
+    return inner->Size();
+  }
+  vkt_size Read(vkt_u8* p, vkt_size size) override {
+    calls += 'R';
+    return inner->Read(p, size);
+  }
+  vkt_offset Seek(vkt_offset offset, vkt_origin origin) override {
+    calls += 'K';
+    return inner->Seek(offset, origin);
+  }
 
-  vkt_binary bytes;
-  std::string calls;  // one letter per call: R(ead), S(ize), K (seek)
-  vkt_offset pos = 0;
+  const vkt_binary bytes;
+  mutable std::string calls;  // one letter per call: R(ead), S(ize), K (seek)
+
+ private:
+  const std::unique_ptr<VKTReadStream> inner;  // over `bytes`
   bool* destroyed;
 };
 
