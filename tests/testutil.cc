@@ -35,18 +35,13 @@ vkt_binary ImageParts::assemble() const {
   if (version >= 3) write_16bit_unsigned(&image[HEADER_OFST_FLAGS], flags);
   // Header field, section, its alignment; the bstream fields (version 4 on)
   // lie behind the checksum.
+  // clang-format off
   const std::tuple<vkt_u32, const vkt_binary*, vkt_u32> sections[] = {
-      {HEADER_OFST_KEY_OFFSET_ARRAY, &keyOffsetArray, 0},
-      {HEADER_OFST_KEY_ENTITY, &keyTable, 0},
-      {HEADER_OFST_ROOT_VALUE, &root, 0},
-      {HEADER_OFST_STRING_OFFSET_ARRAY, &stringOffsets, 0},
-      {HEADER_OFST_STRING_ENTITY, &strings, 0},
-      {HEADER_OFST_BSTREAM_OFFSET_ARRAY, &bstreamOffsets, 0},
-      {HEADER_OFST_BSTREAM_SIZE_ARRAY, &bstreamSizes, 0},
-      {HEADER_OFST_BSTREAM_ENTITY, &bstreams, bstreamAlignment},
-      {HEADER_OFST_STREAM_OFFSET_ARRAY, &streamOffsets, 0},
-      {HEADER_OFST_STREAM_SIZE_ARRAY, &streamSizes, 0},
-      {HEADER_OFST_STREAM_ENTITY, &streams, streamAlignment}};
+      {HEADER_OFST_KEY_OFFSET_ARRAY, &keyOffsetArray, 0}, {HEADER_OFST_KEY_ENTITY, &keyTable, 0}, {HEADER_OFST_ROOT_VALUE, &root, 0},
+      {HEADER_OFST_STRING_OFFSET_ARRAY, &stringOffsets, 0}, {HEADER_OFST_STRING_ENTITY, &strings, 0},
+      {HEADER_OFST_BSTREAM_OFFSET_ARRAY, &bstreamOffsets, 0}, {HEADER_OFST_BSTREAM_SIZE_ARRAY, &bstreamSizes, 0}, {HEADER_OFST_BSTREAM_ENTITY, &bstreams, bstreamAlignment},
+      {HEADER_OFST_STREAM_OFFSET_ARRAY, &streamOffsets, 0}, {HEADER_OFST_STREAM_SIZE_ARRAY, &streamSizes, 0}, {HEADER_OFST_STREAM_ENTITY, &streams, streamAlignment}};
+  // clang-format on
   for (const auto& [field, bytes, alignment] : sections) {
     if (field > HEADER_OFST_CHECKSUM && version <= 3) continue;
     while (alignment > 1 && image.size() % alignment != 0) image.push_back(0);
