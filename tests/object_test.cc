@@ -117,28 +117,26 @@ TEST(ObjectTest, OpenInPlaceAndKeyCacheAllocateAlmostNothing) {
   for (int i = 0; i < 1000; ++i) keys.push_back("k" + std::to_string(i));
   std::vector<vkt_u32> hints(keys.size(), 0);
   const AllocationCounter counter;
-  {
-    VKTObject obj(image.data(), vkt_u32(image.size()), VKT_ALLOC_REFER);
-    EXPECT_EQ(obj.root()["k7"].asInt(), 7);
-    EXPECT_EQ(counter.count(), 0u);  // the header copy lives in the object
-    obj.setKeyHashEnabled(true);
-    EXPECT_EQ(counter.count(), 0u);  // the chains come with the first entry
-    // Half of the keys miss; views hand each hint on and every verdict is
-    // cached, in chains that many keys share. Then the cache is emptied and
-    // the old hints lead to the right chains again.
-    for (int pass = 0; pass < 3; ++pass) {
-      if (pass == 2) {
-        // One growing vector of entries: a logarithmic number of
-        // allocations, not one per entry.
-        EXPECT_LE(counter.count(), 16u);
-        obj.setKeyHashEnabled(false);
-        obj.setKeyHashEnabled(true);
-      }
-      for (size_t i = 0; i < keys.size(); ++i) {
-        EXPECT_EQ(obj.root().isMember(keys[i].c_str(), &hints[i]), i < 500);
-      }
-      EXPECT_EQ(VKTInternal::keyHashEntries(obj), keys.size());
+  VKTObject obj(image.data(), vkt_u32(image.size()), VKT_ALLOC_REFER);
+  EXPECT_EQ(obj.root()["k7"].asInt(), 7);
+  EXPECT_EQ(counter.count(), 0u);  // the header copy lives in the object
+  obj.setKeyHashEnabled(true);
+  EXPECT_EQ(counter.count(), 0u);  // the chains come with the first entry
+  // Half of the keys miss; views hand each hint on and every verdict is
+  // cached, in chains that many keys share. Then the cache is emptied and
+  // the old hints lead to the right chains again.
+  for (int pass = 0; pass < 3; ++pass) {
+    if (pass == 2) {
+      // One growing vector of entries: a logarithmic number of
+      // allocations, not one per entry.
+      EXPECT_LE(counter.count(), 16u);
+      obj.setKeyHashEnabled(false);
+      obj.setKeyHashEnabled(true);
     }
+    for (size_t i = 0; i < keys.size(); ++i) {
+      EXPECT_EQ(obj.root().isMember(keys[i].c_str(), &hints[i]), i < 500);
+    }
+    EXPECT_EQ(VKTInternal::keyHashEntries(obj), keys.size());
   }
 }
 
