@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
-#include <cstdio>
 #include <cstdlib>
 #include <new>
 #include <tuple>
@@ -19,12 +18,11 @@ vkt_binary hex(const std::string& text) {
 }
 
 std::string to_hex(const vkt_binary& bytes) {
+  static const char kDigits[] = "0123456789ABCDEF";
   std::string out;
-  char buf[4];
-  for (size_t i = 0; i < bytes.size(); ++i) {
-    std::snprintf(buf, sizeof(buf), i ? " %02X" : "%02X", bytes[i]);
-    out += buf;
-  }
+  for (vkt_u8 b : bytes)
+    out += (out.empty() ? "" : " ") +
+           std::string{kDigits[b >> 4], kDigits[b & 15]};
   return out;
 }
 

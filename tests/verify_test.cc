@@ -12,15 +12,11 @@ namespace {
 // A valid version-3 image: one key (the empty one), the string "x", one
 // stream of 3 bytes, and a root array holding the string.
 ImageParts valid_parts() {
-  ImageParts p;
-  p.keyTable = hex("0D 02 0D 01 00 | 0D 02 0D 00 00 | 0D 01 0D 01");
-  p.root = hex("20 0D 01 0D 00 15 00");
-  p.stringOffsets = hex("0D 01 0D 00");
-  p.strings = hex("78 00");
-  p.streamOffsets = hex("0D 01 0D 00");
-  p.streamSizes = hex("0D 01 0D 03");
-  p.streams = hex("01 02 03");
-  return p;
+  const vkt_binary none = hex("0D 00 0D");
+  // clang-format off
+  return ImageParts{3, 0, {}, hex("0D 02 0D 01 00 | 0D 02 0D 00 00 | 0D 01 0D 01"), hex("20 0D 01 0D 00 15 00"),
+                    hex("0D 01 0D 00"), hex("78 00"), none, none, 0, {}, hex("0D 01 0D 00"), hex("0D 01 0D 03"), 0, hex("01 02 03")};
+  // clang-format on
 }
 
 void set_field(vkt_binary* image, vkt_u32 field, vkt_u32 value) {
