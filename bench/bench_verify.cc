@@ -7,17 +7,8 @@
 #include "corpus.h"
 #include "vkt.h"
 #include "vkt/format.h"
+#include "vkt/internal.h"  // object members reached by their offsets
 #include "vkt/packed_array.h"
-
-// The benchmark's window on views: object members are reached by their
-// offsets, as a walk that wants values only would.
-class VKTTestAccess {
- public:
-  static const vkt_u8* ptr(const VKTValue& v) { return v.mPtr; }
-  static VKTValue view(const VKTObject* o, const vkt_u8* p) {
-    return VKTValue(o, p);
-  }
-};
 
 namespace {
 
@@ -30,14 +21,14 @@ double walk_values(const VKTValue& v) {
       return sum;
     }
     case VKT_TYPE_OBJECT: {
-      const vkt_u8* p = VKTTestAccess::ptr(v);
+      const vkt_u8* p = VKTInternal::ptr(v);
       unsigned_array keys, offsets;
       setup_unsigned_array(&keys, p + 1);
       setup_unsigned_array(&offsets, p + 1 + keys.size);
       const vkt_u8* area = p + 1 + keys.size + offsets.size;
       double sum = 0;
       for (vkt_u32 i = 0; i < offsets.valueNum; ++i) {
-        sum += walk_values(VKTTestAccess::view(
+        sum += walk_values(VKTInternal::view(
             v.object(), area + get_unsigned_array(&offsets, i)));
       }
       return sum;

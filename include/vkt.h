@@ -128,7 +128,8 @@ struct VKTVerifyReport {
   vkt_size offset = 0;
 };
 class VKTWriterValue;
-class VKTTestAccess;  // defined only by the library's tests and benchmarks
+// The implementation's accessor to the private parts below; not for users.
+class VKTInternal;
 
 // Scrambles or unscrambles bytes in place; one operation serves both ways.
 // The writer and every reader call it on the same bytes in the same order
@@ -354,7 +355,7 @@ class VKTValue {
   friend class VKTObject;
   friend class VKTMemberIterator;
   friend class VKTElementIterator;
-  friend class VKTTestAccess;
+  friend class VKTInternal;
   VKTValue(const VKTObject* obj, const vkt_u8* ptr) : mObj(obj), mPtr(ptr) {}
   // The public kind of each id byte (0, null, for a byte that is no id), so
   // that type() inlines.
@@ -668,7 +669,7 @@ class VKTObject {
   friend class VKTValue;
   friend class VKTMemberIterator;
   friend class VKTMemberRange;
-  friend class VKTTestAccess;
+  friend class VKTInternal;
 
   // One cache entry; a chain is a run of entries linked by `next`.
   struct KeyHashEntry {
@@ -792,7 +793,7 @@ class VKTWriterObject {
 
  private:
   friend class VKTWriterValue;
-  friend class VKTTestAccess;
+  friend class VKTInternal;
 
   // The key, string and stream tables of one writeImage call, and the
   // scratch space of the value walk; defined in base/vkt/writer_tables.h.
@@ -913,7 +914,6 @@ class VKTWriterValue {
 
  private:
   friend class VKTWriterObject;
-  friend class VKTTestAccess;
 
   static const vkt_u32 kNullType = 1;  // TYPE_NULL of the value encoding
 

@@ -68,7 +68,7 @@ TEST(KeyTableBuilder, MatchesAPlainFirstFitBuild) {
   for (size_t i = 0; i < sets.size(); ++i) {
     Reference r;
     r.build(sets[i].begin(), sets[i].end(), 0, 0);
-    const vkt_binary image = VKTTestAccess::keyTableImage(sets[i]);
+    const vkt_binary image = written_key_table(sets[i]);
     vkt_binary want;
     for (auto* v : {&r.base, &r.check, &r.tail})
       concat_unsigned_array(want, *v);

@@ -31,7 +31,9 @@ TEST(Checksums, Adler32AndHeaderCoverage) {
 }
 
 TEST(Generators, SmallestIdExactBytesAndRoundTrip) {
-  // The bytes a generator writes, as far as their id byte says.
+  // The bytes a generator writes, as far as their id byte says: a negative
+  // zero takes the zero id, a NaN keeps its payload. (The writer's value
+  // images show the other widths.)
   const auto gen = [](auto generate, auto value) {
     vkt_u8 buf[SCALAR_BUFFER_SIZE];
     generate(buf, value);
@@ -39,10 +41,7 @@ TEST(Generators, SmallestIdExactBytesAndRoundTrip) {
   };
   // clang-format off
   const std::pair<std::string, const char*> rows[] = {
-      {gen(generate_integer, -128), "05 80"}, {gen(generate_integer, -129), "06 7F FF"},
-      {gen(generate_integer, 2147483647), "08 FF FF FF 7F"}, {gen(generate_long_integer, 2147483648), "09 00 00 00 80 00"},
-      {gen(generate_single, 1.5f), "1E 00 00 C0 3F"}, {gen(generate_double, 1.5), "1F 00 00 00 00 00 00 F8 3F"},
-      {gen(generate_single, -0.0f), "1D"}, {gen(generate_double, -0.0), "1D"}, {gen(generate_double, 0.0), "1D"},
+      {gen(generate_single, -0.0f), "1D"},
       {gen(generate_single, read_single_float(hex("34 12 C0 7F").data())), "1E 34 12 C0 7F"},
       {gen(generate_double, read_double_float(hex("23 01 00 00 00 00 F8 FF").data())), "1F 23 01 00 00 00 00 F8 FF"}};
   // clang-format on

@@ -93,9 +93,10 @@ static void expect_value(const VKTValue& v, const Expect& e) {
     std::string got(p ? p : "", p ? e.text.size() : 0);
     for (vkt_u8 c; !p && reader && reader->Read(&c, 1) == 1;) got += char(c);
     EXPECT_EQ(got, p || reader || e.bound ? e.text : "");  // gone if purged
-    const vkt_u8* entity = VKTTestAccess::streamEntity(*v.object());
-    EXPECT_TRUE(!p || e.bound || e.integer < 2 ||  // aligned in the entity
-                (v.asStream() - entity) % e.integer == 0);
+    const vkt_u8* entity = VKTInternal::streamEntity(*v.object());
+    if (p && !e.bound && e.integer > 1) {  // aligned in the entity
+      EXPECT_EQ((v.asStream() - entity) % e.integer, 0);
+    }
   }
   ASSERT_EQ(v.size(), e.elements.size());
   for (vkt_u32 i = 0; i < e.elements.size(); ++i) {
@@ -148,6 +149,6 @@ TEST(RoundTrip, GigabyteReaderPayloadIsNeverHeldWhole) {
   VKTDummyWriteStream sink(0);  // counts, stores nothing
   AllocationCounter counter;
   VKTWriterObject().writeImage(root, sink);
-  EXPECT_LT(counter.peakBytes(), size_t(1) << 20);
+  EXPECT_LT(counter.largest(), size_t(1) << 20);
   EXPECT_EQ(sink.Offset(), 4096 + (1u << 30));  // the payload last, aligned
 }

@@ -1,4 +1,7 @@
-// The library's read streams (memory range, window) and write streams.
+// The library's read streams: a memory range and a window on another stream.
+// VKTWriteStream::Write(reader) is the writer's way of copying reader
+// payloads: the round trips write each tree twice from the same readers, and a
+// 1 GiB payload passes without any large block.
 #include "vkt/streams.h"
 
 #include <gtest/gtest.h>
@@ -27,37 +30,10 @@ TEST(ReadStreams, MemoryAndWindowsSeekAndRead) {
   for (VKTReadStream* s : std::vector<VKTReadStream*>{&memory, &window}) {
     for (const Row& r : rows) {
       // Someone else moves the inner stream between the window's calls.
-      inner.pos = 7;
+      inner.Seek(7, VKT_ORIGIN_SET);
       EXPECT_EQ(s->Seek(r.offset, vkt_origin(r.origin)), r.pos) << &r - rows;
       EXPECT_EQ(to_hex(vkt_binary(buf, buf + s->Read(buf, r.want))), r.got)
           << &r - rows;
     }
-  }
-}
-
-TEST(WriteStreams, CopiesAReaderFromItsStartInBlocks) {
-  // A sink that keeps the size of every call of the virtual Write.
-  struct CallSink : VKTWriteStream {
-    vkt_u32 Offset() const override { return vkt_u32(bytes.size()); }
-    void Write(const vkt_u8* p, vkt_u32 size) override {
-      calls.push_back(size);
-      bytes.insert(bytes.end(), p, p + size);
-    }
-    std::vector<vkt_u32> calls;
-    vkt_binary bytes;
-  };
-  for (vkt_u32 n : {8192u, 8193u}) {
-    vkt_binary data(n);
-    for (size_t i = 0; i < n; ++i) data[i] = vkt_u8(i * 7 + i / 251);
-    // A reader standing in its middle is still copied from its start.
-    RecordingReadStream reader(data);
-    reader.Seek(n / 2, VKT_ORIGIN_SET);
-    CallSink sink;
-    sink.VKTWriteStream::Write(&reader);
-    sink.VKTWriteStream::Write(vkt_binary());  // no call for an empty vector
-    // Blocks of 8192 bytes: one call for 8192, two for 8193.
-    EXPECT_EQ(sink.calls.size(), n - 8191);
-    EXPECT_EQ(sink.calls[0], 8192u);
-    EXPECT_TRUE(sink.bytes == data);
   }
 }

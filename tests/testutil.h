@@ -1,15 +1,17 @@
 // Shared helpers of the tests: hex images, a header assembler for hand-built
 // images, checksum re-sealing, a filter that records its calls, an allocation
-// counter, and VKTTestAccess, the tests' window on the library's internals.
+// counter, and sections cut out of images the writer made.
 #ifndef VKT_TESTS_TESTUTIL_H_
 #define VKT_TESTS_TESTUTIL_H_
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "vkt.h"
 #include "vkt/format.h"
+#include "vkt/internal.h"
 #include "vkt/packed_array.h"
 #include "vkt/streams.h"
 #include "vkt/test_filter.h"
@@ -43,6 +45,9 @@ struct ImageParts {
   vkt_binary assemble() const;
 };
 
+// Recomputes the header checksum of a version-3 or -4 image.
+void seal(vkt_binary* image);
+
 // The empty double-array key table: base 0, check 0, no tail.
 vkt_binary empty_key_table();
 
@@ -65,17 +70,31 @@ class RecordingFilter : public VKTFilter {
 class RecordingReadStream : public VKTReadStream {
  public:
   explicit RecordingReadStream(vkt_binary bytes, bool* destroyed = nullptr)
-      : bytes(std::move(bytes)), destroyed(destroyed) {}
+      : bytes(std::move(bytes)),
+        inner(new VKTMemoryReadStream(this->bytes.data(),
+                                      vkt_size(this->bytes.size()))),
+        destroyed(destroyed) {}
   ~RecordingReadStream() override {
     if (destroyed != nullptr) *destroyed = true;
   }
-  vkt_size Size() const override;
-  vkt_size Read(vkt_u8* image, vkt_size size) override;
-  vkt_offset Seek(vkt_offset offset, vkt_origin origin) override;
+  vkt_size Size() const override {
+    calls += 'S';
+    return inner->Size();
+  }
+  vkt_size Read(vkt_u8* p, vkt_size size) override {
+    calls += 'R';
+    return inner->Read(p, size);
+  }
+  vkt_offset Seek(vkt_offset offset, vkt_origin origin) override {
+    calls += 'K';
+    return inner->Seek(offset, origin);
+  }
 
-  vkt_binary bytes;
-  std::string calls;  // one letter per call: R(ead), S(ize), K (seek)
-  vkt_offset pos = 0;
+  const vkt_binary bytes;
+  mutable std::string calls;  // one letter per call: R(ead), S(ize), K (seek)
+
+ private:
+  const std::unique_ptr<VKTReadStream> inner;  // over `bytes`
   bool* destroyed;
 };
 
@@ -85,50 +104,14 @@ class AllocationCounter {
   AllocationCounter();
   ~AllocationCounter();
   size_t count() const;
-  // Highest number of live bytes allocated through operator new since
-  // construction (net of what was live before).
-  size_t peakBytes() const;
+  // The largest single block asked for since construction.
+  size_t largest() const;
 };
 
-// The tests' window on private members.
-class VKTTestAccess {
- public:
-  static bool findKey(const VKTObject& o, const char* key, vkt_u32* result,
-                      vkt_u32* hint) {
-    return o.findKey(key, result, hint);
-  }
-  static std::string getKey(const VKTObject& o, vkt_u32 tag) {
-    return o.getKey(tag);
-  }
-  // (key pointer, value) of each entry of one chain, front first.
-  static std::vector<std::pair<const char*, vkt_u32>> keyHashChain(
-      const VKTObject& o, vkt_u32 hash) {
-    std::vector<std::pair<const char*, vkt_u32>> out;
-    if (o.mKeyHashTable.empty()) return out;  // no entry yet
-    for (vkt_u32 i = o.mKeyHashTable[hash].head; i != 0xFFFFFFFF;
-         i = o.mKeyHashEntries[i].next) {
-      out.emplace_back(o.mKeyHashEntries[i].key, o.mKeyHashEntries[i].value);
-    }
-    return out;
-  }
-  static size_t keyHashEntries(const VKTObject& o) {
-    return o.mKeyHashEntries.size();
-  }
-  static const vkt_u8* streamEntity(const VKTObject& o) {
-    return o.mStreamEntity;
-  }
-  static VKTValue view(const VKTObject* o, const vkt_u8* p) {
-    return VKTValue(o, p);
-  }
-  static const vkt_u8* ptr(const VKTValue& v) { return v.mPtr; }
-
-  // Writer internals.
-  // Reference count of the node's block; 0 for a scalar or null node.
-  static vkt_s32 refCount(const VKTWriterValue& v);
-  // Runs prepare on a fresh object and numbers its tables as writeImage
-  // does, then answers the value image of `v`.
-  static vkt_binary valueImage(const VKTWriterValue& v, bool optimize = true);
-  static vkt_binary keyTableImage(const std::vector<std::string>& keys);
-};
+// The root value section, or the key table, of the image that the writer
+// makes of `root`.
+vkt_binary written_root(const VKTWriterValue& root, bool optimize = true);
+// The key table of an image whose root object has these member names.
+vkt_binary written_key_table(const std::vector<std::string>& keys);
 
 #endif  // VKT_TESTS_TESTUTIL_H_

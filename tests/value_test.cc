@@ -49,22 +49,16 @@ TEST(Value, ConversionMatrixNullViewAndIdentity) {
                   v.asLongInt(), v.asFloat(), v.asDouble()};
     EXPECT_EQ(got.key(), r.key()) << (r.root ? r.root : "null view");
   }
-  const VKTValue nil;
-  EXPECT_TRUE(nil == VKTValue());
-  EXPECT_FALSE(nil != VKTValue());
-  EXPECT_TRUE(nil.root() == nil);
+  EXPECT_TRUE(VKTValue().root() == VKTValue());
   // A view is its object and its place: b has a's place but another object,
   // and views order by object first, then by place.
+  parts.root = hex("20 0D 01 0D 00 05 01");
   VKTObject one(parts.assemble()), two(parts.assemble());
-  const VKTValue a = one.root(),
-                 b = VKTTestAccess::view(&two, VKTTestAccess::ptr(a));
-  const VKTValue later = VKTTestAccess::view(&one, VKTTestAccess::ptr(a) + 1);
+  const VKTValue a = one.root(), b = two.root(), later = a[0];
   EXPECT_TRUE(a == one.root());
   EXPECT_EQ(a.getHash(), one.root().getHash());
   EXPECT_TRUE(a != b);
-  EXPECT_FALSE(a == b);
-  EXPECT_EQ(a.object(), &one);
-  EXPECT_TRUE(a.root() == a);
+  EXPECT_TRUE(later.root() == a);
   EXPECT_TRUE(a < later);
   EXPECT_FALSE(later < a);
   EXPECT_FALSE(a < a);
@@ -77,15 +71,12 @@ TEST(Value, AsStringGoesByTagAlone) {
   // beyond the count, or any tag of an image without strings, reads "".
   ImageParts parts;
   parts.keyTable = empty_key_table();
-  const struct {
-    const char *root, *offsets, *strings, *want;
-  } rows[] = {
-      {"15 00", "0D 02 0D 00 03", "61 62 00 63 00", "ab"},
-      {"16 01 00", "0D 02 0D 00 03", "61 62 00 63 00", "c"},
-      {"15 02", "0D 02 0D 00 03", "61 62 00 63 00", ""},
-      {"05 07", "0D 02 0D 00 03", "61 62 00 63 00", "ab"},
-      {"05 07", "0D 00 0D", "", ""},
-  };
+  // clang-format off
+  const struct { const char *root, *offsets, *strings, *want; } rows[] = {
+      {"15 00", "0D 02 0D 00 03", "61 62 00 63 00", "ab"}, {"16 01 00", "0D 02 0D 00 03", "61 62 00 63 00", "c"},
+      {"15 02", "0D 02 0D 00 03", "61 62 00 63 00", ""}, {"05 07", "0D 02 0D 00 03", "61 62 00 63 00", "ab"},
+      {"05 07", "0D 00 0D", "", ""}};
+  // clang-format on
   for (const auto& r : rows) {
     parts.root = hex(r.root);
     parts.stringOffsets = hex(r.offsets);

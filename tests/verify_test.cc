@@ -4,8 +4,6 @@
 // corruption_test.cc.
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include "full_walk.h"
 #include "testutil.h"
 
@@ -14,22 +12,16 @@ namespace {
 // A valid version-3 image: one key (the empty one), the string "x", one
 // stream of 3 bytes, and a root array holding the string.
 ImageParts valid_parts() {
-  ImageParts p;
-  p.keyTable = hex("0D 02 0D 01 00 | 0D 02 0D 00 00 | 0D 01 0D 01");
-  p.root = hex("20 0D 01 0D 00 15 00");
-  p.stringOffsets = hex("0D 01 0D 00");
-  p.strings = hex("78 00");
-  p.streamOffsets = hex("0D 01 0D 00");
-  p.streamSizes = hex("0D 01 0D 03");
-  p.streams = hex("01 02 03");
-  return p;
+  const vkt_binary none = hex("0D 00 0D");
+  // clang-format off
+  return ImageParts{3, 0, {}, hex("0D 02 0D 01 00 | 0D 02 0D 00 00 | 0D 01 0D 01"), hex("20 0D 01 0D 00 15 00"),
+                    hex("0D 01 0D 00"), hex("78 00"), none, none, 0, {}, hex("0D 01 0D 00"), hex("0D 01 0D 03"), 0, hex("01 02 03")};
+  // clang-format on
 }
 
 void set_field(vkt_binary* image, vkt_u32 field, vkt_u32 value) {
   write_32bit_unsigned(&(*image)[field], value);
-  write_32bit_unsigned(
-      &(*image)[HEADER_OFST_CHECKSUM],
-      header_checksum(image->data(), (*image)[HEADER_OFST_VERSION]));
+  seal(image);
 }
 
 vkt_binary nested_arrays(int depth) {
@@ -50,72 +42,44 @@ vkt_binary shared_levels(int levels) {
   return root;
 }
 
-// One section of valid_parts() replaced.
-struct SectionCase {
-  vkt_binary ImageParts::*section;
-  const char* bytes;
-  const char* reason;
-};
-
-const SectionCase sSectionCases[] = {
-    {&ImageParts::root, "20 0D 01 0D 05 15 00",
-     "child outside the value section"},
+// One section of valid_parts() replaced: which, its bytes, the reason.
+// clang-format off
+const struct { vkt_binary ImageParts::*section; const char *bytes, *reason; } sSectionCases[] = {
+    {&ImageParts::root, "20 0D 01 0D 05 15 00", "child outside the value section"},
     {&ImageParts::root, "20 20 01 0D 00 15 00", "packed array count id"},
     {&ImageParts::root, "20 0D 01 0C 00 15 00", "packed array width id"},
-    {&ImageParts::root, "20 0D 09 0D 00 15 00",
-     "packed array outside its section"},
+    {&ImageParts::root, "20 0D 09 0D 00 15 00", "packed array outside its section"},
     {&ImageParts::root, "20 0D 01 0D 00 15 01", "string tag"},
     {&ImageParts::root, "20 0D 01 0D 00 19 01", "stream tag"},
     {&ImageParts::root, "20 0D 01 0D 00 22 00", "bstream tag"},  // version 3
     {&ImageParts::root, "20 0D 01 0D 00 40", "not a value id"},
-    {&ImageParts::root, "20 0D 01 0D 00 08 01",
-     "value outside the value section"},
-    {&ImageParts::root, "21 0D 02 0D 00 00 0D 02 0D 00 00 01",
-     "member keys not ascending"},
+    {&ImageParts::root, "20 0D 01 0D 00 08 01", "value outside the value section"},
+    {&ImageParts::root, "21 0D 02 0D 00 00 0D 02 0D 00 00 01", "member keys not ascending"},
     {&ImageParts::root, "21 0D 01 0D 01 0D 01 0D 00 01", "member key tag"},
-    {&ImageParts::root, "21 0D 01 0D 00 0D 00 0D",
-     "member key and offset arrays differ"},
+    {&ImageParts::root, "21 0D 01 0D 00 0D 00 0D", "member key and offset arrays differ"},
     {&ImageParts::strings, "78 79", "string entity not NUL-terminated"},
-    {&ImageParts::stringOffsets, "0D 01 0D 02",
-     "string offset outside the string entity"},
+    {&ImageParts::stringOffsets, "0D 01 0D 02", "string offset outside the string entity"},
     {&ImageParts::streamSizes, "0D 01 0D 04", "payload outside its entity"},
-    {&ImageParts::streamSizes, "0D 00 0D",
-     "payload offset and size arrays differ"},
-    {&ImageParts::keyTable,
-     "0D 03 0D 01 00 00 | 0D 03 0D 00 02 01 | 0D 01 0D 01",
-     "key table check cycle"},
-    {&ImageParts::keyTable, "0D 02 0D 01 00 | 0D 02 0D 00 07 | 0D 01 0D 01",
-     "key table check entry"},
-    {&ImageParts::keyTable, "0D 02 0D 01 00 | 0D 01 0D 00 | 0D 01 0D 01",
-     "key table base and check"},
+    {&ImageParts::streamSizes, "0D 00 0D", "payload offset and size arrays differ"},
+    {&ImageParts::keyTable, "0D 03 0D 01 00 00 | 0D 03 0D 00 02 01 | 0D 01 0D 01", "key table check cycle"},
+    {&ImageParts::keyTable, "0D 02 0D 01 00 | 0D 02 0D 00 07 | 0D 01 0D 01", "key table check entry"},
+    {&ImageParts::keyTable, "0D 02 0D 01 00 | 0D 01 0D 00 | 0D 01 0D 01", "key table base and check"},
 };
+// clang-format on
 
-// The bytes of the valid image changed after assembly.
-struct ByteCase {
-  std::function<void(vkt_binary*)> change;
-  const char* reason;
-};
-
-const ByteCase sByteCases[] = {
-    {[](vkt_binary* b) {
-       set_field(
-           b, HEADER_OFST_ROOT_VALUE,
-           read_32bit_unsigned(&(*b)[HEADER_OFST_STRING_OFFSET_ARRAY]) + 1);
-     },
-     "sections out of order"},
-    {[](vkt_binary* b) {
-       set_field(b, HEADER_OFST_STREAM_ENTITY, vkt_u32(b->size() + 1));
-     },
-     "section beyond the image"},
+// The bytes of the valid image changed after assembly, and the reason.
+// clang-format off
+const struct { void (*change)(vkt_binary*); const char* reason; } sByteCases[] = {
+    {[](vkt_binary* b) { set_field(b, HEADER_OFST_ROOT_VALUE, read_32bit_unsigned(&(*b)[HEADER_OFST_STRING_OFFSET_ARRAY]) + 1); }, "sections out of order"},
+    {[](vkt_binary* b) { set_field(b, HEADER_OFST_STREAM_ENTITY, vkt_u32(b->size() + 1)); }, "section beyond the image"},
     {[](vkt_binary* b) { b->pop_back(); }, "payload outside its entity"},
-    {[](vkt_binary* b) { b->resize(HEADER_OFST_ROOT_VALUE); },
-     "image shorter than a header"},
+    {[](vkt_binary* b) { b->resize(HEADER_OFST_ROOT_VALUE); }, "image shorter than a header"},
     {[](vkt_binary* b) { (*b)[8] ^= 1; }, "header checksum"},
-    {[](vkt_binary* b) { (*b)[HEADER_OFST_FLAGS] = VKT_FLAGS_FILTER_INFO; },
-     "filter bits set: decode first"},
+    {[](vkt_binary* b) { (*b)[HEADER_OFST_FLAGS] = VKT_FLAGS_FILTER_INFO; }, "filter bits set: decode first"},
     {[](vkt_binary* b) { (*b)[HEADER_OFST_VERSION] = 5; }, "version"},
     {[](vkt_binary* b) { (*b)[0] = 'X'; }, "magic"},
 };
+// clang-format on
 
 void expect_refused(const vkt_binary& image, const char* reason) {
   VKTVerifyReport report;
@@ -127,13 +91,13 @@ void expect_refused(const vkt_binary& image, const char* reason) {
 
 TEST(Verify, RefusesEachFaultWithItsReason) {
   ASSERT_TRUE(VKTObject::verify(valid_parts().assemble()));
-  for (const SectionCase& c : sSectionCases) {
+  for (const auto& c : sSectionCases) {
     SCOPED_TRACE(c.bytes);
     ImageParts parts = valid_parts();
     parts.*c.section = hex(c.bytes);
     expect_refused(parts.assemble(), c.reason);
   }
-  for (const ByteCase& c : sByteCases) {
+  for (const auto& c : sByteCases) {
     SCOPED_TRACE(c.reason);
     vkt_binary image = valid_parts().assemble();
     c.change(&image);
@@ -147,19 +111,14 @@ TEST(Verify, RefusesEachFaultWithItsReason) {
 }
 
 TEST(Verify, HonoursLimits) {
-  struct LimitCase {
-    vkt_binary root;
-    vkt_u32 maxDepth;
-    const char* reason;  // null: accepted
-  };
-  const LimitCase cases[] = {
-      {nested_arrays(64), 64, nullptr},
-      {nested_arrays(65), 64, "nesting too deep"},
-      {nested_arrays(65), 65, nullptr},
+  // Root, depth limit, reason (null: accepted).
+  // clang-format off
+  const struct { vkt_binary root; vkt_u32 maxDepth; const char* reason; } cases[] = {
+      {nested_arrays(64), 64, nullptr}, {nested_arrays(65), 64, "nesting too deep"}, {nested_arrays(65), 65, nullptr},
       {shared_levels(2), 64, nullptr},  // a shared 255 x 255 matrix
-      {shared_levels(4), 64, "too many values (sharing)"},  // 255^4 visits
-  };
-  for (const LimitCase& c : cases) {
+      {shared_levels(4), 64, "too many values (sharing)"}};  // 255^4 visits
+  // clang-format on
+  for (const auto& c : cases) {
     ImageParts parts = valid_parts();
     parts.root = c.root;
     VKTVerifyLimits limits;
@@ -174,18 +133,14 @@ TEST(Verify, HonoursLimits) {
 }
 
 TEST(Verify, ChecksVersionOneRecordsAndKeys) {
-  struct V1Case {
-    const char* keys;
-    const char* root;
-    const char* reason;  // null: accepted
-  };
-  const V1Case cases[] = {
+  // Key entity, root, reason (null: accepted).
+  // clang-format off
+  const struct { const char *keys, *root, *reason; } cases[] = {
       {"6B 00", "21 0D 01 0D 00 11 00 15 00", nullptr},  // {"k": "x"}
-      {"6B 00", "21 0D 01 0D 00 11 05 15 00", "member key tag"},
-      {"6B 00", "21 0D 01 0D 00 15 00 15 00", "member record"},
-      {"6B 6B", "01", "key without NUL"},
-  };
-  for (const V1Case& c : cases) {
+      {"6B 00", "21 0D 01 0D 00 11 05 15 00", "member key tag"}, {"6B 00", "21 0D 01 0D 00 15 00 15 00", "member record"},
+      {"6B 6B", "01", "key without NUL"}};
+  // clang-format on
+  for (const auto& c : cases) {
     ImageParts parts = valid_parts();
     parts.version = 1;
     parts.keyOffsetArray = hex("0D 01 0D 00");
@@ -219,6 +174,6 @@ TEST(Verify, StreamBackedOpenReadsOnlyWhatTheSourceHolds) {
   set_field(&huge, HEADER_OFST_STREAM_ENTITY, 0xFFFFFF00);
   AllocationCounter counter;
   VKTObject object(new RecordingReadStream(huge));
-  EXPECT_LT(counter.peakBytes(), 4 * huge.size() + 4096);
+  EXPECT_LT(counter.largest(), 4 * huge.size() + 4096);
   EXPECT_FALSE(object.verify());
 }

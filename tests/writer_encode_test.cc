@@ -4,8 +4,6 @@
 
 #include "testutil.h"
 
-using A = VKTTestAccess;
-
 template <typename T>
 static VKTWriterValue val(T x) {
   VKTWriterValue v;
@@ -49,15 +47,15 @@ TEST(WriterEncode, ValueImages) {
       {arr({reader, stream(3, 4), reader}), "20 0D 03 0D 00 02 00 19 01 19 00"},
   };  // clang-format on
   for (const auto& [tree, image] : rows) {
-    EXPECT_EQ(to_hex(A::valueImage(tree)), to_hex(hex(image)));
+    EXPECT_EQ(to_hex(written_root(tree)), to_hex(hex(image)));
   }
-  EXPECT_EQ(to_hex(A::valueImage(x121, false)),  // without sharing
+  EXPECT_EQ(to_hex(written_root(x121, false)),  // without sharing
             "20 0D 03 0D 00 02 04 05 01 05 02 05 01");
   for (int i = 0; i < 257; ++i) tags[i] = std::to_string(1000 + i);
-  vkt_binary image = A::valueImage(tags);  // the last string has tag 256
+  vkt_binary image = written_root(tags);  // the last string has tag 256
   EXPECT_EQ(to_hex({image.end() - 3, image.end()}), "16 00 01");
   tags[256] = "1000";  // one string fewer: the last has tag 255
-  image = A::valueImage(tags);
+  image = written_root(tags);
   EXPECT_EQ(to_hex({image.end() - 2, image.end()}), "15 FF");
 }
 
@@ -65,35 +63,32 @@ TEST(WriterEncode, ValueImages) {
 // beyond 255 bytes widens the offsets, one that sharing keeps small narrows
 // them, and the container around sees the final image.
 TEST(WriterEncode, LargeContainersShareAndWidenOffsets) {
-  VKTWriterValue repeats, wide, outer;
-  std::string offsets, entity;
-  for (int i = 0; i < 40; ++i) repeats[i] = i % 5;  // 04, 05 01 .. 05 04
-  for (int i = 0; i < 40; ++i)
+  VKTWriterValue repeats, wide, same, outer;
+  std::string offsets, entity, zeros;
+  for (int i = 0; i < 40; ++i) {
+    repeats[i] = i % 5;  // 04, 05 01 .. 05 04
     offsets += " " + to_hex({vkt_u8(i % 5 ? 2 * (i % 5) - 1 : 0)});
+  }
   EXPECT_EQ(
-      to_hex(A::valueImage(repeats)),
+      to_hex(written_root(repeats)),
       to_hex(hex("20 0D 28 0D" + offsets + " 04 05 01 05 02 05 03 05 04")));
   offsets.clear();
   for (int i = 0; i < 100; ++i) {
     wide[i] = 1.5 + i;
+    same[i] = 1.5;  // sized for wide offsets, stored once: narrow ones
     vkt_u8 b[8];
     write_double_float(b, 1.5 + i);
     offsets += " " + to_hex({vkt_u8(9 * i), vkt_u8(9 * i >> 8)});
     entity += " 1F " + to_hex({b, b + 8});
-  }
-  const std::string wideImage = "20 0D 64 0E" + offsets + entity;  // 1104 bytes
-  EXPECT_EQ(to_hex(A::valueImage(wide)), to_hex(hex(wideImage)));
-  VKTWriterValue same;  // sized for wide offsets, stored once: narrow ones
-  std::string zeros;
-  for (int i = 0; i < 100; ++i) {
-    same[i] = 1.5;
     zeros += " 00";
   }
-  EXPECT_EQ(to_hex(A::valueImage(same)),
+  const std::string wideImage = "20 0D 64 0E" + offsets + entity;  // 1104 bytes
+  EXPECT_EQ(to_hex(written_root(wide)), to_hex(hex(wideImage)));
+  EXPECT_EQ(to_hex(written_root(same)),
             to_hex(hex("20 0D 64 0D" + zeros + " 1F 00 00 00 00 00 00 F8 3F")));
   outer[0] = wide;
   outer[1] = 1;
-  EXPECT_EQ(to_hex(A::valueImage(outer)),
+  EXPECT_EQ(to_hex(written_root(outer)),
             to_hex(hex("20 0D 02 0E 00 00 50 04 " + wideImage + " 05 01")));
 }
 
@@ -102,12 +97,10 @@ TEST(WriterEncode, LargeContainersShareAndWidenOffsets) {
 // at two addresses, and empty payloads with and without a pointer.
 TEST(WriterEncode, TablesStoreEachStringAndPayloadOnce) {
   static const vkt_u8 kA[] = {1, 2, 3}, kB[] = {1, 2, 3}, kC[] = {1, 2, 4};
-  const struct {
-    const vkt_u8* bytes;
-    vkt_u32 size;
-    int sameAs;  // the element whose payload this one shares
-  } payloads[] = {
-      {kA, 3, 0}, {kB, 3, 0}, {kC, 3, 2}, {nullptr, 0, 3}, {kA, 0, 3}};
+  // Bytes, size, and the element whose payload this one shares.
+  // clang-format off
+  const struct { const vkt_u8* bytes; vkt_u32 size; int sameAs; } payloads[] = {{kA, 3, 0}, {kB, 3, 0}, {kC, 3, 2}, {nullptr, 0, 3}, {kA, 0, 3}};
+  // clang-format on
   VKTWriterValue root;
   for (int i = 0; i < 3000; ++i)
     root[0][i] = "s" + std::to_string(i * 7 % 1000);
