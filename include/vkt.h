@@ -601,8 +601,7 @@ class VKTObject {
   static bool verify(const vkt_u8* p, vkt_size size);
   static bool verify(const vkt_u8* p, vkt_size size, VKTVerifyReport* report,
                      const VKTVerifyLimits* limits = nullptr);
-  static bool verify(const vkt_binary& image,
-                     VKTVerifyReport* report = nullptr,
+  static bool verify(const vkt_binary& image, VKTVerifyReport* report = nullptr,
                      const VKTVerifyLimits* limits = nullptr);
   // The same checks on an opened object, as it is now: the plain header copy
   // and the bytes in memory; stream payload ranges are checked against the
@@ -696,6 +695,10 @@ class VKTObject {
   std::string getKey(vkt_u32 keyTag) const;
   // Rebuilds the name of `keyTag` into *out, reusing its capacity.
   void getKeyInto(vkt_u32 keyTag, std::string* out) const;
+  // The same for `count` key tags packed at `width` bytes from `tags`, into
+  // out[0] to out[count - 1] (versions 2 and up: a key array).
+  void getKeysInto(const vkt_u8* tags, vkt_u32 width, vkt_u32 count,
+                   std::string* out) const;
   template <typename Emit>
   vkt_u32 climbKey(vkt_u32 keyTag, Emit emit) const;
   const char* sortedKey(vkt_u32 keyTag) const;

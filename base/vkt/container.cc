@@ -117,11 +117,13 @@ void VKTValue::getMemberNames(vkt_members* result) const {
   setup_unsigned_array(&a, mPtr + 1);
   const vkt_u8* base = mPtr + 1 + a.size;
   result->resize(a.valueNum);
+  if (mObj->mVersion != 1) {
+    mObj->getKeysInto(a.values, usable_width(a), a.valueNum, result->data());
+    return;
+  }
   for (vkt_u32 i = 0; i < a.valueNum; ++i) {
-    const vkt_u32 objectTag = mObj->mVersion == 1
-                                  ? parse_key(base + get_unsigned_array(&a, i))
-                                  : get_unsigned_array(&a, i);
-    mObj->getKeyInto(objectTag, &(*result)[i]);
+    mObj->getKeyInto(parse_key(base + get_unsigned_array(&a, i)),
+                     &(*result)[i]);
   }
 }
 
