@@ -263,13 +263,11 @@ class VKTValue {
     return at(static_cast<vkt_u32>(index));
   }
   VKTValue at(vkt_u32 index) const {
-    // ID_ARRAY | count id | count | width id | offsets | elements
+    // ID_ARRAY | offset array | elements
     if (mObj == nullptr || *mPtr != kArrayId) return VKTValue();
-    const vkt_u32 countWidth = vkt_u32(mPtr[1]) - kUnsignedIdBias;
-    const vkt_u32 count = readPacked(mPtr + 2, countWidth);
+    vkt_u32 count, width;
+    const vkt_u8* offsets = packedHead(mPtr + 1, &count, &width);
     if (index >= count) return VKTValue();
-    const vkt_u32 width = vkt_u32(mPtr[2 + countWidth]) - kUnsignedIdBias;
-    const vkt_u8* offsets = mPtr + 3 + countWidth;
     return VKTValue(mObj, offsets + count * width +
                               readPacked(offsets + index * width, width));
   }
@@ -366,6 +364,7 @@ class VKTValue {
   // The array id, and what an unsigned id exceeds its width by (checked
   // against the library's id table in container.cc).
   static const vkt_u8 kArrayId = 32;
+  static const vkt_u8 kObjectId = 33;
   static const vkt_u32 kUnsignedIdBias = 12;
   static constexpr TypeTable makeTypeTable();  // value.cc
   // One packed number of `width` bytes, least significant first, 0 for a
@@ -386,13 +385,24 @@ class VKTValue {
         return 0;
     }
   }
+  // The head of the packed array at `p` (count id | count | width id |
+  // entries): sets *count and *width and answers the first entry. A count id
+  // outside the family gives count 0, a width id outside it width 0 (every
+  // entry reads as 0), as the library's own array reader does.
+  static const vkt_u8* packedHead(const vkt_u8* p, vkt_u32* count,
+                                  vkt_u32* width) {
+    const vkt_u32 countWidth = vkt_u32(p[0]) - kUnsignedIdBias;
+    *count = readPacked(p + 1, countWidth);
+    const vkt_u32 w = vkt_u32(p[1 + countWidth]) - kUnsignedIdBias;
+    *width = w <= 4 ? w : 0;
+    return p + 2 + countWidth;
+  }
+  // elements() and members() on a version-1 object, whose offsets name
+  // (key tag, value) records.
+  VKTElementRange recordElements() const;
+  VKTMemberRange recordMembers() const;
   // The member with key tag `tag`; REQUIRES: an object view.
   bool findTag(vkt_u32 tag, VKTValue* value) const;
-  // The walk over an array's elements or an object's member values; the
-  // container's first array (offsets, or keys) has `count` entries of
-  // `width` bytes at `values` and ends at `behind`.
-  void setupElements(const vkt_u8* values, vkt_u32 count, vkt_u32 width,
-                     const vkt_u8* behind, VKTElementRange* range) const;
 
   const VKTObject* mObj;
   const vkt_u8* mPtr;
@@ -518,7 +528,15 @@ class VKTMemberIterator {
 
 class VKTMemberRange {
  public:
-  VKTMemberIterator begin() const;
+  VKTMemberIterator begin() const {
+    VKTMemberIterator it;
+    it.mValues = mValues.mBegin;
+    it.mKeys = mKeys;
+    it.mKeyWidth = mKeyWidth;
+    it.mCount = mValues.mCount;
+    it.load();
+    return it;
+  }
   VKTMemberIterator end() const {
     VKTMemberIterator it;
     it.mValues.mIndex = mValues.mCount;
@@ -756,6 +774,42 @@ class VKTObject {
   std::vector<char> mKeyNames;
   std::vector<vkt_u32> mKeyNameStarts;
 };
+
+// Both set up inline, as every walk takes them once per container:
+//   array:              ID_ARRAY  | offset array | elements
+//   object (v2 and up): ID_OBJECT | key array | offset array | member values
+// Offsets count from the end of the offset array.
+inline VKTElementRange VKTValue::elements() const {
+  VKTElementRange range;
+  if (mObj == nullptr) return range;
+  const vkt_u8* p = mPtr + 1;
+  if (*mPtr == kObjectId) {
+    if (mObj->mVersion == 1) return recordElements();
+    vkt_u32 keys, keyWidth;
+    p = packedHead(p, &keys, &keyWidth) + keys * keyWidth;
+  } else if (*mPtr != kArrayId) {
+    return range;
+  }
+  VKTElementIterator& it = range.mBegin;
+  it.mObj = mObj;
+  it.mOffsets = packedHead(p, &range.mCount, &it.mWidth);
+  it.mEntity = it.mOffsets + range.mCount * it.mWidth;
+  return range;
+}
+
+inline VKTMemberRange VKTValue::members() const {
+  VKTMemberRange range;
+  if (mObj == nullptr || *mPtr != kObjectId) return range;
+  if (mObj->mVersion == 1) return recordMembers();
+  vkt_u32 keys;
+  range.mKeys = packedHead(mPtr + 1, &keys, &range.mKeyWidth);
+  VKTElementIterator& it = range.mValues.mBegin;
+  it.mObj = mObj;
+  it.mOffsets = packedHead(range.mKeys + keys * range.mKeyWidth,
+                           &range.mValues.mCount, &it.mWidth);
+  it.mEntity = it.mOffsets + range.mValues.mCount * it.mWidth;
+  return range;
+}
 
 inline void VKTMemberIterator::load() {
   if (mValues.mIndex >= mCount) return;

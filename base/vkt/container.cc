@@ -49,8 +49,10 @@ vkt_u32 usable_width(const unsigned_array& a) {
 }  // namespace
 
 vkt_size VKTValue::size() const {
-  static_assert(kArrayId == ID_ARRAY && kUnsignedIdBias == UNSIGNED_ID_BIAS,
-                "the inline at(index) reads arrays as the library writes them");
+  static_assert(kArrayId == ID_ARRAY && kObjectId == ID_OBJECT &&
+                    kUnsignedIdBias == UNSIGNED_ID_BIAS,
+                "the inline walks and at(index) read containers as the "
+                "library writes them");
   if (!is_container(mObj, mPtr)) return 0;
   return parse_unsigned(mPtr + 1);  // the first array's count
 }
@@ -132,37 +134,18 @@ void VKTValue::getMemberNames(vkt_members* result) const {
 // step then reads one entry of each array it walks.
 // ---------------------------------------------------------------------------
 
-VKTElementRange VKTValue::elements() const {
+VKTElementRange VKTValue::recordElements() const {
   VKTElementRange range;
-  if (!is_container(mObj, mPtr)) return range;
-  unsigned_array first;
-  setup_unsigned_array(&first, mPtr + 1);
-  setupElements(first.values, first.valueNum, usable_width(first),
-                mPtr + 1 + first.size, &range);
-  return range;
-}
-
-void VKTValue::setupElements(const vkt_u8* values, vkt_u32 count, vkt_u32 width,
-                             const vkt_u8* behind,
-                             VKTElementRange* range) const {
-  const vkt_u8* base = behind;
-  VKTElementIterator& it = range->mBegin;
+  unsigned_array records;
+  setup_unsigned_array(&records, mPtr + 1);
+  VKTElementIterator& it = range.mBegin;
   it.mObj = mObj;
-  it.mOffsets = values;
-  it.mWidth = width;
-  it.mEntity = base;
-  if (*mPtr == ID_OBJECT) {
-    if (mObj->mVersion == 1) {
-      it.mRecords = true;
-    } else {  // the key array comes first, the offset array behind it
-      unsigned_array offsets;
-      setup_unsigned_array(&offsets, base);
-      it.mOffsets = offsets.values;
-      it.mWidth = usable_width(offsets);
-      it.mEntity = base + offsets.size;
-    }
-  }
-  range->mCount = count;
+  it.mOffsets = records.values;
+  it.mWidth = usable_width(records);
+  it.mEntity = mPtr + 1 + records.size;
+  it.mRecords = true;
+  range.mCount = records.valueNum;
+  return range;
 }
 
 VKTValue VKTElementIterator::recordValue(const VKTObject* obj,
@@ -170,28 +153,10 @@ VKTValue VKTElementIterator::recordValue(const VKTObject* obj,
   return VKTValue(obj, p + get_value_size(p));
 }
 
-VKTMemberRange VKTValue::members() const {
+VKTMemberRange VKTValue::recordMembers() const {
   VKTMemberRange range;
-  if (mObj == nullptr || *mPtr != ID_OBJECT) return range;
-  unsigned_array keys;  // in version 1, the records' offsets
-  setup_unsigned_array(&keys, mPtr + 1);
-  setupElements(keys.values, keys.valueNum, usable_width(keys),
-                mPtr + 1 + keys.size, &range.mValues);
-  if (mObj->mVersion != 1) {
-    range.mKeys = keys.values;
-    range.mKeyWidth = usable_width(keys);
-  }
+  range.mValues = recordElements();  // the key tags open the records
   return range;
-}
-
-VKTMemberIterator VKTMemberRange::begin() const {
-  VKTMemberIterator it;
-  it.mValues = mValues.mBegin;
-  it.mKeys = mKeys;
-  it.mKeyWidth = mKeyWidth;
-  it.mCount = mValues.mCount;
-  it.load();
-  return it;
 }
 
 void VKTMemberIterator::loadRebuilt() {
