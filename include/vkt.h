@@ -234,7 +234,7 @@ class VKTValue {
   // The string of a string value. On a value of another kind this is the
   // image's first string, or "" when the image has none or the view is null.
   // Valid while the VKTObject lives.
-  const char* asString() const;
+  const char* asString() const;  // inline, below VKTObject
   // The payload of a stream or bstream value, or null when its bytes are not
   // in memory (purged, or the image was opened through a VKTReadStream) or
   // the value is no stream. A stream payload stays valid while its bytes do:
@@ -365,6 +365,7 @@ class VKTValue {
   // against the library's id table in container.cc).
   static const vkt_u8 kArrayId = 32;
   static const vkt_u8 kObjectId = 33;
+  static const vkt_u8 kStringTagId = 21;  // 1-byte tag; 22 to 24: 2 to 4
   static const vkt_u32 kUnsignedIdBias = 12;
   static constexpr TypeTable makeTypeTable();  // value.cc
   // One packed number of `width` bytes, least significant first, 0 for a
@@ -733,7 +734,6 @@ class VKTObject {
   void registerKeyTagToHashTable(const char* key, vkt_u32 keyTag, bool success,
                                  vkt_u32* hint) const;
 
-  const char* getString(vkt_u32 stringTag) const;
   const vkt_u8* getStream(vkt_u32 streamTag) const;
   const vkt_u8* getBStream(vkt_u32 streamTag) const;
   vkt_u32 streamSize(vkt_u32 streamTag) const;
@@ -774,6 +774,20 @@ class VKTObject {
   std::vector<char> mKeyNames;
   std::vector<vkt_u32> mKeyNameStarts;
 };
+
+// A string value is its string tag id and a tag of 1 to 4 bytes; the tag
+// indexes the image's string offset array, whose entries count from the
+// string entity. Any other id reads as tag 0 (readPacked sees no width).
+inline const char* VKTValue::asString() const {
+  if (mObj == nullptr) return "";
+  const vkt_u32 tag = readPacked(mPtr + 1, vkt_u32(*mPtr) - kStringTagId + 1);
+  vkt_u32 count, width;
+  const vkt_u8* offsets = packedHead(mObj->mStringOffsetArray, &count, &width);
+  // An image without strings has no string 0 for a non-string value to name.
+  if (tag >= count) return "";
+  return reinterpret_cast<const char*>(mObj->mStringEntity) +
+         readPacked(offsets + tag * width, width);
+}
 
 // Both set up inline, as every walk takes them once per container:
 //   array:              ID_ARRAY  | offset array | elements

@@ -237,15 +237,6 @@ VKTReadStream* build_reader(VKTReadStream* source, vkt_offset sourceEntity,
 
 }  // namespace
 
-const char* VKTObject::getString(vkt_u32 stringTag) const {
-  unsigned_array a;
-  setup_unsigned_array(&a, mStringOffsetArray);
-  // An image without strings has no string 0 for a non-string value to name.
-  if (stringTag >= a.valueNum) return "";
-  return reinterpret_cast<const char*>(mStringEntity) +
-         get_unsigned_array(&a, stringTag);
-}
-
 const vkt_u8* VKTObject::getStream(vkt_u32 streamTag) const {
   if (mStreamEntity == nullptr) return nullptr;
   return mStreamEntity + array_element(mStreamOffsetArray, streamTag);

@@ -134,11 +134,6 @@ vkt_s64 VKTValue::asLongInt() const { return number<vkt_s64>(mObj, mPtr); }
 float VKTValue::asFloat() const { return number<float>(mObj, mPtr); }
 double VKTValue::asDouble() const { return number<double>(mObj, mPtr); }
 
-const char* VKTValue::asString() const {
-  if (mObj == nullptr) return "";
-  return mObj->getString(parse_string(mPtr));
-}
-
 const vkt_u8* VKTValue::asStream() const {
   if (mObj == nullptr) return nullptr;
   switch (identify_value(mPtr)) {
