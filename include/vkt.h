@@ -17,6 +17,7 @@
 #define VKT_VKT_H_
 
 #include <cstddef>
+#include <cstring>  // memcpy
 #include <iterator>
 #include <map>
 #include <string>
@@ -229,7 +230,7 @@ class VKTValue {
   vkt_s32 asInt() const;
   vkt_s64 asLongInt() const;
   float asFloat() const;
-  double asDouble() const;
+  double asDouble() const;  // a stored double inline, below VKTObject
 
   // The string of a string value. On a value of another kind this is the
   // image's first string, or "" when the image has none or the view is null.
@@ -366,6 +367,7 @@ class VKTValue {
   static const vkt_u8 kArrayId = 32;
   static const vkt_u8 kObjectId = 33;
   static const vkt_u8 kStringTagId = 21;  // 1-byte tag; 22 to 24: 2 to 4
+  static const vkt_u8 kDoubleId = 31;     // then 8 bytes, low byte first
   static const vkt_u32 kUnsignedIdBias = 12;
   static constexpr TypeTable makeTypeTable();  // value.cc
   // One packed number of `width` bytes, least significant first, 0 for a
@@ -386,6 +388,8 @@ class VKTValue {
         return 0;
     }
   }
+  // asDouble for every value that is no stored double (value.cc).
+  double numberAsDouble() const;
   // The head of the packed array at `p` (count id | count | width id |
   // entries): sets *count and *width and answers the first entry. A count id
   // outside the family gives count 0, a width id outside it width 0 (every
@@ -787,6 +791,17 @@ inline const char* VKTValue::asString() const {
   if (tag >= count) return "";
   return reinterpret_cast<const char*>(mObj->mStringEntity) +
          readPacked(offsets + tag * width, width);
+}
+
+// A stored double is read here; every other kind converts in the library.
+inline double VKTValue::asDouble() const {
+  if (mObj == nullptr || *mPtr != kDoubleId) return numberAsDouble();
+  // Bits reinterpreted, so NaN payloads and -0.0 survive.
+  const vkt_u64 bits =
+      vkt_u64(readPacked(mPtr + 5, 4)) << 32 | readPacked(mPtr + 1, 4);
+  double d;
+  std::memcpy(&d, &bits, sizeof(d));
+  return d;
 }
 
 // Both set up inline, as every walk takes them once per container:

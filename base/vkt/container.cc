@@ -51,6 +51,7 @@ vkt_u32 usable_width(const unsigned_array& a) {
 vkt_size VKTValue::size() const {
   static_assert(kArrayId == ID_ARRAY && kObjectId == ID_OBJECT &&
                     kStringTagId == ID_STRING_TAG8 &&
+                    kDoubleId == ID_DOUBLE_FLOAT &&
                     kUnsignedIdBias == UNSIGNED_ID_BIAS,
                 "the inline walks and at(index) read containers as the "
                 "library writes them");

@@ -132,7 +132,7 @@ bool VKTValue::asBool() const {
 vkt_s32 VKTValue::asInt() const { return number<vkt_s32>(mObj, mPtr); }
 vkt_s64 VKTValue::asLongInt() const { return number<vkt_s64>(mObj, mPtr); }
 float VKTValue::asFloat() const { return number<float>(mObj, mPtr); }
-double VKTValue::asDouble() const { return number<double>(mObj, mPtr); }
+double VKTValue::numberAsDouble() const { return number<double>(mObj, mPtr); }
 
 const vkt_u8* VKTValue::asStream() const {
   if (mObj == nullptr) return nullptr;
