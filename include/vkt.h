@@ -764,8 +764,6 @@ class VKTObject {
   const vkt_u8* mBStreamSizeArray = nullptr;
   const vkt_u8* mBStreamEntity = nullptr;
   const vkt_u8* mRootValuePtr = nullptr;
-  const vkt_u8* mFilteredInfoBegin = nullptr;
-  const vkt_u8* mFilteredInfoEnd = nullptr;
   vkt_u32 mTotalStreamEntitySize = 0;
   // The key cache: one chain per hash once it holds an entry, empty before
   // and while it is off. Lookups with a hint change both vectors although

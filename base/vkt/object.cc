@@ -102,7 +102,16 @@ void VKTObject::loadHeader(const vkt_u8* header, VKTFilter* structFilter) {
   // Versions 1 and 2 have no flags word and filter their info range only.
   mFlags = mVersion < 3 ? VKT_FLAGS_FILTER_INFO
                         : read_16bit_unsigned(header + HEADER_OFST_FLAGS);
-  std::memcpy(mHeader, header, header_size_of_version(mVersion));
+  // One fixed-size copy per header size, which the compiler turns into a
+  // few moves instead of a library call.
+  if (mVersion >= 4) {
+    std::memcpy(mHeader, header, HEADER_SIZE_VER4);
+  } else if (mVersion == 3) {
+    std::memcpy(mHeader, header, HEADER_SIZE_VER3);
+  } else {
+    std::memcpy(mHeader, header, HEADER_SIZE_VER2);
+  }
+  static_assert(HEADER_SIZE_VER4 == sizeof(mHeader), "the largest header");
   if (structFilter != nullptr && (mFlags & VKT_FLAGS_FILTER_HEADER)) {
     filter_header(structFilter, mHeader, mVersion);
   }
@@ -130,8 +139,6 @@ void VKTObject::decodeInfo() {
   mBStreamSizeArray = section(SECTION_BSTREAM_SIZE_ARRAY);
   mBStreamEntity = section(SECTION_BSTREAM_ENTITY);
   mRootValuePtr = section(SECTION_ROOT_VALUE);
-  mFilteredInfoBegin = mKeyOffsetArray;
-  mFilteredInfoEnd = section(info_range_end_section(mVersion));
   mTotalStreamEntitySize =
       mImageSize - header_field(mHeader, HEADER_OFST_STREAM_ENTITY);
 }
@@ -153,8 +160,7 @@ void VKTObject::filterInfo(VKTFilter* structFilter) {
       mHeader, sSectionTable[info_range_end_section(mVersion)].field);
   if (begin > end || !in_image(begin, end - begin, frontPartSize())) return;
   // The bytes are ours or were handed over for writing (REFER, OWN).
-  structFilter->Filter(const_cast<vkt_u8*>(mFilteredInfoBegin),
-                       vkt_size(mFilteredInfoEnd - mFilteredInfoBegin));
+  structFilter->Filter(const_cast<vkt_u8*>(mImage) + begin, end - begin);
 }
 
 void VKTObject::preparePurge() {
