@@ -35,6 +35,7 @@ TEST(Value, ConversionMatrixNullViewAndIdentity) {
       {"1F 9C 75 00 88 3C E4 37 7E", F, true, INT32_MAX, INT64_MAX, INFINITY, 1e300},
       {"1F EA 8C A0 39 59 3E 29 C6", F, true, INT32_MIN, INT64_MIN, -1e30f, -1e30},
       {"1F 00 00 00 00 00 00 E0 43", F, true, INT32_MAX, INT64_MAX, 0x1p63, 0x1p63},
+      {"1F 00 00 00 00 00 00 00 80", F, false, 0, 0, -0.0, -0.0},
       // Unsigned numbers, tags, containers and non-ids do not convert.
       {"0D 05", N, false, 0, 0, 0, 0}, {"15 01", S, false, 0, 0, 0, 0}, {"19 01", T, false, 0, 0, 0, 0},
       {"22 01", T, false, 0, 0, 0, 0}, {"20 0D 01 0D 00 05 01", VKT_TYPE_ARRAY, false, 0, 0, 0, 0},
