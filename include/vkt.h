@@ -748,23 +748,28 @@ class VKTObject {
   VKTReadStream* mReader = nullptr;  // owned; stream-backed images only
   vkt_offset mStreamOffset = 0;      // stream entity's offset in mReader
   const vkt_u8* mImage = nullptr;
-  vkt_u8 mHeader[56] = {};  // plain copy of the header (the largest is 56)
+  // Plain copy of the header (the largest is 56); loadHeader zeroes what a
+  // shorter header leaves.
+  vkt_u8 mHeader[56];
   vkt_u32 mImageSize = 0;
   vkt_alloc_type mAllocType = VKT_ALLOC_DUPLICATE;
   vkt_u32 mVersion = 0;
   vkt_u32 mFlags = 0;
-  const vkt_u8* mKeyOffsetArray = nullptr;
-  const vkt_u8* mKeyEntity = nullptr;
-  const vkt_u8* mStringOffsetArray = nullptr;
-  const vkt_u8* mStringEntity = nullptr;
-  const vkt_u8* mStreamOffsetArray = nullptr;
-  const vkt_u8* mStreamSizeArray = nullptr;
-  const vkt_u8* mStreamEntity = nullptr;
-  const vkt_u8* mBStreamOffsetArray = nullptr;
-  const vkt_u8* mBStreamSizeArray = nullptr;
-  const vkt_u8* mBStreamEntity = nullptr;
-  const vkt_u8* mRootValuePtr = nullptr;
-  vkt_u32 mTotalStreamEntitySize = 0;
+  // Section pointers, null for a section the version lacks. Every
+  // constructor sets all of them (decodeInfo) before anything reads one, so
+  // they carry no initialiser: an open stores each once.
+  const vkt_u8* mKeyOffsetArray;
+  const vkt_u8* mKeyEntity;
+  const vkt_u8* mStringOffsetArray;
+  const vkt_u8* mStringEntity;
+  const vkt_u8* mStreamOffsetArray;
+  const vkt_u8* mStreamSizeArray;
+  const vkt_u8* mStreamEntity;
+  const vkt_u8* mBStreamOffsetArray;
+  const vkt_u8* mBStreamSizeArray;
+  const vkt_u8* mBStreamEntity;
+  const vkt_u8* mRootValuePtr;
+  vkt_u32 mTotalStreamEntitySize;
   // The key cache: one chain per hash once it holds an entry, empty before
   // and while it is off. Lookups with a hint change both vectors although
   // they are const.

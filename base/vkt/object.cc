@@ -7,7 +7,7 @@
 // turns each header offset into a pointer. It reads nothing but the header,
 // so it is safe on bytes that only decode has seen, and it stays a few
 // nanoseconds; a lookup sets up the few arrays it needs itself.
-#include <cstring>  // memcpy, memcmp
+#include <cstring>  // memcpy, memcmp, memset
 
 #include "vkt/format.h"
 #include "vkt/packed_array.h"
@@ -108,8 +108,10 @@ void VKTObject::loadHeader(const vkt_u8* header, VKTFilter* structFilter) {
     std::memcpy(mHeader, header, HEADER_SIZE_VER4);
   } else if (mVersion == 3) {
     std::memcpy(mHeader, header, HEADER_SIZE_VER3);
+    std::memset(mHeader + HEADER_SIZE_VER3, 0, HEADER_SIZE - HEADER_SIZE_VER3);
   } else {
     std::memcpy(mHeader, header, HEADER_SIZE_VER2);
+    std::memset(mHeader + HEADER_SIZE_VER2, 0, HEADER_SIZE - HEADER_SIZE_VER2);
   }
   static_assert(HEADER_SIZE_VER4 == sizeof(mHeader), "the largest header");
   if (structFilter != nullptr && (mFlags & VKT_FLAGS_FILTER_HEADER)) {
