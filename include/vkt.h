@@ -533,15 +533,7 @@ class VKTMemberIterator {
 
 class VKTMemberRange {
  public:
-  VKTMemberIterator begin() const {
-    VKTMemberIterator it;
-    it.mValues = mValues.mBegin;
-    it.mKeys = mKeys;
-    it.mKeyWidth = mKeyWidth;
-    it.mCount = mValues.mCount;
-    it.load();
-    return it;
-  }
+  VKTMemberIterator begin() const;
   VKTMemberIterator end() const {
     VKTMemberIterator it;
     it.mValues.mIndex = mValues.mCount;
@@ -807,7 +799,7 @@ inline double VKTValue::asDouble() const {
   return d;
 }
 
-// Both set up inline, as every walk takes them once per container:
+// Set up inline, as every walk takes it once per container:
 //   array:              ID_ARRAY  | offset array | elements
 //   object (v2 and up): ID_OBJECT | key array | offset array | member values
 // Offsets count from the end of the offset array.
@@ -826,20 +818,6 @@ inline VKTElementRange VKTValue::elements() const {
   it.mObj = mObj;
   it.mOffsets = packedHead(p, &range.mCount, &it.mWidth);
   it.mEntity = it.mOffsets + range.mCount * it.mWidth;
-  return range;
-}
-
-inline VKTMemberRange VKTValue::members() const {
-  VKTMemberRange range;
-  if (mObj == nullptr || *mPtr != kObjectId) return range;
-  if (mObj->mVersion == 1) return recordMembers();
-  vkt_u32 keys;
-  range.mKeys = packedHead(mPtr + 1, &keys, &range.mKeyWidth);
-  VKTElementIterator& it = range.mValues.mBegin;
-  it.mObj = mObj;
-  it.mOffsets = packedHead(range.mKeys + keys * range.mKeyWidth,
-                           &range.mValues.mCount, &it.mWidth);
-  it.mEntity = it.mOffsets + range.mValues.mCount * it.mWidth;
   return range;
 }
 

@@ -161,6 +161,33 @@ VKTMemberRange VKTValue::recordMembers() const {
   return range;
 }
 
+// The members of an object (v2 and up): ID_OBJECT | key array | offset
+// array | member values. Set up here rather than inline beside elements():
+// inline, it measured no faster and made the member walk's loop larger.
+VKTMemberRange VKTValue::members() const {
+  VKTMemberRange range;
+  if (mObj == nullptr || *mPtr != ID_OBJECT) return range;
+  if (mObj->mVersion == 1) return recordMembers();
+  vkt_u32 keys;
+  range.mKeys = packedHead(mPtr + 1, &keys, &range.mKeyWidth);
+  VKTElementIterator& it = range.mValues.mBegin;
+  it.mObj = mObj;
+  it.mOffsets = packedHead(range.mKeys + keys * range.mKeyWidth,
+                           &range.mValues.mCount, &it.mWidth);
+  it.mEntity = it.mOffsets + range.mValues.mCount * it.mWidth;
+  return range;
+}
+
+VKTMemberIterator VKTMemberRange::begin() const {
+  VKTMemberIterator it;
+  it.mValues = mValues.mBegin;
+  it.mKeys = mKeys;
+  it.mKeyWidth = mKeyWidth;
+  it.mCount = mValues.mCount;
+  it.load();
+  return it;
+}
+
 void VKTMemberIterator::loadRebuilt() {
   const vkt_u32 i = mValues.mIndex;
   const VKTObject* obj = mValues.mObj;
