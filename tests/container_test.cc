@@ -125,6 +125,11 @@ TEST(ContainerTest, LargeObjectsFindAndWalkEveryMemberWithoutAllocating) {
       right &= m.name == keys[i] && m.value == o[prepared[i]];
       ++i;
     }
+    i = 0;  // member values by position, past two-byte key tags
+    for (VKTValue e : o.elements()) {
+      right &= i < n && e == o[prepared[i]];
+      ++i;
+    }
     vkt_s64 sum = 0;
     for (VKTValue e : o[prepared[0]].elements()) sum += e.asInt();
     EXPECT_EQ(counter.count(), 0u);
