@@ -17,6 +17,7 @@
 #define VKT_VKT_H_
 
 #include <cstddef>
+#include <cstring>  // memcpy
 #include <iterator>
 #include <string>
 #include <string_view>
@@ -229,12 +230,12 @@ class VKTValue {
   vkt_s32 asInt() const;
   vkt_s64 asLongInt() const;
   float asFloat() const;
-  double asDouble() const;
+  double asDouble() const;  // a stored double inline, below VKTObject
 
   // The string of a string value. On a value of another kind this is the
   // image's first string, or "" when the image has none or the view is null.
   // Valid while the VKTObject lives.
-  const char* asString() const;
+  const char* asString() const;  // inline, below VKTObject
   // The payload of a stream or bstream value, or null when its bytes are not
   // in memory (purged, or the image was opened through a VKTReadStream) or
   // the value is no stream. A stream payload stays valid while its bytes do:
@@ -263,13 +264,11 @@ class VKTValue {
     return at(static_cast<vkt_u32>(index));
   }
   VKTValue at(vkt_u32 index) const {
-    // ID_ARRAY | count id | count | width id | offsets | elements
+    // ID_ARRAY | offset array | elements
     if (mObj == nullptr || *mPtr != kArrayId) return VKTValue();
-    const vkt_u32 countWidth = vkt_u32(mPtr[1]) - kUnsignedIdBias;
-    const vkt_u32 count = readPacked(mPtr + 2, countWidth);
+    vkt_u32 count, width;
+    const vkt_u8* offsets = packedHead(mPtr + 1, &count, &width);
     if (index >= count) return VKTValue();
-    const vkt_u32 width = vkt_u32(mPtr[2 + countWidth]) - kUnsignedIdBias;
-    const vkt_u8* offsets = mPtr + 3 + countWidth;
     return VKTValue(mObj, offsets + count * width +
                               readPacked(offsets + index * width, width));
   }
@@ -366,6 +365,9 @@ class VKTValue {
   // The array id, and what an unsigned id exceeds its width by (checked
   // against the library's id table in container.cc).
   static const vkt_u8 kArrayId = 32;
+  static const vkt_u8 kObjectId = 33;
+  static const vkt_u8 kStringTagId = 21;  // 1-byte tag; 22 to 24: 2 to 4
+  static const vkt_u8 kDoubleId = 31;     // then 8 bytes, low byte first
   static const vkt_u32 kUnsignedIdBias = 12;
   static constexpr TypeTable makeTypeTable();  // value.cc
   // One packed number of `width` bytes, least significant first, 0 for a
@@ -386,13 +388,26 @@ class VKTValue {
         return 0;
     }
   }
+  // asDouble for every value that is no stored double (value.cc).
+  double numberAsDouble() const;
+  // The head of the packed array at `p` (count id | count | width id |
+  // entries): sets *count and *width and answers the first entry. A count id
+  // outside the family gives count 0, a width id outside it width 0 (every
+  // entry reads as 0), as the library's own array reader does.
+  static const vkt_u8* packedHead(const vkt_u8* p, vkt_u32* count,
+                                  vkt_u32* width) {
+    const vkt_u32 countWidth = vkt_u32(p[0]) - kUnsignedIdBias;
+    *count = readPacked(p + 1, countWidth);
+    const vkt_u32 w = vkt_u32(p[1 + countWidth]) - kUnsignedIdBias;
+    *width = w <= 4 ? w : 0;
+    return p + 2 + countWidth;
+  }
+  // elements() and members() on a version-1 object, whose offsets name
+  // (key tag, value) records.
+  VKTElementRange recordElements() const;
+  VKTMemberRange recordMembers() const;
   // The member with key tag `tag`; REQUIRES: an object view.
   bool findTag(vkt_u32 tag, VKTValue* value) const;
-  // The walk over an array's elements or an object's member values; the
-  // container's first array (offsets, or keys) has `count` entries of
-  // `width` bytes at `values` and ends at `behind`.
-  void setupElements(const vkt_u8* values, vkt_u32 count, vkt_u32 width,
-                     const vkt_u8* behind, VKTElementRange* range) const;
 
   const VKTObject* mObj;
   const vkt_u8* mPtr;
@@ -601,8 +616,7 @@ class VKTObject {
   static bool verify(const vkt_u8* p, vkt_size size);
   static bool verify(const vkt_u8* p, vkt_size size, VKTVerifyReport* report,
                      const VKTVerifyLimits* limits = nullptr);
-  static bool verify(const vkt_binary& image,
-                     VKTVerifyReport* report = nullptr,
+  static bool verify(const vkt_binary& image, VKTVerifyReport* report = nullptr,
                      const VKTVerifyLimits* limits = nullptr);
   // The same checks on an opened object, as it is now: the plain header copy
   // and the bytes in memory; stream payload ranges are checked against the
@@ -696,6 +710,10 @@ class VKTObject {
   std::string getKey(vkt_u32 keyTag) const;
   // Rebuilds the name of `keyTag` into *out, reusing its capacity.
   void getKeyInto(vkt_u32 keyTag, std::string* out) const;
+  // The same for `count` key tags packed at `width` bytes from `tags`, into
+  // out[0] to out[count - 1] (versions 2 and up: a key array).
+  void getKeysInto(const vkt_u8* tags, vkt_u32 width, vkt_u32 count,
+                   std::string* out) const;
   template <typename Emit>
   vkt_u32 climbKey(vkt_u32 keyTag, Emit emit) const;
   const char* sortedKey(vkt_u32 keyTag) const;
@@ -712,7 +730,6 @@ class VKTObject {
   void registerKeyTagToHashTable(const char* key, vkt_u32 keyTag, bool success,
                                  vkt_u32* hint) const;
 
-  const char* getString(vkt_u32 stringTag) const;
   const vkt_u8* getStream(vkt_u32 streamTag) const;
   const vkt_u8* getBStream(vkt_u32 streamTag) const;
   vkt_u32 streamSize(vkt_u32 streamTag) const;
@@ -723,25 +740,28 @@ class VKTObject {
   VKTReadStream* mReader = nullptr;  // owned; stream-backed images only
   vkt_offset mStreamOffset = 0;      // stream entity's offset in mReader
   const vkt_u8* mImage = nullptr;
-  vkt_u8 mHeader[56] = {};  // plain copy of the header (the largest is 56)
+  // Plain copy of the header (the largest is 56); loadHeader zeroes what a
+  // shorter header leaves.
+  vkt_u8 mHeader[56];
   vkt_u32 mImageSize = 0;
   vkt_alloc_type mAllocType = VKT_ALLOC_DUPLICATE;
   vkt_u32 mVersion = 0;
   vkt_u32 mFlags = 0;
-  const vkt_u8* mKeyOffsetArray = nullptr;
-  const vkt_u8* mKeyEntity = nullptr;
-  const vkt_u8* mStringOffsetArray = nullptr;
-  const vkt_u8* mStringEntity = nullptr;
-  const vkt_u8* mStreamOffsetArray = nullptr;
-  const vkt_u8* mStreamSizeArray = nullptr;
-  const vkt_u8* mStreamEntity = nullptr;
-  const vkt_u8* mBStreamOffsetArray = nullptr;
-  const vkt_u8* mBStreamSizeArray = nullptr;
-  const vkt_u8* mBStreamEntity = nullptr;
-  const vkt_u8* mRootValuePtr = nullptr;
-  const vkt_u8* mFilteredInfoBegin = nullptr;
-  const vkt_u8* mFilteredInfoEnd = nullptr;
-  vkt_u32 mTotalStreamEntitySize = 0;
+  // Section pointers, null for a section the version lacks. Every
+  // constructor sets all of them (decodeInfo) before anything reads one, so
+  // they carry no initialiser: an open stores each once.
+  const vkt_u8* mKeyOffsetArray;
+  const vkt_u8* mKeyEntity;
+  const vkt_u8* mStringOffsetArray;
+  const vkt_u8* mStringEntity;
+  const vkt_u8* mStreamOffsetArray;
+  const vkt_u8* mStreamSizeArray;
+  const vkt_u8* mStreamEntity;
+  const vkt_u8* mBStreamOffsetArray;
+  const vkt_u8* mBStreamSizeArray;
+  const vkt_u8* mBStreamEntity;
+  const vkt_u8* mRootValuePtr;
+  vkt_u32 mTotalStreamEntitySize;
   // The key cache: one chain per hash once it holds an entry, empty before
   // and while it is off. Lookups with a hint change both vectors although
   // they are const.
@@ -753,6 +773,53 @@ class VKTObject {
   std::vector<char> mKeyNames;
   std::vector<vkt_u32> mKeyNameStarts;
 };
+
+// A string value is its string tag id and a tag of 1 to 4 bytes; the tag
+// indexes the image's string offset array, whose entries count from the
+// string entity. Any other id reads as tag 0 (readPacked sees no width).
+inline const char* VKTValue::asString() const {
+  if (mObj == nullptr) return "";
+  const vkt_u32 tag = readPacked(mPtr + 1, vkt_u32(*mPtr) - kStringTagId + 1);
+  vkt_u32 count, width;
+  const vkt_u8* offsets = packedHead(mObj->mStringOffsetArray, &count, &width);
+  // An image without strings has no string 0 for a non-string value to name.
+  if (tag >= count) return "";
+  return reinterpret_cast<const char*>(mObj->mStringEntity) +
+         readPacked(offsets + tag * width, width);
+}
+
+// A stored double is read here; every other kind converts in the library.
+inline double VKTValue::asDouble() const {
+  if (mObj == nullptr || *mPtr != kDoubleId) return numberAsDouble();
+  // Bits reinterpreted, so NaN payloads and -0.0 survive.
+  const vkt_u64 bits =
+      vkt_u64(readPacked(mPtr + 5, 4)) << 32 | readPacked(mPtr + 1, 4);
+  double d;
+  std::memcpy(&d, &bits, sizeof(d));
+  return d;
+}
+
+// Set up inline, as every walk takes it once per container:
+//   array:              ID_ARRAY  | offset array | elements
+//   object (v2 and up): ID_OBJECT | key array | offset array | member values
+// Offsets count from the end of the offset array.
+inline VKTElementRange VKTValue::elements() const {
+  VKTElementRange range;
+  if (mObj == nullptr) return range;
+  const vkt_u8* p = mPtr + 1;
+  if (*mPtr == kObjectId) {
+    if (mObj->mVersion == 1) return recordElements();
+    vkt_u32 keys, keyWidth;
+    p = packedHead(p, &keys, &keyWidth) + keys * keyWidth;
+  } else if (*mPtr != kArrayId) {
+    return range;
+  }
+  VKTElementIterator& it = range.mBegin;
+  it.mObj = mObj;
+  it.mOffsets = packedHead(p, &range.mCount, &it.mWidth);
+  it.mEntity = it.mOffsets + range.mCount * it.mWidth;
+  return range;
+}
 
 inline void VKTMemberIterator::load() {
   if (mValues.mIndex >= mCount) return;

@@ -118,6 +118,9 @@ TEST(ContainerTest, LargeObjectsFindAndWalkEveryMemberWithoutAllocating) {
     for (int i = 0; i < 22000; ++i) root["o"][keys[0]][i] = 1000 + i;
     for (unsigned i = 1; i < n; ++i) root["o"][keys[i]] = i;
     VKTObject obj(VKTWriterObject().createImage(root));
+    vkt_members rebuilt;  // two-byte key tags, names from the key table
+    obj.root()["o"].getMemberNames(&rebuilt);
+    EXPECT_EQ(rebuilt, vkt_members(keys.begin(), keys.begin() + n));
     obj.decodeKeyNames();
     std::vector<VKTKey> prepared;
     for (unsigned i = 0; i < n; ++i)
@@ -134,6 +137,12 @@ TEST(ContainerTest, LargeObjectsFindAndWalkEveryMemberWithoutAllocating) {
     for (const VKTMember& m : o.members()) {
       EXPECT_EQ(m.name, keys[i]);
       EXPECT_EQ(m.value, o[prepared[i++]]);
+    }
+    EXPECT_EQ(i, n);
+    i = 0;  // member values by position, past two-byte key tags
+    for (VKTValue e : o.elements()) {
+      ASSERT_LT(i, n);
+      EXPECT_EQ(e, o[prepared[i++]]);
     }
     EXPECT_EQ(i, n);
     vkt_s64 sum = 0;

@@ -35,6 +35,7 @@ TEST(Value, ConversionMatrixNullViewAndIdentity) {
       {"1F 9C 75 00 88 3C E4 37 7E", F, true, INT32_MAX, INT64_MAX, INFINITY, 1e300},
       {"1F EA 8C A0 39 59 3E 29 C6", F, true, INT32_MIN, INT64_MIN, -1e30f, -1e30},
       {"1F 00 00 00 00 00 00 E0 43", F, true, INT32_MAX, INT64_MAX, 0x1p63, 0x1p63},
+      {"1F 00 00 00 00 00 00 00 80", F, false, 0, 0, -0.0, -0.0},
       // Unsigned numbers, tags, containers and non-ids do not convert.
       {"0D 05", N, false, 0, 0, 0, 0}, {"15 01", S, false, 0, 0, 0, 0}, {"19 01", T, false, 0, 0, 0, 0},
       {"22 01", T, false, 0, 0, 0, 0}, {"20 0D 01 0D 00 05 01", VKT_TYPE_ARRAY, false, 0, 0, 0, 0},
@@ -74,8 +75,9 @@ TEST(Value, AsStringGoesByTagAlone) {
   // clang-format off
   const struct { const char *root, *offsets, *strings, *want; } rows[] = {
       {"15 00", "0D 02 0D 00 03", "61 62 00 63 00", "ab"}, {"16 01 00", "0D 02 0D 00 03", "61 62 00 63 00", "c"},
-      {"15 02", "0D 02 0D 00 03", "61 62 00 63 00", ""}, {"05 07", "0D 02 0D 00 03", "61 62 00 63 00", "ab"},
-      {"05 07", "0D 00 0D", "", ""}};
+      {"17 01 00 00", "0D 02 0D 00 03", "61 62 00 63 00", "c"}, {"18 01 00 00 00", "0D 02 0D 00 03", "61 62 00 63 00", "c"},
+      {"19 01", "0D 02 0D 00 03", "61 62 00 63 00", "ab"}, {"15 02", "0D 02 0D 00 03", "61 62 00 63 00", ""},
+      {"05 07", "0D 02 0D 00 03", "61 62 00 63 00", "ab"}, {"05 07", "0D 00 0D", "", ""}};
   // clang-format on
   for (const auto& r : rows) {
     parts.root = hex(r.root);

@@ -170,6 +170,38 @@ const char* VKTObject::sortedKey(vkt_u32 keyTag) const {
          get_unsigned_array(&keyOffsetArray, keyTag);
 }
 
+namespace {
+
+// Rebuilds the name of `keyTag` into *out from a trie already set up (see
+// climb_key): filled from the back of a stack buffer in one climb; a name too
+// long for it is sized by a first climb and filled by a second. Either way
+// the string is allocated once at most, and never grows or reverses. A tag
+// beyond the table gives "".
+template <typename Base, typename Check>
+void rebuild_key(const key_trie& t, Base base, Check check, vkt_u32 keyTag,
+                 std::string* out) {
+  if (keyTag >= t.tail.valueNum) {
+    out->clear();
+    return;
+  }
+  const vkt_u32 leaf = get_unsigned_array(&t.tail, keyTag);
+  const vkt_u32 positions = t.check.valueNum;
+  char buffer[256];
+  char* p = buffer + sizeof(buffer);
+  const vkt_u32 length = climb_key(positions, leaf, base, check, [&](char c) {
+    if (p != buffer) *--p = c;
+  });
+  if (length <= sizeof(buffer)) {
+    out->assign(p, length);
+    return;
+  }
+  out->resize(length);
+  p = &(*out)[0] + length;
+  climb_key(positions, leaf, base, check, [&p](char c) { *--p = c; });
+}
+
+}  // namespace
+
 void VKTObject::getKeyInto(vkt_u32 keyTag, std::string* out) const {
   if (hasKeyNames()) {
     out->assign(keyName(keyTag));
@@ -177,22 +209,34 @@ void VKTObject::getKeyInto(vkt_u32 keyTag, std::string* out) const {
     const char* s = sortedKey(keyTag);
     out->assign(s != nullptr ? s : "");
   } else {
-    // Filled from the back of a stack buffer in one climb; a name too long
-    // for it is sized by a first climb and filled by a second. Either way
-    // the string is allocated once at most, and never grows or reverses.
-    char buffer[256];
-    char* p = buffer + sizeof(buffer);
-    const vkt_u32 length = climbKey(keyTag, [&](char c) {
-      if (p != buffer) *--p = c;
+    key_trie t;
+    setup_key_trie(&t, mKeyEntity);
+    with_trie_widths(t, [&](auto base, auto check) {
+      rebuild_key(t, base, check, keyTag, out);
     });
-    if (length <= sizeof(buffer)) {
-      out->assign(p, length);
-      return;
-    }
-    out->resize(length);
-    p = &(*out)[0] + length;
-    climbKey(keyTag, [&p](char c) { *--p = c; });
   }
+}
+
+void VKTObject::getKeysInto(const vkt_u8* tags, vkt_u32 width, vkt_u32 count,
+                            std::string* out) const {
+  if (hasKeyNames() || mVersion == 1) {
+    for (vkt_u32 i = 0; i < count; ++i) {
+      getKeyInto(read_packed(tags, width, i), &out[i]);
+    }
+    return;
+  }
+  // One trie setup and one width dispatch for the whole list.
+  key_trie t;
+  setup_key_trie(&t, mKeyEntity);
+  with_trie_widths(t, [&](auto base, auto check) {
+    with_width(width, [&](auto w) {
+      for (vkt_u32 i = 0; i < count; ++i) {
+        rebuild_key(t, base, check, read_packed<decltype(w)::value>(tags, i),
+                    &out[i]);
+      }
+      return 0;
+    });
+  });
 }
 
 std::string VKTObject::getKey(vkt_u32 keyTag) const {

@@ -7,7 +7,7 @@
 // turns each header offset into a pointer. It reads nothing but the header,
 // so it is safe on bytes that only decode has seen, and it stays a few
 // nanoseconds; a lookup sets up the few arrays it needs itself.
-#include <cstring>  // memcpy, memcmp
+#include <cstring>  // memcpy, memcmp, memset
 
 #include "vkt/format.h"
 #include "vkt/packed_array.h"
@@ -102,7 +102,18 @@ void VKTObject::loadHeader(const vkt_u8* header, VKTFilter* structFilter) {
   // Versions 1 and 2 have no flags word and filter their info range only.
   mFlags = mVersion < 3 ? VKT_FLAGS_FILTER_INFO
                         : read_16bit_unsigned(header + HEADER_OFST_FLAGS);
-  std::memcpy(mHeader, header, header_size_of_version(mVersion));
+  // One fixed-size copy per header size, which the compiler turns into a
+  // few moves instead of a library call.
+  if (mVersion >= 4) {
+    std::memcpy(mHeader, header, HEADER_SIZE_VER4);
+  } else if (mVersion == 3) {
+    std::memcpy(mHeader, header, HEADER_SIZE_VER3);
+    std::memset(mHeader + HEADER_SIZE_VER3, 0, HEADER_SIZE - HEADER_SIZE_VER3);
+  } else {
+    std::memcpy(mHeader, header, HEADER_SIZE_VER2);
+    std::memset(mHeader + HEADER_SIZE_VER2, 0, HEADER_SIZE - HEADER_SIZE_VER2);
+  }
+  static_assert(HEADER_SIZE_VER4 == sizeof(mHeader), "the largest header");
   if (structFilter != nullptr && (mFlags & VKT_FLAGS_FILTER_HEADER)) {
     filter_header(structFilter, mHeader, mVersion);
   }
@@ -130,8 +141,6 @@ void VKTObject::decodeInfo() {
   mBStreamSizeArray = section(SECTION_BSTREAM_SIZE_ARRAY);
   mBStreamEntity = section(SECTION_BSTREAM_ENTITY);
   mRootValuePtr = section(SECTION_ROOT_VALUE);
-  mFilteredInfoBegin = mKeyOffsetArray;
-  mFilteredInfoEnd = section(info_range_end_section(mVersion));
   mTotalStreamEntitySize =
       mImageSize - header_field(mHeader, HEADER_OFST_STREAM_ENTITY);
 }
@@ -153,8 +162,7 @@ void VKTObject::filterInfo(VKTFilter* structFilter) {
       mHeader, sSectionTable[info_range_end_section(mVersion)].field);
   if (begin > end || !in_image(begin, end - begin, frontPartSize())) return;
   // The bytes are ours or were handed over for writing (REFER, OWN).
-  structFilter->Filter(const_cast<vkt_u8*>(mFilteredInfoBegin),
-                       vkt_size(mFilteredInfoEnd - mFilteredInfoBegin));
+  structFilter->Filter(const_cast<vkt_u8*>(mImage) + begin, end - begin);
 }
 
 void VKTObject::preparePurge() {
@@ -236,15 +244,6 @@ VKTReadStream* build_reader(VKTReadStream* source, vkt_offset sourceEntity,
 }
 
 }  // namespace
-
-const char* VKTObject::getString(vkt_u32 stringTag) const {
-  unsigned_array a;
-  setup_unsigned_array(&a, mStringOffsetArray);
-  // An image without strings has no string 0 for a non-string value to name.
-  if (stringTag >= a.valueNum) return "";
-  return reinterpret_cast<const char*>(mStringEntity) +
-         get_unsigned_array(&a, stringTag);
-}
 
 const vkt_u8* VKTObject::getStream(vkt_u32 streamTag) const {
   if (mStreamEntity == nullptr) return nullptr;

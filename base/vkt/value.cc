@@ -60,26 +60,40 @@ T from_float(Float f) {
 
 // The numeric reading of a value: booleans as 0 and 1, integers converted
 // (a long integer narrowed to 32 bits keeps its low bits), floats by
-// from_float, every other kind 0. Each step converts straight from the
-// stored width to the target.
+// from_float, every other kind 0. One switch on the id byte picks kind and
+// width together, and each case converts straight from the stored width to
+// the target.
 template <typename T>
 T number(const VKTObject* obj, const vkt_u8* p) {
   if (obj == nullptr) return T(0);
-  switch (identify_value(p)) {
-    case TYPE_BOOL:
-      return T(parse_bool(p) ? 1 : 0);
-    case TYPE_INTEGER:
-      return T(parse_integer(p));
-    case TYPE_LONG_INTEGER: {
-      const vkt_s64 v = parse_long_integer(p);
-      if constexpr (std::is_same<T, vkt_s32>::value) return vkt_s32(vkt_u32(v));
-      return T(v);
-    }
-    case TYPE_SINGLE:
-      return from_float<T>(parse_single(p));
-    case TYPE_DOUBLE:
-      return from_float<T>(parse_double(p));
-    default:
+  const auto longInteger = [](vkt_s64 v) {
+    if constexpr (std::is_same<T, vkt_s32>::value) return vkt_s32(vkt_u32(v));
+    return T(v);
+  };
+  switch (*p) {
+    case ID_TRUE:
+      return T(1);
+    case ID_INTEGER8:
+      return T(read_8bit_integer(p + 1));
+    case ID_INTEGER16:
+      return T(read_16bit_integer(p + 1));
+    case ID_INTEGER24:
+      return T(read_24bit_integer(p + 1));
+    case ID_INTEGER32:
+      return T(read_32bit_integer(p + 1));
+    case ID_INTEGER40:
+      return longInteger(read_40bit_integer(p + 1));
+    case ID_INTEGER48:
+      return longInteger(read_48bit_integer(p + 1));
+    case ID_INTEGER56:
+      return longInteger(read_56bit_integer(p + 1));
+    case ID_INTEGER64:
+      return longInteger(read_64bit_integer(p + 1));
+    case ID_SINGLE_FLOAT:
+      return from_float<T>(read_single_float(p + 1));
+    case ID_DOUBLE_FLOAT:
+      return from_float<T>(read_double_float(p + 1));
+    default:  // false, integer 0, float 0, and every kind that is no number
       return T(0);
   }
 }
@@ -118,12 +132,7 @@ bool VKTValue::asBool() const {
 vkt_s32 VKTValue::asInt() const { return number<vkt_s32>(mObj, mPtr); }
 vkt_s64 VKTValue::asLongInt() const { return number<vkt_s64>(mObj, mPtr); }
 float VKTValue::asFloat() const { return number<float>(mObj, mPtr); }
-double VKTValue::asDouble() const { return number<double>(mObj, mPtr); }
-
-const char* VKTValue::asString() const {
-  if (mObj == nullptr) return "";
-  return mObj->getString(parse_string(mPtr));
-}
+double VKTValue::numberAsDouble() const { return number<double>(mObj, mPtr); }
 
 const vkt_u8* VKTValue::asStream() const {
   if (mObj == nullptr) return nullptr;
