@@ -135,8 +135,7 @@ static const section_layout sSectionTable[] = {
     {HEADER_OFST_STREAM_SIZE_ARRAY, 0, false},
     {HEADER_OFST_STREAM_ENTITY, 0, false},
 };
-static_assert(sizeof(sSectionTable) / sizeof(sSectionTable[0]) ==
-                  SECTION_COUNT,
+static_assert(sizeof(sSectionTable) / sizeof(sSectionTable[0]) == SECTION_COUNT,
               "one layout entry per section");
 
 static inline bool section_present(vkt_u32 section, vkt_u32 version) {
