@@ -102,6 +102,9 @@ class VKTObject;
 class VKTMemberRange;
 class VKTElementRange;
 class VKTWriterObject;
+class VKTWriterValue;
+// The implementation's accessor to the private parts below; not for users.
+class VKTInternal;
 
 // Bounds that VKTObject::verify holds an image to. A default-constructed
 // object gives the defaults, which every image of this library's writer
@@ -128,9 +131,6 @@ struct VKTVerifyReport {
   const char* reason = "";
   vkt_size offset = 0;
 };
-class VKTWriterValue;
-// The implementation's accessor to the private parts below; not for users.
-class VKTInternal;
 
 // Scrambles or unscrambles bytes in place; one operation serves both ways.
 // The writer and every reader call it on the same bytes in the same order
