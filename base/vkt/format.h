@@ -219,7 +219,7 @@ enum {
 };
 
 // Indexed by id byte. The byte 0 is no id; both tables hold 0 for it.
-static const vkt_u32 sIdTypeTable[] = {
+static constexpr vkt_u32 sIdTypeTable[] = {
     0,  // (none)
     TYPE_NULL,
     TYPE_BOOL,
@@ -262,7 +262,7 @@ static const vkt_u32 sIdTypeTable[] = {
 
 // The whole encoded size, id byte included. Containers store no size and
 // nothing asks for one, so they hold 0.
-static const vkt_u32 sIdValueSizeTable[] = {
+static constexpr vkt_u32 sIdValueSizeTable[] = {
     0,              // (none)
     1, 1, 1,        // null, true, false
     1, 2, 3, 4, 5,  // integer 0, 8, 16, 24, 32

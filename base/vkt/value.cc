@@ -16,7 +16,7 @@ namespace {
 
 // Internal kind to public kind, indexed by TYPE_*; the 0 of a non-id byte,
 // unsigned numbers and key tags read as null.
-const vkt_type sPublicTypeTable[] = {
+constexpr vkt_type sPublicTypeTable[] = {
     VKT_TYPE_NULL,     // (none)
     VKT_TYPE_NULL,     // TYPE_NULL
     VKT_TYPE_BOOL,     // TYPE_BOOL
