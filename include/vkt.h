@@ -130,6 +130,27 @@ struct VKTVerifyLimits {
 struct VKTVerifyReport {
   const char* reason = "";
   vkt_size offset = 0;
+
+  // What the image holds, filled when verify answers true (zero otherwise):
+  // the entries of the key, string, stream and bstream tables; the values a
+  // walk from the root visits, the root included and an encoding that
+  // several elements share counted once per element; and the deepest
+  // nesting (0 for a scalar root, 1 for a container of scalars).
+  vkt_u32 keys = 0;
+  vkt_u32 strings = 0;
+  vkt_u32 streams = 0;
+  vkt_u32 bstreams = 0;
+  vkt_u64 values = 0;
+  vkt_u32 depth = 0;
+};
+
+// One section of an image, as VKTObject::sections lists it.
+struct VKTSection {
+  const char* name;  // "root value", "stream entity", ...: static text
+  vkt_u32 offset;    // from the image's first byte, as the header says
+  // Bytes up to the next section or the image's end, the zero bytes that
+  // align an entity behind this section included.
+  vkt_u32 size;
 };
 
 // Scrambles or unscrambles bytes in place; one operation serves both ways.
@@ -246,6 +267,9 @@ class VKTValue {
   // Size of the payload in bytes, also when the bytes are gone; 0 for a value
   // that is no stream.
   vkt_u32 streamSize() const;
+  // True for a bstream: a payload kept in the front part of the image, which
+  // stays in memory through a purge. False for a stream and any other value.
+  bool isBoundStream() const;
   // A new reader over the payload, or null when it is neither in memory nor
   // in the source. The caller owns it, deletes it, and must do so before the
   // bytes it reads go (before a purge, before the VKTObject dies).
@@ -654,6 +678,13 @@ class VKTObject {
   const vkt_u8* image() const { return mImage; }
   // Bytes of the stream entity: the payloads and the padding between them.
   vkt_u32 totalStreamEntitySize() const { return mTotalStreamEntitySize; }
+  // The flags word as the header holds it (VKT_FLAGS_*). Versions 1 and 2
+  // have none and answer VKT_FLAGS_FILTER_INFO: a filter given at open runs
+  // over their info range.
+  vkt_u32 flags() const { return mFlags; }
+  // The sections this image's version has, in file order, read from the
+  // header copy. Trustworthy on a verified image only.
+  std::vector<VKTSection> sections() const;
 
   // Turns the key cache on or off. With it on, lookups that pass a hint
   // remember each key's verdict, so a repeated lookup skips the trie walk.

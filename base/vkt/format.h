@@ -120,20 +120,21 @@ struct section_layout {
   vkt_u32 field;
   vkt_u32 fromVersion;
   bool filtered;
+  const char* name;  // as VKTObject::sections reports it
 };
 
 static const section_layout sSectionTable[] = {
-    {HEADER_OFST_KEY_OFFSET_ARRAY, 0, true},
-    {HEADER_OFST_KEY_ENTITY, 0, true},
-    {HEADER_OFST_ROOT_VALUE, 0, true},
-    {HEADER_OFST_STRING_OFFSET_ARRAY, 0, true},
-    {HEADER_OFST_STRING_ENTITY, 0, true},
-    {HEADER_OFST_BSTREAM_OFFSET_ARRAY, 4, false},
-    {HEADER_OFST_BSTREAM_SIZE_ARRAY, 4, false},
-    {HEADER_OFST_BSTREAM_ENTITY, 4, false},
-    {HEADER_OFST_STREAM_OFFSET_ARRAY, 0, false},
-    {HEADER_OFST_STREAM_SIZE_ARRAY, 0, false},
-    {HEADER_OFST_STREAM_ENTITY, 0, false},
+    {HEADER_OFST_KEY_OFFSET_ARRAY, 0, true, "key offset array"},
+    {HEADER_OFST_KEY_ENTITY, 0, true, "key entity"},
+    {HEADER_OFST_ROOT_VALUE, 0, true, "root value"},
+    {HEADER_OFST_STRING_OFFSET_ARRAY, 0, true, "string offset array"},
+    {HEADER_OFST_STRING_ENTITY, 0, true, "string entity"},
+    {HEADER_OFST_BSTREAM_OFFSET_ARRAY, 4, false, "bstream offset array"},
+    {HEADER_OFST_BSTREAM_SIZE_ARRAY, 4, false, "bstream size array"},
+    {HEADER_OFST_BSTREAM_ENTITY, 4, false, "bstream entity"},
+    {HEADER_OFST_STREAM_OFFSET_ARRAY, 0, false, "stream offset array"},
+    {HEADER_OFST_STREAM_SIZE_ARRAY, 0, false, "stream size array"},
+    {HEADER_OFST_STREAM_ENTITY, 0, false, "stream entity"},
 };
 static_assert(sizeof(sSectionTable) / sizeof(sSectionTable[0]) == SECTION_COUNT,
               "one layout entry per section");

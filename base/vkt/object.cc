@@ -145,6 +145,19 @@ void VKTObject::decodeInfo() {
       mImageSize - header_field(mHeader, HEADER_OFST_STREAM_ENTITY);
 }
 
+std::vector<VKTSection> VKTObject::sections() const {
+  std::vector<VKTSection> result;
+  for (vkt_u32 s = 0; s < SECTION_COUNT; ++s) {
+    if (!section_present(s, mVersion)) continue;
+    const vkt_u32 offset = header_field(mHeader, sSectionTable[s].field);
+    // Each section runs to the next one's start.
+    if (!result.empty()) result.back().size = offset - result.back().offset;
+    result.push_back({sSectionTable[s].name, offset, 0});
+  }
+  result.back().size = mImageSize - result.back().offset;
+  return result;
+}
+
 vkt_u32 VKTObject::frontPartSize() const {
   const bool frontOnly = mReader != nullptr || mAllocType == VKT_ALLOC_PURGE ||
                          mAllocType == VKT_ALLOC_PURGE_REFER;

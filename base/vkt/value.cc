@@ -146,6 +146,10 @@ const vkt_u8* VKTValue::asStream() const {
   }
 }
 
+bool VKTValue::isBoundStream() const {
+  return mObj != nullptr && identify_value(mPtr) == TYPE_BSTREAM;
+}
+
 vkt_u32 VKTValue::streamSize() const {
   if (mObj == nullptr) return 0;
   switch (identify_value(mPtr)) {

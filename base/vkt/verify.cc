@@ -52,6 +52,19 @@ bool ImageVerifier::fail(const char* reason, vkt_u64 offset) {
 }
 
 bool ImageVerifier::run(bool plainOnly) {
+  if (!checks(plainOnly)) return false;
+  if (mReport != nullptr) {
+    mReport->keys = mKeyCount;
+    mReport->strings = mStringCount;
+    mReport->streams = mStreamCount;
+    mReport->bstreams = mBStreamCount;
+    mReport->values = mValues;
+    mReport->depth = mDepth;
+  }
+  return true;
+}
+
+bool ImageVerifier::checks(bool plainOnly) {
   return checkHeader(plainOnly) && checkSections() &&
          (mVersion == 1 ? checkSortedKeys() : checkDoubleArrayKeys()) &&
          checkStrings() &&

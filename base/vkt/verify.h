@@ -46,6 +46,7 @@ class ImageVerifier {
   // inside `r`; sets up *a when it is.
   bool packedArray(byte_range r, vkt_u64 at, unsigned_array* a);
 
+  bool checks(bool plainOnly);
   bool checkHeader(bool plainOnly);
   bool checkSections();
   byte_range section(vkt_u32 s) const;
@@ -70,6 +71,8 @@ class ImageVerifier {
   vkt_u32 mStringCount = 0;
   vkt_u32 mStreamCount = 0;
   vkt_u32 mBStreamCount = 0;
+  vkt_u64 mValues = 0;  // the walk's totals, for the report
+  vkt_u32 mDepth = 0;
 };
 
 // Inline: the value walk calls it once or twice per container.

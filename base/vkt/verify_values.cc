@@ -142,7 +142,10 @@ bool ImageVerifier::checkValues() {
 
   const vkt_u32 root = region.begin;
   if (!require(regionSize != 0, "empty root value", root)) return false;
-  if (!is_container_id(mImage[root])) return scalar(root, mImage[root]);
+  if (!is_container_id(mImage[root])) {
+    mValues = 1;
+    return scalar(root, mImage[root]);
+  }
   if (!require(mLimits.maxDepth >= 1, "nesting too deep", root) ||
       !open(root)) {
     return false;
@@ -156,6 +159,8 @@ bool ImageVerifier::checkValues() {
       memo[pos - root] = visits | vkt_u64(height) << kHeightShift;
       done[(pos - root) / 64] |= vkt_u64(1) << ((pos - root) % 64);
       if (--depth == 0) {
+        mValues = visits;
+        mDepth = height;
         return require(visits <= maxValues, "too many values (sharing)", pos);
       }
       if (!add(visits, height, pos)) return false;

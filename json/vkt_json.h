@@ -1,0 +1,89 @@
+// vkt_json: JSON text to vkt images and back. An optional library beside the
+// core (it needs simdjson); the `vkt` tool is built on it.
+//
+// JSON to tree (vkt_json_parse), so that results are predictable:
+//   integer that fits 32 bits   -> setInt
+//   any other integer           -> setLongInt; beyond the signed 64-bit
+//                                  range: an error when strict, else setDouble
+//   number with fraction or exponent -> setDouble
+//   string                      -> setString (invalid UTF-8 is always an
+//                                  error; a NUL inside is an error when strict,
+//                                  since readers see a string up to its NUL)
+//   object                      -> members by name; a duplicate name is an
+//                                  error when strict, else the last one wins
+//   {"$stream": "<base64>", "align": N, "bound": true|false}
+//                               -> setStream of the decoded bytes with that
+//                                  alignment (0 when absent), a bstream when
+//                                  bound; "$stream" alone is enough. An object
+//                                  with "$stream" and any other member, or
+//                                  with members of the wrong kind, is an error.
+//
+// Value to JSON (vkt_json_print), the other way round:
+//   integers as integers; floats and doubles in the shortest form that reads
+//   back to the same double, always with a '.' or an exponent so that they
+//   read back as doubles; strings escaped as JSON needs; streams and bstreams
+//   as the "$stream" object above, with "align" the largest power of two up to
+//   4096 that divides the payload's offset in the image (omitted when 1) and
+//   "bound" true for a bstream (omitted for a stream). So packing the printed
+//   text again gives every payload back, aligned at least as before.
+//   Non-finite floats and strings that are not valid UTF-8 are errors when
+//   strict; lax prints null and replaces each invalid byte with U+FFFD.
+//
+// Nothing here keeps a pointer to its arguments after a call returns. The
+// functions throw nothing: failures answer false and fill *error.
+#ifndef VKT_JSON_H_
+#define VKT_JSON_H_
+
+#include <cstddef>
+#include <string>
+
+#include "vkt.h"
+
+// Why a conversion failed.
+struct VKTJsonError {
+  std::string message;  // e.g. "duplicate member name \"id\""
+  // Parse: the byte offset in the JSON text where the fault lies (as close
+  // as the parser tells). Print: 0.
+  size_t offset = 0;
+  // Print: the path of the offending value, as `vkt get` takes it (e.g.
+  // statuses[3].geo); empty for the root and for parse errors.
+  std::string path;
+};
+
+struct VKTJsonParseOptions {
+  bool strict = true;
+};
+
+// Bytes the parser may read past the end of the text. A caller whose buffer
+// has this many readable bytes behind `size` (their values do not matter)
+// passes the larger `capacity` and saves a copy of the whole text.
+const size_t VKT_JSON_PADDING = 64;
+
+// Parses `size` bytes of JSON text at `text` into *root (replacing it).
+// `capacity` is how many bytes from `text` may be read; less than
+// size + VKT_JSON_PADDING makes the parser work on a copy. On failure *root
+// is left null and *error says why.
+bool vkt_json_parse(const char* text, size_t size, size_t capacity,
+                    VKTWriterValue* root, VKTJsonError* error,
+                    const VKTJsonParseOptions& options = VKTJsonParseOptions());
+
+struct VKTJsonPrintOptions {
+  bool pretty = false;  // two-space indent, one member or element per line
+  bool strict = true;
+};
+
+// Appends `value` as JSON text to *out. The value's VKTObject must have been
+// verified (VKTObject::verify) and hold its whole image in memory: stream
+// payloads are read in place and their alignment is measured from
+// object()->image(). On failure *out holds a partial text and *error says
+// why.
+bool vkt_json_print(const VKTValue& value, std::string* out,
+                    VKTJsonError* error,
+                    const VKTJsonPrintOptions& options = VKTJsonPrintOptions());
+
+// The "align" that print gives a stream or bstream value: the largest power
+// of two up to 4096 that divides its payload's offset in the image; 1 for
+// any other value or when the payload is not in memory.
+vkt_u32 vkt_json_stream_alignment(const VKTValue& stream);
+
+#endif  // VKT_JSON_H_
