@@ -42,6 +42,7 @@ inline vkt_u64 walk_value(VKTValue v, WalkState* state, int depth) {
   sum += touch(s, std::strlen(s));
   const vkt_u8* payload = v.asStream();
   if (payload != nullptr) sum += touch(payload, v.streamSize());
+  sum += v.isBoundStream();
   std::unique_ptr<VKTReadStream> reader(v.buildStreamReader());
   vkt_u8 buffer[256];
   for (vkt_size n; reader && (n = reader->Read(buffer, sizeof(buffer))) != 0;)
@@ -73,7 +74,9 @@ inline vkt_u64 walk_value(VKTValue v, WalkState* state, int depth) {
 inline vkt_u64 walk_object(VKTObject* object) {
   WalkState state;
   vkt_u64 sum = object->size() + object->version() + object->endian() +
-                object->totalStreamEntitySize() + object->isPurged();
+                object->totalStreamEntitySize() + object->isPurged() +
+                object->flags();
+  for (const VKTSection& s : object->sections()) sum += s.offset + s.size;
   // Every other walk goes through the key cache, which reads the same bytes.
   static unsigned walks = 0;
   const bool cached = walks++ % 2 == 1;

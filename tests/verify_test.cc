@@ -177,3 +177,49 @@ TEST(Verify, StreamBackedOpenReadsOnlyWhatTheSourceHolds) {
   EXPECT_LT(counter.largest(), 4 * huge.size() + 4096);
   EXPECT_FALSE(object.verify());
 }
+
+TEST(Verify, ReportsWhatTheImageHolds) {
+  // {"a": [[1, 2], [1, 2]], "b": "x", "c": "y", "s": stream, "t": bstream}:
+  // the two inner arrays share one encoding but count as values twice.
+  VKTWriterValue root, pair;
+  pair[0] = 1;
+  pair[1] = 2;
+  root["a"][0] = pair;
+  root["a"][1] = pair;
+  root["b"] = "x";
+  root["c"] = "y";
+  const vkt_u8 payload[] = {1, 2, 3};
+  root["s"].setStream(payload, 3, 16, VKT_ALLOC_DUPLICATE);
+  root["t"].setStream(payload, 2, 0, VKT_ALLOC_DUPLICATE,
+                      VKT_STREAM_FLAG_BOUND);
+  vkt_binary image = VKTWriterObject().createImage(root);
+  VKTVerifyReport report;
+  ASSERT_TRUE(VKTObject::verify(image, &report));
+  EXPECT_EQ(report.keys, 5u);
+  EXPECT_EQ(report.strings, 2u);
+  EXPECT_EQ(report.streams, 1u);
+  EXPECT_EQ(report.bstreams, 1u);
+  EXPECT_EQ(report.values, 1u + 1 + 2 * 3 + 4);  // root, a, pairs, others
+  EXPECT_EQ(report.depth, 3u);
+
+  VKTObject object(image);
+  EXPECT_FALSE(object.root()["s"].isBoundStream());
+  EXPECT_TRUE(object.root()["t"].isBoundStream());
+  EXPECT_FALSE(object.root()["b"].isBoundStream());
+  // Sections follow the header in file order and tile the rest of the image.
+  const std::vector<VKTSection> sections = object.sections();
+  ASSERT_EQ(sections.size(), 11u);  // version 4: bstreams
+  vkt_u32 at = HEADER_SIZE_VER4;
+  for (const VKTSection& s : sections) {
+    EXPECT_EQ(s.offset, at) << s.name;
+    at += s.size;
+  }
+  EXPECT_EQ(at, image.size());
+  EXPECT_STREQ(sections.back().name, "stream entity");
+  EXPECT_EQ(sections.back().size, object.totalStreamEntitySize());
+
+  image[sections[2].offset] = 0xFF;  // the root's id byte
+  EXPECT_FALSE(VKTObject::verify(image, &report));
+  EXPECT_EQ(report.values, 0u);
+  EXPECT_EQ(report.keys, 0u);
+}
