@@ -1,0 +1,1 @@
+#include "vkt_json.h"

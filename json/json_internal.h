@@ -1,0 +1,44 @@
+// Helpers shared by the parse and print halves of vkt_json: base64 for
+// stream payloads, UTF-8 checks, and JSON string quoting for messages and
+// paths. Internal to the library; nothing here is installed.
+#ifndef VKT_JSON_INTERNAL_H_
+#define VKT_JSON_INTERNAL_H_
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "vkt.h"
+
+// Characters base64 needs for `size` bytes: four per started group of three.
+inline size_t base64_encoded_size(size_t size) { return (size + 2) / 3 * 4; }
+
+// Writes the base64 of `size` bytes (standard alphabet, '=' padding) to
+// `out`, which has room for base64_encoded_size(size) characters; answers
+// the end of what it wrote.
+char* base64_encode(const vkt_u8* data, size_t size, char* out);
+
+// Decodes base64 text into *out (replacing it). Only the standard alphabet
+// with '=' padding to a multiple of four is taken, and the bits that padding
+// leaves over must be zero, so that every payload has one text. On failure
+// answers false, and *why is a static message and *where the offset of the
+// offending character in `text`.
+bool base64_decode(std::string_view text, vkt_binary* out, const char** why,
+                   size_t* where);
+
+// Length of the valid UTF-8 sequence at p[0..size), 0 when the bytes there
+// are no valid sequence (overlong forms, surrogates and code points beyond
+// U+10FFFF are invalid). REQUIRES: size > 0.
+size_t utf8_sequence_length(const unsigned char* p, size_t size);
+
+// Offset of the first byte of `text` that starts no valid UTF-8 sequence,
+// or text.size() when all of it is valid.
+size_t utf8_first_invalid(std::string_view text);
+
+// Appends `text` as a JSON string, quotes included. Bytes that are not
+// valid UTF-8 are copied as they are: this is for messages and paths, whose
+// text came out of a parser that checked it, or out of an image whose bytes
+// the printer checks on its own.
+void append_json_quoted(std::string_view text, std::string* out);
+
+#endif  // VKT_JSON_INTERNAL_H_
