@@ -1,1 +1,155 @@
-int main() { return 0; }
+// vkt: JSON to vkt images and back, and a look inside an image.
+//
+// Exit codes: 0 done, 1 a file could not be read, converted or written,
+// 2 a wrong command line.
+#include <cstdio>
+#include <cstring>  // strcmp
+#include <string>
+
+#include "tool.h"
+
+namespace {
+
+const OptionSpec sPackOptions[] = {{"output", 'o', true},
+                                   {"no-share", '\0', false},
+                                   {"endian", '\0', true},
+                                   {"lax", '\0', false},
+                                   {nullptr, '\0', false}};
+const OptionSpec sPrintOptions[] = {{"output", 'o', true},
+                                    {"pretty", '\0', false},
+                                    {"lax", '\0', false},
+                                    {nullptr, '\0', false}};
+const OptionSpec sGetOptions[] = {
+    {"pretty", '\0', false}, {"lax", '\0', false}, {nullptr, '\0', false}};
+const OptionSpec sInfoOptions[] = {{"json", '\0', false},
+                                   {nullptr, '\0', false}};
+const OptionSpec sVerifyOptions[] = {{"quiet", 'q', false},
+                                     {nullptr, '\0', false}};
+
+struct Command {
+  const char* name;
+  int (*run)(const Args&);
+  const OptionSpec* options;
+  size_t operands;  // positional arguments, exactly
+  const char* synopsis;
+  const char* help;
+};
+
+const Command sCommands[] = {
+    {"pack", cmd_pack, sPackOptions, 1,
+     "pack IN.json -o OUT.vkt [--no-share] [--endian big|little] [--lax]",
+     "Turns JSON text into an image, byte for byte what the library's writer\n"
+     "makes of the same tree.\n"
+     "  -o, --output FILE  the image; - writes to standard output (not a\n"
+     "                     terminal)\n"
+     "  --no-share         do not share equal elements of a container\n"
+     "  --endian ORDER     mark the image big or little (a version-4 image)\n"
+     "  --lax              accept duplicate names (the last wins), integers\n"
+     "                     beyond 64 bits (as doubles) and NUL in strings\n"},
+    {"unpack", cmd_unpack, sPrintOptions, 1,
+     "unpack IN.vkt [-o OUT.json] [--pretty] [--lax]",
+     "Prints the whole image as JSON. Streams and bstreams become\n"
+     "{\"$stream\": \"<base64>\", \"align\": N, \"bound\": true}, which pack\n"
+     "reads back.\n"
+     "  -o, --output FILE  write there (default: standard output)\n"
+     "  --pretty           indent two spaces, one member or element a line\n"
+     "  --lax              print non-finite floats as null and replace bytes\n"
+     "                     that are not UTF-8, instead of failing\n"},
+    {"info", cmd_info, sInfoOptions, 1, "info IN.vkt [--json]",
+     "Shows version, flags, byte order, sections, table sizes, depth, the\n"
+     "number of values and what sibling sharing saves.\n"
+     "  --json  one JSON object instead of text\n"},
+    {"verify", cmd_verify, sVerifyOptions, 1, "verify IN.vkt [-q]",
+     "Checks that every read of the image stays inside it. Prints\n"
+     "\"IN.vkt: ok\" and exits 0 when it does; else says why and where, and\n"
+     "exits 1.\n"
+     "  -q, --quiet  print nothing on success\n"},
+    {"get", cmd_get, sGetOptions, 2, "get IN.vkt PATH [--pretty] [--lax]",
+     "Prints one value as JSON, found by lookups in place.\n"
+     "PATH: names and indexes, e.g. statuses[3].user.screen_name; a name\n"
+     "holding . [ ] \" or \\ is quoted with JSON escapes: a[\"x.y\"][0].\n"
+     "An empty PATH or . is the whole image.\n"
+     "  --pretty, --lax  as for unpack\n"},
+};
+
+const char* const sUsageTail =
+    "Use - for standard input or output. vkt COMMAND --help tells more.\n"
+    "Exit status: 0 done, 1 failed (message on stderr), 2 wrong usage.\n";
+
+void print_usage(FILE* out) {
+  std::fprintf(out, "usage:\n");
+  for (const Command& c : sCommands)
+    std::fprintf(out, "  vkt %s\n", c.synopsis);
+  std::fprintf(out, "%s", sUsageTail);
+}
+
+const Command* find_command(const char* name) {
+  for (const Command& c : sCommands) {
+    if (std::strcmp(c.name, name) == 0) return &c;
+  }
+  return nullptr;
+}
+
+bool asks_for_help(int argc, char** argv, int first) {
+  for (int i = first; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--") == 0) return false;
+    if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0)
+      return true;
+  }
+  return false;
+}
+
+int run(const Command& command, int argc, char** argv) {
+  if (asks_for_help(argc, argv, 2)) {
+    std::printf("usage: vkt %s\n%s", command.synopsis, command.help);
+    return 0;
+  }
+  const Args args = parse_args(argc, argv, 2, command.options);
+  if (args.positional.size() != command.operands) {
+    usage_error(std::string(command.name) + " takes " +
+                (command.operands == 1 ? "one file" : "a file and a PATH") +
+                "\nusage: vkt " + command.synopsis);
+  }
+  return command.run(args);
+}
+
+int dispatch(int argc, char** argv) {
+  if (argc < 2) {
+    print_usage(stderr);
+    return kExitUsage;
+  }
+  const char* name = argv[1];
+  if (std::strcmp(name, "--help") == 0 || std::strcmp(name, "-h") == 0 ||
+      std::strcmp(name, "help") == 0) {
+    print_usage(stdout);
+    return 0;
+  }
+  if (std::strcmp(name, "--version") == 0) {
+    std::printf("vkt %s\n", VKT_VERSION);
+    return 0;
+  }
+  const Command* command = find_command(name);
+  if (command == nullptr) {
+    usage_error(std::string("unknown command '") + name +
+                "' (vkt --help lists them)");
+  }
+  return run(*command, argc, argv);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  int code;
+  try {
+    code = dispatch(argc, argv);
+  } catch (const ToolError& e) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "vkt: %s\n", e.message.c_str());
+    return e.code;
+  }
+  if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+    std::fprintf(stderr, "vkt: -: cannot write to standard output\n");
+    return kExitFailure;
+  }
+  return code;
+}

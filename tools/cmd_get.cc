@@ -1,0 +1,24 @@
+// vkt get IN.vkt PATH: one value as JSON, reached by lookups in place.
+#include "files.h"
+#include "image.h"
+#include "path.h"
+#include "print.h"
+#include "tool.h"
+
+int cmd_get(const Args& args) {
+  const std::string& path = args.positional[1];
+  std::vector<PathStep> steps;
+  std::string error;
+  if (!parse_path(path, &steps, &error)) {
+    usage_error("bad PATH '" + path + "': " + error);
+  }
+  const CheckedImage image(args.positional[0]);
+  VKTValue value;
+  const size_t found = resolve_path(image.root(), steps, &value);
+  if (found < steps.size()) {
+    fail(image.name(), "no value at " + path.substr(0, steps[found].end));
+  }
+  const std::string text = print_value(image.name(), value, args);
+  write_output("-", text.data(), text.size());
+  return 0;
+}

@@ -1,0 +1,167 @@
+// vkt info IN.vkt: what an image holds and how it is laid out, as aligned
+// text or (--json) as one JSON object.
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "image.h"
+#include "tool.h"
+#include "tree_from_image.h"
+
+namespace {
+
+// Counts what a writer produces without keeping the bytes.
+class CountingSink : public VKTWriteStream {
+ public:
+  using VKTWriteStream::Write;
+  vkt_u32 Offset() const override { return mSize; }
+  void Write(const vkt_u8*, vkt_u32 size) override { mSize += size; }
+
+ private:
+  vkt_u32 mSize = 0;
+};
+
+struct Sharing {
+  vkt_u64 shared;
+  vkt_u64 unshared;
+};
+
+// Writes the image's tree again with and without sibling sharing, in the
+// same version as the image (an endian mark forces version 4).
+Sharing measure_sharing(const CheckedImage& image) {
+  const VKTWriterValue tree = tree_from_image(image.root());
+  Sharing result;
+  for (bool optimize : {true, false}) {
+    VKTWriterObject writer;
+    writer.setOptimize(optimize);
+    if (image.object().version() >= 4)
+      writer.setEndian(image.object().endian());
+    CountingSink sink;
+    writer.writeImage(tree, sink);
+    (optimize ? result.shared : result.unshared) = sink.Offset();
+  }
+  return result;
+}
+
+// What each bit of the flags word means; bits 3 to 15 mean nothing.
+const char* const sFlagNames[] = {"header filter", "info filter",
+                                  "big-endian mark"};
+
+std::string flags_text(vkt_u32 flags) {
+  std::string text;
+  for (vkt_u32 bit = 0; bit < 16; ++bit) {
+    if (!(flags >> bit & 1)) continue;
+    if (!text.empty()) text += ", ";
+    text += bit < 3 ? sFlagNames[bit] : "bit " + std::to_string(bit);
+  }
+  return text.empty() ? "none" : text;
+}
+
+struct Info {
+  std::string file;
+  vkt_u32 size, version, flags;
+  bool bigEndian;
+  std::vector<VKTSection> sections;
+  VKTVerifyReport report;
+  Sharing sharing;
+};
+
+Info gather(const CheckedImage& image) {
+  const VKTObject& obj = image.object();
+  Info info{image.name(),
+            obj.size(),
+            obj.version(),
+            image.storedFlags(),
+            obj.endian() == VKT_ENDIAN_BIG,
+            obj.sections(),
+            image.report(),
+            measure_sharing(image)};
+  const vkt_u32 headerSize = info.sections.front().offset;
+  info.sections.insert(info.sections.begin(),
+                       VKTSection{"header", 0, headerSize});
+  return info;
+}
+
+double percent(vkt_u64 part, vkt_u64 whole) {
+  return whole == 0 ? 0.0 : 100.0 * double(part) / double(whole);
+}
+
+void print_text(const Info& in) {
+  const VKTVerifyReport& r = in.report;
+  std::printf("%-12s %s\n", "file", in.file.c_str());
+  std::printf("%-12s %u bytes\n", "size", in.size);
+  std::printf("%-12s %u\n", "version", in.version);
+  std::printf("%-12s 0x%04x (%s)\n", "flags", in.flags,
+              flags_text(in.flags).c_str());
+  std::printf("%-12s %s (a mark only: the bytes are little-endian)\n",
+              "byte order", in.bigEndian ? "big" : "little");
+  std::printf("%-12s %-22s %10s %10s\n", "sections", "", "offset", "size");
+  for (const VKTSection& s : in.sections) {
+    std::printf("%-12s %-22s %10u %10u\n", "", s.name, s.offset, s.size);
+  }
+  std::printf("%-12s %u\n%-12s %u\n%-12s %u\n%-12s %u\n", "keys", r.keys,
+              "strings", r.strings, "streams", r.streams, "bstreams",
+              r.bstreams);
+  std::printf("%-12s %llu\n%-12s %u\n", "values",
+              static_cast<unsigned long long>(r.values), "depth", r.depth);
+  const vkt_u64 saved = in.sharing.unshared > in.sharing.shared
+                            ? in.sharing.unshared - in.sharing.shared
+                            : 0;
+  std::printf("%-12s sibling sharing saves %llu bytes (%.1f%%)\n", "sharing",
+              static_cast<unsigned long long>(saved),
+              percent(saved, in.sharing.unshared));
+}
+
+// Names of files and sections are plain ASCII apart from the file name,
+// which is escaped as far as JSON needs.
+std::string json_string(const std::string& s) {
+  std::string out = "\"";
+  for (unsigned char c : s) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += char(c);
+    } else if (c < 0x20) {
+      char buf[8];
+      std::snprintf(buf, sizeof buf, "\\u%04x", c);
+      out += buf;
+    } else {
+      out += char(c);
+    }
+  }
+  return out + "\"";
+}
+
+void print_json(const Info& in) {
+  const VKTVerifyReport& r = in.report;
+  std::printf(
+      "{\"file\":%s,\"size\":%u,\"version\":%u,\"flags\":%u,"
+      "\"byte_order\":\"%s\",\"sections\":[",
+      json_string(in.file).c_str(), in.size, in.version, in.flags,
+      in.bigEndian ? "big" : "little");
+  for (size_t i = 0; i < in.sections.size(); ++i) {
+    const VKTSection& s = in.sections[i];
+    std::printf("%s{\"name\":\"%s\",\"offset\":%u,\"size\":%u}",
+                i == 0 ? "" : ",", s.name, s.offset, s.size);
+  }
+  std::printf(
+      "],\"keys\":%u,\"strings\":%u,\"streams\":%u,\"bstreams\":%u,"
+      "\"values\":%llu,\"depth\":%u,\"size_shared\":%llu,"
+      "\"size_unshared\":%llu}\n",
+      r.keys, r.strings, r.streams, r.bstreams,
+      static_cast<unsigned long long>(r.values), r.depth,
+      static_cast<unsigned long long>(in.sharing.shared),
+      static_cast<unsigned long long>(in.sharing.unshared));
+}
+
+}  // namespace
+
+int cmd_info(const Args& args) {
+  const CheckedImage image(args.positional[0]);
+  const Info info = gather(image);
+  if (args.has("json")) {
+    print_json(info);
+  } else {
+    print_text(info);
+  }
+  return 0;
+}

@@ -1,0 +1,12 @@
+// vkt verify IN.vkt: exit 0 when every reader operation is safe on the
+// image, else the reason and the byte at which it was found.
+#include <cstdio>
+
+#include "image.h"
+#include "tool.h"
+
+int cmd_verify(const Args& args) {
+  const CheckedImage image(args.positional[0]);
+  if (!args.has("quiet")) std::printf("%s: ok\n", image.name().c_str());
+  return 0;
+}

@@ -1,0 +1,173 @@
+// Inputs are mapped or read whole, never byte by byte; outputs go through
+// a temporary file and a rename.
+#include "files.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>  // strerror
+
+#include "tool.h"
+#include "vkt_json.h"
+
+const size_t InputFile::kPadding = VKT_JSON_PADDING;
+
+namespace {
+
+std::string os_error() { return std::strerror(errno); }
+
+// Closes a descriptor when the scope ends, unless it is one of ours to keep.
+struct FdCloser {
+  int fd;
+  ~FdCloser() {
+    if (fd > STDERR_FILENO) ::close(fd);
+  }
+};
+
+}  // namespace
+
+InputFile::InputFile(const std::string& path) : mName(path) {
+  int fd = STDIN_FILENO;
+  if (!is_std_stream(path)) {
+    fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) fail(path, os_error());
+  }
+  FdCloser closer{fd};
+  struct stat st;
+  if (::fstat(fd, &st) != 0) fail(path, os_error());
+  if (S_ISDIR(st.st_mode)) fail(path, std::strerror(EISDIR));
+  if (!S_ISREG(st.st_mode) || !map(fd, size_t(st.st_size))) readAll(fd);
+}
+
+InputFile::~InputFile() {
+  if (mMap != nullptr) ::munmap(mMap, mMapSize);
+}
+
+// Reserves zeroed anonymous pages for size + padding, then maps the file
+// over their front: the padding reads as zeros and needs no copy.
+bool InputFile::map(int fd, size_t size) {
+  const size_t page = size_t(::sysconf(_SC_PAGESIZE));
+  const size_t total = (size + kPadding + page - 1) / page * page;
+  void* base = ::mmap(nullptr, total, PROT_READ | PROT_WRITE,
+                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (base == MAP_FAILED) return false;
+  if (size != 0 && ::mmap(base, size, PROT_READ | PROT_WRITE,
+                          MAP_PRIVATE | MAP_FIXED, fd, 0) == MAP_FAILED) {
+    ::munmap(base, total);
+    return false;
+  }
+  mMap = base;
+  mMapSize = total;
+  mData = static_cast<vkt_u8*>(base);
+  mSize = size;
+  mCapacity = total;
+  return true;
+}
+
+// Pipes and terminals: read in blocks that double as the input grows.
+void InputFile::readAll(int fd) {
+  size_t used = 0;
+  mBuffer.resize(size_t(1) << 16);
+  for (;;) {
+    if (mBuffer.size() - used < kPadding + 4096) {
+      mBuffer.resize(mBuffer.size() * 2);
+    }
+    const ssize_t got =
+        ::read(fd, mBuffer.data() + used, mBuffer.size() - used - kPadding);
+    if (got == 0) break;
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      fail(mName, os_error());
+    }
+    used += size_t(got);
+  }
+  mData = mBuffer.data();
+  mSize = used;
+  mCapacity = mBuffer.size();
+}
+
+namespace {
+
+void write_all(int fd, const std::string& name, const void* data, size_t size) {
+  const char* p = static_cast<const char*>(data);
+  while (size > 0) {
+    const ssize_t put = ::write(fd, p, size);
+    if (put < 0) {
+      if (errno == EINTR) continue;
+      fail(name, os_error());
+    }
+    p += put;
+    size -= size_t(put);
+  }
+}
+
+// The temporary file of one output: removed again unless it was renamed.
+class TempFile {
+ public:
+  explicit TempFile(const std::string& target) : mTarget(target) {
+    const size_t slash = target.rfind('/');
+    const std::string dir =
+        slash == std::string::npos ? "." : target.substr(0, slash + 1);
+    const std::string base =
+        slash == std::string::npos ? target : target.substr(slash + 1);
+    mPath = (slash == std::string::npos ? "./" : dir) + "." + base + ".XXXXXX";
+    mFd = ::mkstemp(&mPath[0]);
+    if (mFd < 0) fail(target, os_error());
+    // mkstemp makes the file private; give it the mode a new file gets.
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    ::fchmod(mFd, 0666 & ~mask);
+  }
+  ~TempFile() {
+    if (mFd >= 0) ::close(mFd);
+    if (!mRenamed) ::unlink(mPath.c_str());
+  }
+  int fd() const { return mFd; }
+  void commit() {
+    if (::fsync(mFd) != 0) fail(mTarget, os_error());
+    const int fd = mFd;
+    mFd = -1;
+    if (::close(fd) != 0) fail(mTarget, os_error());
+    if (::rename(mPath.c_str(), mTarget.c_str()) != 0)
+      fail(mTarget, os_error());
+    mRenamed = true;
+  }
+
+ private:
+  std::string mTarget;
+  std::string mPath;
+  int mFd = -1;
+  bool mRenamed = false;
+};
+
+}  // namespace
+
+void write_output(const std::string& path, const void* data, size_t size) {
+  if (is_std_stream(path)) {
+    write_all(STDOUT_FILENO, path, data, size);
+    return;
+  }
+  TempFile temp(path);
+  write_all(temp.fd(), path, data, size);
+  temp.commit();
+}
+
+Progress::Progress(const std::string& name, size_t bytes)
+    : mName(name),
+      mBytes(bytes),
+      mOn(bytes > kThreshold && ::isatty(STDERR_FILENO)) {}
+
+Progress::~Progress() {
+  if (mOn) std::fprintf(stderr, "\r\033[K");
+}
+
+void Progress::stage(const char* what) {
+  if (!mOn) return;
+  std::fprintf(stderr, "\r\033[Kvkt: %s: %s (%zu MB)...", mName.c_str(), what,
+               mBytes >> 20);
+  std::fflush(stderr);
+}

@@ -1,0 +1,71 @@
+// Reading an input whole and writing an output all or nothing.
+#ifndef VKT_TOOLS_FILES_H_
+#define VKT_TOOLS_FILES_H_
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "vkttypes.h"
+
+// A whole input in memory: a regular file is mapped (privately, so that
+// writes stay ours), anything else ("-" for stdin, a pipe) is read in large
+// blocks. At least kPadding readable bytes follow the data, so the JSON
+// parser can work on it without a copy. Failures throw ToolError naming
+// the path as given.
+class InputFile {
+ public:
+  static const size_t kPadding;  // VKT_JSON_PADDING
+
+  explicit InputFile(const std::string& path);
+  ~InputFile();
+  InputFile(const InputFile&) = delete;
+  InputFile& operator=(const InputFile&) = delete;
+
+  const std::string& name() const { return mName; }
+  vkt_u8* data() { return mData; }
+  const vkt_u8* data() const { return mData; }
+  size_t size() const { return mSize; }
+  // Readable bytes from data(): size() + kPadding or more.
+  size_t capacity() const { return mCapacity; }
+
+ private:
+  bool map(int fd, size_t size);
+  void readAll(int fd);
+
+  std::string mName;
+  vkt_u8* mData = nullptr;
+  size_t mSize = 0;
+  size_t mCapacity = 0;
+  void* mMap = nullptr;  // the mapping, when there is one
+  size_t mMapSize = 0;
+  std::vector<vkt_u8> mBuffer;  // the data, when read
+};
+
+// True for "-", which names standard input or output.
+inline bool is_std_stream(const std::string& path) { return path == "-"; }
+
+// Writes `size` bytes to `path` ("-": standard output). A file is written
+// to a temporary name in the target's directory, flushed to disk and
+// renamed over the target, so that a failure leaves an existing target as
+// it was and no partial file behind. Throws ToolError naming `path`.
+void write_output(const std::string& path, const void* data, size_t size);
+
+// Tells a person at a terminal what a long run is doing: stage names on
+// stderr for inputs above kThreshold bytes, when stderr is a terminal;
+// silent otherwise. The line is cleared when the object goes.
+class Progress {
+ public:
+  static const size_t kThreshold = size_t(50) << 20;
+
+  Progress(const std::string& name, size_t bytes);
+  ~Progress();
+  void stage(const char* what);
+
+ private:
+  std::string mName;
+  size_t mBytes;
+  bool mOn;
+};
+
+#endif  // VKT_TOOLS_FILES_H_
