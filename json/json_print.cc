@@ -1,1 +1,356 @@
+// vkt_json_print: a value of a verified image as JSON text.
+//
+// One walk by position (members() and elements(), no lookups) appends into
+// the caller's string, grown by doubling and written through a raw pointer,
+// so a value costs no allocation. The walk recurses once per level: the
+// image has been verified, which bounds its nesting (VKTVerifyLimits::
+// maxDepth, at most 255).
+//
+// The path of a value, needed only for a message, is a chain of steps on
+// the stack, formatted when something fails.
+#include <simdjson.h>
+
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "json_internal.h"
 #include "vkt_json.h"
+
+namespace {
+
+// What a byte of a string becomes: 0 stays as it is, 'u' is written as
+// \u00XX, any other letter follows a backslash.
+struct EscapeTable {
+  char escape[256];
+};
+
+constexpr EscapeTable make_escape_table() {
+  EscapeTable t{};
+  for (int c = 0; c < 0x20; ++c) t.escape[c] = 'u';
+  t.escape['\b'] = 'b';
+  t.escape['\f'] = 'f';
+  t.escape['\n'] = 'n';
+  t.escape['\r'] = 'r';
+  t.escape['\t'] = 't';
+  t.escape['"'] = '"';
+  t.escape['\\'] = '\\';
+  return t;
+}
+
+constexpr EscapeTable sEscapes = make_escape_table();
+
+// U+FFFD, which lax printing puts in place of each byte that is not UTF-8.
+const char kReplacement[] = "\xEF\xBF\xBD";
+
+// The largest "align" printed: what the writer's alignment of a payload can
+// be told from its offset with any confidence.
+const vkt_u32 kMaxPrintedAlignment = 4096;
+
+// One step from the printed root down to the value being printed.
+struct PathStep {
+  const PathStep* parent;
+  std::string_view name;  // a member name, unless isIndex
+  vkt_u32 index;
+  bool isIndex;
+};
+
+// True when a member name can stand in a path as it is: not empty, and
+// none of the characters that the path syntax uses.
+bool is_plain_name(std::string_view name) {
+  return !name.empty() && name.find_first_of(".[]\"") == std::string_view::npos;
+}
+
+// `a.b[3].c`; a name that is not plain as `["a.b"]`.
+void append_path(const PathStep* step, std::string* out) {
+  if (step == nullptr) return;
+  append_path(step->parent, out);
+  if (step->isIndex) {
+    out->push_back('[');
+    out->append(std::to_string(step->index));
+    out->push_back(']');
+  } else if (is_plain_name(step->name)) {
+    if (step->parent != nullptr) out->push_back('.');
+    out->append(step->name);
+  } else {
+    out->push_back('[');
+    append_json_quoted(step->name, out);
+    out->push_back(']');
+  }
+}
+
+class JsonPrinter {
+ public:
+  JsonPrinter(std::string* out, const VKTJsonPrintOptions& options,
+              VKTJsonError* error)
+      : out_(out), pos_(out->size()), options_(options), error_(error) {}
+
+  bool print(const VKTValue& v) {
+    // A whole image prints to about its own size; start there.
+    if (v.object() != nullptr && v == v.root()) {
+      ensure(size_t(v.object()->size()) + v.object()->size() / 2);
+    }
+    const bool ok = value(v, nullptr, 0);
+    out_->resize(pos_);
+    return ok;
+  }
+
+ private:
+  bool value(const VKTValue& v, const PathStep* path, vkt_u32 depth) {
+    switch (v.type()) {
+      case VKT_TYPE_BOOL:
+        if (v.asBool()) {
+          append("true", 4);
+        } else {
+          append("false", 5);
+        }
+        return true;
+      case VKT_TYPE_INTEGER: {
+        ensure(24);
+        char* p = cursor();
+        pos_ += std::to_chars(p, p + 24, v.asLongInt()).ptr - p;
+        return true;
+      }
+      case VKT_TYPE_FLOAT:
+        return number(v.asDouble(), path);
+      case VKT_TYPE_STRING: {
+        const char* s = v.asString();
+        return string(std::string_view(s, std::strlen(s)), path);
+      }
+      case VKT_TYPE_STREAM:
+        return stream(v, path, depth);
+      case VKT_TYPE_ARRAY:
+        return array(v, path, depth);
+      case VKT_TYPE_OBJECT:
+        return object(v, path, depth);
+      default:  // null, and nothing else in a verified image
+        append("null", 4);
+        return true;
+    }
+  }
+
+  bool array(const VKTValue& v, const PathStep* path, vkt_u32 depth) {
+    const VKTElementRange elements = v.elements();
+    if (elements.empty()) {
+      append("[]", 2);
+      return true;
+    }
+    put('[');
+    PathStep step{path, std::string_view(), 0, true};
+    for (VKTValue element : elements) {
+      if (step.index != 0) put(',');
+      newline(depth + 1);
+      if (!value(element, &step, depth + 1)) return false;
+      ++step.index;
+    }
+    newline(depth);
+    put(']');
+    return true;
+  }
+
+  bool object(const VKTValue& v, const PathStep* path, vkt_u32 depth) {
+    const VKTMemberRange members = v.members();
+    if (members.empty()) {
+      append("{}", 2);
+      return true;
+    }
+    put('{');
+    bool first = true;
+    for (const VKTMember& m : members) {
+      if (!first) put(',');
+      first = false;
+      newline(depth + 1);
+      const PathStep step{path, m.name, 0, false};
+      if (!string(m.name, &step)) return false;
+      colon();
+      if (!value(m.value, &step, depth + 1)) return false;
+    }
+    newline(depth);
+    put('}');
+    return true;
+  }
+
+  // {"$stream":"<base64>","align":N,"bound":true}, without the defaults.
+  bool stream(const VKTValue& v, const PathStep* path, vkt_u32 depth) {
+    const vkt_u8* payload = v.asStream();
+    const vkt_u32 size = v.streamSize();
+    if (payload == nullptr && size != 0) {
+      return fail("stream payload is not in memory", path);
+    }
+    put('{');
+    newline(depth + 1);
+    append("\"$stream\"", 9);
+    colon();
+    ensure(base64_encoded_size(size) + 2);
+    put('"');
+    pos_ = base64_encode(payload, size, cursor()) - out_->data();
+    put('"');
+    const vkt_u32 alignment = vkt_json_stream_alignment(v);
+    if (alignment > 1) {
+      put(',');
+      newline(depth + 1);
+      append("\"align\"", 7);
+      colon();
+      ensure(12);
+      char* p = cursor();
+      pos_ += std::to_chars(p, p + 12, alignment).ptr - p;
+    }
+    if (v.isBoundStream()) {
+      put(',');
+      newline(depth + 1);
+      append("\"bound\"", 7);
+      colon();
+      append("true", 4);
+    }
+    newline(depth);
+    put('}');
+    return true;
+  }
+
+  // The shortest text that reads back to `d`, always as a double.
+  bool number(double d, const PathStep* path) {
+    if (!std::isfinite(d)) {
+      if (options_.strict) return fail("number is not finite", path);
+      append("null", 4);
+      return true;
+    }
+    ensure(32);
+    char* p = cursor();
+    char* end = std::to_chars(p, p + 30, d).ptr;
+    if (std::memchr(p, '.', end - p) == nullptr &&
+        std::memchr(p, 'e', end - p) == nullptr) {
+      *end++ = '.';
+      *end++ = '0';
+    }
+    pos_ += end - p;
+    return true;
+  }
+
+  bool string(std::string_view s, const PathStep* path) {
+    if (!simdjson::validate_utf8(s.data(), s.size())) {
+      if (options_.strict) return fail("string is not valid UTF-8", path);
+      return replacedString(s);
+    }
+    put('"');
+    escaped(s);
+    put('"');
+    return true;
+  }
+
+  // Copies `s` with the escapes JSON needs, runs of plain bytes at once.
+  void escaped(std::string_view s) {
+    static const char kHex[] = "0123456789abcdef";
+    const char* run = s.data();
+    const char* end = s.data() + s.size();
+    for (const char* q = run; q != end; ++q) {
+      const char e = sEscapes.escape[static_cast<unsigned char>(*q)];
+      if (e == 0) continue;
+      append(run, q - run);
+      run = q + 1;
+      ensure(6);
+      char* p = cursor();
+      p[0] = '\\';
+      p[1] = e;
+      if (e != 'u') {
+        pos_ += 2;
+        continue;
+      }
+      const unsigned char c = static_cast<unsigned char>(*q);
+      p[2] = '0';
+      p[3] = '0';
+      p[4] = kHex[c >> 4];
+      p[5] = kHex[c & 15];
+      pos_ += 6;
+    }
+    append(run, end - run);
+  }
+
+  // Lax: each byte that starts no valid sequence becomes U+FFFD.
+  bool replacedString(std::string_view s) {
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(s.data());
+    put('"');
+    size_t i = 0;
+    while (i < s.size()) {
+      const size_t n = utf8_sequence_length(p + i, s.size() - i);
+      if (n == 0) {
+        append(kReplacement, 3);
+        ++i;
+        continue;
+      }
+      escaped(s.substr(i, n));
+      i += n;
+    }
+    put('"');
+    return true;
+  }
+
+  void newline(vkt_u32 depth) {
+    if (!options_.pretty) return;
+    ensure(1 + 2 * size_t(depth));
+    char* p = cursor();
+    *p = '\n';
+    std::memset(p + 1, ' ', 2 * size_t(depth));
+    pos_ += 1 + 2 * size_t(depth);
+  }
+  void colon() {
+    if (options_.pretty) {
+      append(": ", 2);
+    } else {
+      put(':');
+    }
+  }
+
+  // Room for n more bytes behind pos_: the string is grown (by doubling)
+  // and written through a pointer; print trims it to pos_ at the end.
+  void ensure(size_t n) {
+    if (out_->size() - pos_ >= n) return;
+    size_t size = out_->size() < 256 ? 256 : 2 * out_->size();
+    if (size < pos_ + n) size = pos_ + n;
+    out_->resize(size);
+  }
+  char* cursor() { return &(*out_)[0] + pos_; }
+  void put(char c) {
+    ensure(1);
+    (*out_)[pos_++] = c;
+  }
+  void append(const char* p, size_t n) {
+    ensure(n);
+    if (n != 0) std::memcpy(cursor(), p, n);
+    pos_ += n;
+  }
+
+  bool fail(const char* message, const PathStep* path) {
+    error_->message = message;
+    error_->offset = 0;
+    error_->path.clear();
+    append_path(path, &error_->path);
+    return false;
+  }
+
+  std::string* out_;
+  size_t pos_;  // end of the text; out_ holds scratch bytes behind it
+  const VKTJsonPrintOptions& options_;
+  VKTJsonError* error_;
+};
+
+}  // namespace
+
+bool vkt_json_print(const VKTValue& value, std::string* out,
+                    VKTJsonError* error, const VKTJsonPrintOptions& options) {
+  JsonPrinter printer(out, options, error);
+  return printer.print(value);
+}
+
+vkt_u32 vkt_json_stream_alignment(const VKTValue& stream) {
+  if (stream.type() != VKT_TYPE_STREAM) return 1;
+  const vkt_u8* payload = stream.asStream();
+  if (payload == nullptr) return 1;
+  const size_t offset = size_t(payload - stream.object()->image());
+  // The lowest set bit of the offset; an offset of 0 is aligned to anything.
+  const size_t alignment = offset & (~offset + 1);
+  return alignment == 0 || alignment > kMaxPrintedAlignment
+             ? kMaxPrintedAlignment
+             : vkt_u32(alignment);
+}
