@@ -104,13 +104,18 @@ int run(const Command& command, int argc, char** argv) {
     std::printf("usage: vkt %s\n%s", command.synopsis, command.help);
     return 0;
   }
-  const Args args = parse_args(argc, argv, 2, command.options);
-  if (args.positional.size() != command.operands) {
-    usage_error(std::string(command.name) + " takes " +
-                (command.operands == 1 ? "one file" : "a file and a PATH") +
-                "\nusage: vkt " + command.synopsis);
+  try {
+    const Args args = parse_args(argc, argv, 2, command.options);
+    if (args.positional.size() != command.operands) {
+      usage_error(std::string(command.name) + " takes " +
+                  (command.operands == 1 ? "one file" : "a file and a PATH"));
+    }
+    return command.run(args);
+  } catch (ToolError& e) {
+    if (e.code == kExitUsage)
+      e.message += "\nusage: vkt " + std::string(command.synopsis);
+    throw;
   }
-  return command.run(args);
 }
 
 int dispatch(int argc, char** argv) {
@@ -131,7 +136,8 @@ int dispatch(int argc, char** argv) {
   const Command* command = find_command(name);
   if (command == nullptr) {
     usage_error(std::string("unknown command '") + name +
-                "' (vkt --help lists them)");
+                "': the commands are pack, unpack, info, verify and get "
+                "(vkt --help shows their usage)");
   }
   return run(*command, argc, argv);
 }

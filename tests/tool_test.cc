@@ -1,0 +1,313 @@
+// The vkt tool, run as a user runs it: its exit code, its output and what it
+// leaves on disk.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "vkt.h"
+#include "vkt_json.h"
+
+namespace {
+
+using nlohmann::json;
+
+struct Outcome {
+  int code;
+  std::string out;
+  std::string err;
+};
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void write_file(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+class ToolTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    char dir[] = "/tmp/vkt_tool_test.XXXXXX";
+    ASSERT_NE(::mkdtemp(dir), nullptr);
+    sDir = dir;
+  }
+  static void TearDownTestSuite() {
+    ASSERT_EQ(std::system(("rm -rf " + sDir).c_str()), 0);
+  }
+  static std::string at(const std::string& name) { return sDir + "/" + name; }
+
+  // Runs the tool with `args`, standard input from `input` when given.
+  static Outcome vkt(const std::vector<std::string>& args,
+                     const std::string& input = "/dev/null") {
+    const std::string out = at("stdout"), err = at("stderr");
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      std::vector<char*> argv{const_cast<char*>(VKT_TOOL_PATH)};
+      for (const std::string& a : args)
+        argv.push_back(const_cast<char*>(a.c_str()));
+      argv.push_back(nullptr);
+      ::dup2(::open(input.c_str(), O_RDONLY), 0);
+      ::dup2(::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
+      ::dup2(::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
+      ::execv(VKT_TOOL_PATH, argv.data());
+      ::_exit(127);
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(out),
+            read_file(err)};
+  }
+
+  // Packs JSON text into an image file; answers its path.
+  static std::string pack(const std::string& name, const std::string& text) {
+    write_file(at(name + ".json"), text);
+    const Outcome r =
+        vkt({"pack", at(name + ".json"), "-o", at(name + ".vkt")});
+    EXPECT_EQ(r.code, 0) << r.err;
+    return at(name + ".vkt");
+  }
+
+  static std::string sDir;
+};
+std::string ToolTest::sDir;
+
+const char* const kSamples[] = {"twitter", "citm_catalog", "canada"};
+
+std::string sample(const char* name) {
+  return std::string(VKT_DATA_DIR) + "/" + name + ".json";
+}
+
+// What the library's own writer makes of the same text.
+vkt_binary library_image(const std::string& text, bool share,
+                         const char* endian) {
+  VKTWriterValue root;
+  VKTJsonError error;
+  EXPECT_TRUE(
+      vkt_json_parse(text.data(), text.size(), text.size(), &root, &error))
+      << error.message;
+  VKTWriterObject writer;
+  writer.setOptimize(share);
+  if (endian != nullptr) {
+    writer.setEndian(std::string(endian) == "big" ? VKT_ENDIAN_BIG
+                                                  : VKT_ENDIAN_LITTLE);
+  }
+  return writer.createImage(root);
+}
+
+TEST_F(ToolTest, PackUnpackRoundTripsEverySample) {
+  for (const char* name : kSamples) {
+    SCOPED_TRACE(name);
+    const std::string text = read_file(sample(name));
+    if (text.empty()) GTEST_SKIP() << "no sample documents";
+    const Outcome packed = vkt({"pack", sample(name), "-o", at("s.vkt")});
+    ASSERT_EQ(packed.code, 0) << packed.err;
+    const vkt_binary expected = library_image(text, true, nullptr);
+    EXPECT_EQ(read_file(at("s.vkt")),
+              std::string(expected.begin(), expected.end()));
+    const Outcome unpacked = vkt({"unpack", at("s.vkt")});
+    ASSERT_EQ(unpacked.code, 0) << unpacked.err;
+    EXPECT_EQ(unpacked.out.back(), '\n');
+    EXPECT_EQ(json::parse(unpacked.out), json::parse(text));
+  }
+}
+
+// Writer settings reach the image, and "-" reads stdin and writes stdout.
+TEST_F(ToolTest, PackOptionsGiveTheWritersBytes) {
+  const std::string text = R"({"a":[1,1,1,{"x":[2,2]},{"x":[2,2]}],"b":"s"})";
+  write_file(at("opt.json"), text);
+  struct Case {
+    std::vector<std::string> options;
+    bool share;
+    const char* endian;
+  };
+  const Case cases[] = {{{}, true, nullptr},
+                        {{"--no-share"}, false, nullptr},
+                        {{"--endian", "big"}, true, "big"},
+                        {{"--endian=little", "--no-share"}, false, "little"}};
+  for (const Case& c : cases) {
+    std::vector<std::string> args{"pack", "-", "-o", "-"};
+    args.insert(args.end(), c.options.begin(), c.options.end());
+    const Outcome r = vkt(args, at("opt.json"));
+    ASSERT_EQ(r.code, 0) << r.err;
+    const vkt_binary expected = library_image(text, c.share, c.endian);
+    EXPECT_EQ(r.out, std::string(expected.begin(), expected.end()))
+        << ::testing::PrintToString(c.options);
+  }
+}
+
+// Payloads, alignments and the bound flag come back through unpack and pack.
+TEST_F(ToolTest, StreamsSurviveUnpackAndPack) {
+  const std::string image =
+      pack("streams", R"({"s":{"$stream":"AAECAw==","align":64},
+                    "b":{"$stream":"/w==","align":16,"bound":true}})");
+  const Outcome first = vkt({"unpack", image, "-o", at("streams2.json")});
+  ASSERT_EQ(first.code, 0) << first.err;
+  const json doc = json::parse(read_file(at("streams2.json")));
+  EXPECT_EQ(doc["s"]["$stream"], "AAECAw==");
+  EXPECT_EQ(doc["s"]["align"].get<int>() % 64, 0);
+  EXPECT_EQ(doc["b"]["bound"], true);
+  ASSERT_EQ(vkt({"pack", at("streams2.json"), "-o", at("streams3.vkt")}).code,
+            0);
+  EXPECT_EQ(json::parse(vkt({"unpack", at("streams3.vkt")}).out), doc);
+
+  const Outcome info = vkt({"info", image});
+  ASSERT_EQ(info.code, 0) << info.err;
+  EXPECT_NE(info.out.find("streams      1\n"), std::string::npos) << info.out;
+  EXPECT_NE(info.out.find("bstreams     1\n"), std::string::npos) << info.out;
+  EXPECT_NE(info.out.find("version      4\n"), std::string::npos) << info.out;
+  EXPECT_NE(info.out.find("sibling sharing saves"), std::string::npos);
+  const json infoJson = json::parse(vkt({"info", image, "--json"}).out);
+  EXPECT_EQ(infoJson["bstreams"], 1);
+  EXPECT_EQ(infoJson["size"], read_file(image).size());
+}
+
+TEST_F(ToolTest, GetFollowsPaths) {
+  const std::string image = pack("get", R"({
+      "statuses": [{"user": {"screen_name": "ann", "id": 7}}, 2.5],
+      "a.b": {"x[y]": [true, {"q\"": null}]}, "": 5, "\u00e9": "e",
+      "n": {"1": "one"}})");
+  struct Case {
+    const char* path;
+    const char* value;
+  };
+  const Case cases[] = {
+      {"statuses[0].user.screen_name", "\"ann\""},
+      {".statuses[1]", "2.5"},
+      {"[\"statuses\"][0][\"user\"].id", "7"},
+      {"[\"a.b\"][\"x[y]\"][1][\"q\\\"\"]", "null"},
+      {"[\"\"]", "5"},
+      {"\xc3\xa9", "\"e\""},
+      {"[\"\\u00e9\"]", "\"e\""},
+      {"n.1", "\"one\""},
+      {"statuses[0].user", R"({"id":7,"screen_name":"ann"})"},
+  };
+  for (const Case& c : cases) {
+    const Outcome r = vkt({"get", image, c.path});
+    EXPECT_EQ(r.code, 0) << c.path << ": " << r.err;
+    EXPECT_EQ(r.out, std::string(c.value) + "\n") << c.path;
+  }
+  EXPECT_EQ(json::parse(vkt({"get", image, "."}).out),
+            json::parse(vkt({"get", image, ""}).out));
+}
+
+TEST_F(ToolTest, GetNamesTheStepThatFailed) {
+  const std::string image = pack("miss", R"({"a": {"b": [1, 2]}})");
+  struct Case {
+    const char* path;
+    int code;
+    const char* message;
+  };
+  const Case cases[] = {
+      {"a.nope.deeper", 1, ": no value at a.nope\n"},
+      {"a.b[2]", 1, ": no value at a.b[2]\n"},
+      {"a[0]", 1, ": no value at a[0]\n"},
+      {"a.b.c", 1, ": no value at a.b.c\n"},
+      {"a..b", 2, "bad PATH 'a..b': empty name"},
+      {"a[", 2, "expected an index"},
+      {"a[x]", 2, "expected an index"},
+      {"[\"a", 2, "unterminated name"},
+      {"a]", 2, "needs a quoted name"},
+      {"a[99999999999]", 2, "index too large"},
+  };
+  for (const Case& c : cases) {
+    const Outcome r = vkt({"get", image, c.path});
+    EXPECT_EQ(r.code, c.code) << c.path;
+    EXPECT_EQ(r.err.rfind("vkt: ", 0), 0u) << r.err;
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+  }
+}
+
+// Each bad input fails with a message of its own, and the output file that
+// was there stays as it was.
+TEST_F(ToolTest, BadInputsFailCleanly) {
+  const std::string good = read_file(pack("good", R"({"k":[1,"two",3.5]})"));
+  const size_t root = vkt_u8(good[36]) | vkt_u8(good[37]) << 8;
+  auto damaged = [&](size_t at, char byte) {
+    std::string bytes = good;
+    bytes[at] = byte;
+    return bytes;
+  };
+  ::mkdir(at("dir").c_str(), 0755);
+  const std::string out = at("out"), missingDir = at("nodir/out");
+  struct Case {
+    const char* command;
+    std::string input;  // written to the input file, unless `path` is set
+    const char* path;
+    int code;
+    std::string message;
+  };
+  const Case cases[] = {
+      {"pack", "{\"a\":", nullptr, 1, ""},
+      {"pack", "{\"a\":1,\"a\":2}", nullptr, 1, "duplicate"},
+      {"pack", "", nullptr, 1, ""},
+      {"unpack", "", nullptr, 1, "not a vkt image (empty file)"},
+      {"unpack", good.substr(0, good.size() / 2), nullptr, 1, "truncated"},
+      {"unpack", damaged(10, 0x7F), nullptr, 1, "header checksum"},
+      {"unpack", damaged(root, char(0xFF)), nullptr, 1,
+       "damaged image: not a value id at byte " + std::to_string(root)},
+      {"unpack", damaged(0, 'X'), nullptr, 1, "not a vkt image (wrong magic)"},
+      {"unpack", damaged(4, 9), nullptr, 1, "unsupported version 9"},
+      {"unpack", damaged(6, 1), nullptr, 1, "filtered image"},
+      {"unpack", "", "missing", 1, "No such file or directory"},
+      {"unpack", "", "dir", 1, "Is a directory"},
+      {"unpack", good, nullptr, 2, "unknown option --bogus"},
+      {"verify", damaged(root, char(0xFF)), nullptr, 1, "not a value id"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.message);
+    const std::string in = at(c.path != nullptr ? c.path : "bad.in");
+    if (c.path == nullptr) write_file(in, c.input);
+    write_file(out, "keep me");
+    std::vector<std::string> args{c.command, in};
+    if (std::string(c.command) != "verify")
+      args.insert(args.end(), {"-o", out});
+    if (c.code == 2) args.push_back("--bogus");
+    const Outcome r = vkt(args);
+    EXPECT_EQ(r.code, c.code);
+    EXPECT_EQ(r.err.rfind("vkt: ", 0), 0u) << r.err;
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+    EXPECT_EQ(read_file(out), "keep me");
+  }
+  const Outcome r = vkt({"pack", at("good.json"), "-o", missingDir});
+  EXPECT_EQ(r.code, 1);
+  EXPECT_EQ(r.err, "vkt: " + missingDir + ": No such file or directory\n");
+}
+
+TEST_F(ToolTest, VerifyAndUsage) {
+  const std::string image = pack("v", "[1,2,3]");
+  EXPECT_EQ(vkt({"verify", image}).out, image + ": ok\n");
+  EXPECT_EQ(vkt({"verify", "-q", image}).out, "");
+  struct Case {
+    std::vector<std::string> args;
+    int code;
+    bool toStdout;
+  };
+  const Case cases[] = {
+      {{"--help"}, 0, true},
+      {{"get", "--help"}, 0, true},
+      {{}, 2, false},
+      {{"frob"}, 2, false},
+      {{"info"}, 2, false},
+      {{"pack", image}, 2, false},
+      {{"pack", image, "-o", "x", "--endian", "odd"}, 2, false}};
+  for (const Case& c : cases) {
+    const Outcome r = vkt(c.args);
+    SCOPED_TRACE(::testing::PrintToString(c.args));
+    EXPECT_EQ(r.code, c.code);
+    EXPECT_NE((c.toStdout ? r.out : r.err).find("usage"), std::string::npos)
+        << r.out << r.err;
+  }
+}
+
+}  // namespace
