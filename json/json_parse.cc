@@ -6,7 +6,6 @@
 // straight into its node of the tree; nothing is built twice.
 #include <simdjson.h>
 
-#include <charconv>
 #include <cstring>
 #include <deque>
 #include <memory>
@@ -325,8 +324,7 @@ class TreeBuilder {
     }
     if (type == od::number_type::signed_integer) {
       vkt_s64 i;
-      auto e = v.get_int64().get(i);
-      if (e == simdjson::SUCCESS) {
+      if (v.get_int64().get(i) == simdjson::SUCCESS) {
         if (i >= INT32_MIN && i <= INT32_MAX) {
           node->setInt(vkt_s32(i));
         } else {
@@ -338,22 +336,19 @@ class TreeBuilder {
         }
         return true;
       }
-      if (e != simdjson::NUMBER_ERROR) return failed(e);
     }
-    // Unsigned from 2^63 on, or too many digits for 64 bits at all.
-    const std::string_view token = token_of(v);
-    if (!is_integer_token(token)) {
-      vkt_u64 unused;
-      auto e = v.get_uint64().get(unused);
+    // An integer from 2^63 on, below -2^63, or of too many digits for 64
+    // bits at all; anything else that reaches here is no number.
+    if (!is_integer_token(token_of(v))) {
+      double unused;
+      auto e = v.get_double().get(unused);
       return failed(e == simdjson::SUCCESS ? simdjson::NUMBER_ERROR : e);
     }
     if (strict_) {
       return fail("integer beyond the signed 64-bit range", offset);
     }
-    double d = 0;
-    const std::from_chars_result r =
-        std::from_chars(token.data(), token.data() + token.size(), d);
-    if (r.ec != std::errc()) return fail("number out of range", offset);
+    double d;
+    if (auto e = v.get_double().get(d)) return failed(e);
     node->setDouble(d);
     return true;
   }

@@ -209,23 +209,61 @@ class JsonPrinter {
     return true;
   }
 
-  // The shortest text that reads back to `d`, always as a double.
+  // The shortest digits that read back to `d`, laid out as JavaScript
+  // does (plain from 1e-7 up to 1e21, with an exponent outside), and always
+  // with a '.' or an exponent, so that the text reads back as a double.
   bool number(double d, const PathStep* path) {
     if (!std::isfinite(d)) {
       if (options_.strict) return fail("number is not finite", path);
       append("null", 4);
       return true;
     }
+    char sci[32];  // [-]d[.ddd]e(+|-)xx
+    const char* end =
+        std::to_chars(sci, sci + sizeof(sci), d, std::chars_format::scientific)
+            .ptr;
+    const char* e = static_cast<const char*>(std::memchr(sci, 'e', end - sci));
+    int exponent = 0;
+    std::from_chars(e + (e[1] == '+' ? 2 : 1), end, exponent);
+    const bool negative = sci[0] == '-';
+    char digits[20];  // at most 17 significant digits
+    int count = 0;
+    for (const char* q = sci + negative; q != e; ++q) {
+      if (*q != '.') digits[count++] = *q;
+    }
     ensure(32);
     char* p = cursor();
-    char* end = std::to_chars(p, p + 30, d).ptr;
-    if (std::memchr(p, '.', end - p) == nullptr &&
-        std::memchr(p, 'e', end - p) == nullptr) {
-      *end++ = '.';
-      *end++ = '0';
+    char* start = p;
+    if (negative) *p++ = '-';
+    const int point = exponent + 1;  // digits in front of the '.'
+    if (point > 21 || point < -5) {
+      *p++ = digits[0];
+      if (count > 1) {
+        *p++ = '.';
+        p = copy(p, digits + 1, count - 1);
+      }
+      *p++ = 'e';
+      *p++ = exponent < 0 ? '-' : '+';
+      p = std::to_chars(p, p + 4, exponent < 0 ? -exponent : exponent).ptr;
+    } else if (point <= 0) {
+      p = copy(p, "0.000000", 2 - point);
+      p = copy(p, digits, count);
+    } else if (point >= count) {
+      p = copy(p, digits, count);
+      std::memset(p, '0', point - count);
+      p += point - count;
+      p = copy(p, ".0", 2);
+    } else {
+      p = copy(p, digits, point);
+      *p++ = '.';
+      p = copy(p, digits + point, count - point);
     }
-    pos_ += end - p;
+    pos_ += p - start;
     return true;
+  }
+  static char* copy(char* p, const char* from, size_t n) {
+    std::memcpy(p, from, n);
+    return p + n;
   }
 
   bool string(std::string_view s, const PathStep* path) {

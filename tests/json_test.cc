@@ -1,0 +1,376 @@
+// vkt_json: JSON text to images and back.
+#include <cmath>
+#include <fstream>
+#include <functional>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+
+#include "gtest/gtest.h"
+#include "vkt.h"
+#include "vkt_json.h"
+
+namespace {
+
+typedef std::function<void(VKTWriterValue*)> TreeMaker;
+
+vkt_binary image_of(const VKTWriterValue& tree) {
+  return VKTWriterObject().createImage(tree);
+}
+
+vkt_binary make_image(const TreeMaker& make) {
+  VKTWriterValue tree;
+  make(&tree);
+  return image_of(tree);
+}
+
+bool parse(const std::string& text, VKTWriterValue* tree, VKTJsonError* error,
+           bool strict = true) {
+  VKTJsonParseOptions options;
+  options.strict = strict;
+  return vkt_json_parse(text.data(), text.size(), text.size(), tree, error,
+                        options);
+}
+
+// Prints the root of an image after verifying it as the tool does.
+bool print(const vkt_binary& image, std::string* out, VKTJsonError* error,
+           bool strict = true, bool pretty = false) {
+  VKTVerifyLimits limits;
+  limits.maxDepth = VKT_JSON_MAX_DEPTH;
+  EXPECT_TRUE(VKTObject::verify(image, nullptr, &limits));
+  VKTObject object(image.data(), vkt_u32(image.size()), VKT_ALLOC_REFER);
+  VKTJsonPrintOptions options;
+  options.strict = strict;
+  options.pretty = pretty;
+  return vkt_json_print(object.root(), out, error, options);
+}
+
+std::string print_tree(const TreeMaker& make, bool strict = true) {
+  std::string out;
+  VKTJsonError error;
+  if (!print(make_image(make), &out, &error, strict)) {
+    return "error: " + error.message + " at " + error.path;
+  }
+  return out;
+}
+
+// Equal as parsed JSON, with an integer never equal to a double.
+bool same_json(const nlohmann::json& a, const nlohmann::json& b) {
+  if (a.type() != b.type() || a.size() != b.size()) return false;
+  if (a.is_object()) {
+    for (auto ia = a.begin(), ib = b.begin(); ia != a.end(); ++ia, ++ib) {
+      if (ia.key() != ib.key() || !same_json(ia.value(), ib.value())) {
+        return false;
+      }
+    }
+    return true;
+  }
+  if (a.is_array()) {
+    for (size_t i = 0; i < a.size(); ++i) {
+      if (!same_json(a[i], b[i])) return false;
+    }
+    return true;
+  }
+  return a == b;
+}
+
+TEST(JsonRoundTrip, SampleDocumentsPrintBackAsTheSameJson) {
+  for (const char* name : {"twitter", "citm_catalog", "canada"}) {
+    SCOPED_TRACE(name);
+    std::ifstream file(std::string(VKT_DATA_DIR) + "/" + name + ".json");
+    std::stringstream buffer;
+    buffer << file.rdbuf();
+    const std::string text = buffer.str();
+    ASSERT_FALSE(text.empty());
+    VKTWriterValue tree;
+    VKTJsonError error;
+    ASSERT_TRUE(parse(text, &tree, &error)) << error.message;
+    const vkt_binary image = image_of(tree);
+    const nlohmann::json original = nlohmann::json::parse(text);
+    for (bool pretty : {false, true}) {
+      std::string printed;
+      ASSERT_TRUE(print(image, &printed, &error, true, pretty));
+      EXPECT_TRUE(same_json(original, nlohmann::json::parse(printed)));
+      // And the printed text packs to the same image.
+      VKTWriterValue again;
+      ASSERT_TRUE(parse(printed, &again, &error)) << error.message;
+      EXPECT_EQ(image_of(again), image);
+    }
+  }
+}
+
+TEST(JsonParse, PacksTheBytesOfTheSameTreeBuiltByHand) {
+  const std::string text =
+      R"({"id":5000000000,"name":"x","tags":["a",true,null,-1.25],"n":{}})";
+  VKTWriterValue parsed;
+  VKTJsonError error;
+  ASSERT_TRUE(parse(text, &parsed, &error)) << error.message;
+  VKTWriterValue tree;
+  tree["id"].setLongInt(5000000000);
+  tree["name"] = "x";
+  VKTWriterValue& tags = tree["tags"];
+  tags[0] = "a";
+  tags[1] = true;
+  tags[2] = VKTWriterValue();
+  tags[3] = -1.25;
+  tree["n"].toObject();
+  EXPECT_EQ(image_of(parsed), image_of(tree));
+}
+
+std::string nested(const char* open, const char* inner, const char* close,
+                   int levels) {
+  std::string text;
+  for (int i = 0; i < levels; ++i) text += open;
+  text += inner;
+  for (int i = 0; i < levels; ++i) text += close;
+  return text;
+}
+
+TreeMaker nested_arrays(int levels, const TreeMaker& inner) {
+  return [=](VKTWriterValue* v) {
+    for (int i = 0; i < levels; ++i) v = &(*v)[0];
+    inner(v);
+  };
+}
+
+// One row per mapping rule: the tree the text must give, or the error.
+struct MappingCase {
+  std::string text;
+  bool strict;
+  TreeMaker expected;  // null when the text must be refused
+  const char* error;   // a part of the message
+  size_t offset;       // of the fault in the text
+};
+
+void int_tree(vkt_s32 i, VKTWriterValue* v) { v->setInt(i); }
+void long_tree(vkt_s64 i, VKTWriterValue* v) { v->setLongInt(i); }
+void double_tree(double d, VKTWriterValue* v) { v->setDouble(d); }
+
+using std::placeholders::_1;
+const vkt_s64 kMin64 = std::numeric_limits<vkt_s64>::min();
+const vkt_s64 kMax64 = std::numeric_limits<vkt_s64>::max();
+const vkt_u8 kBytes[] = {0, 1, 2};
+
+const MappingCase sMappingCases[] = {
+    {"2147483647", true, std::bind(int_tree, 2147483647, _1), "", 0},
+    {"-2147483648", true, std::bind(int_tree, -2147483647 - 1, _1), "", 0},
+    {"2147483648", true, std::bind(long_tree, 2147483648, _1), "", 0},
+    {"-2147483649", true, std::bind(long_tree, -2147483649, _1), "", 0},
+    {"9223372036854775807", true, std::bind(long_tree, kMax64, _1), "", 0},
+    {"-9223372036854775808", true, std::bind(long_tree, kMin64, _1), "", 0},
+    {"[9223372036854775808]", true, nullptr, "beyond the signed 64-bit", 1},
+    {"-9223372036854775809", true, nullptr, "beyond the signed 64-bit", 0},
+    {"9223372036854775808", false,
+     std::bind(double_tree, 9223372036854775808.0, _1), "", 0},
+    {"-123456789012345678901234567890", false,
+     std::bind(double_tree, -1.2345678901234568e29, _1), "", 0},
+    {"1.5", true, std::bind(double_tree, 1.5, _1), "", 0},
+    {"1e2", true, std::bind(double_tree, 100.0, _1), "", 0},
+    {"-0", true, std::bind(int_tree, 0, _1), "", 0},
+    {"-0.0", true, std::bind(double_tree, -0.0, _1), "", 0},
+    {R"({"a":1, "a":2})", true, nullptr, "duplicate member name \"a\"", 8},
+    {R"({"a":[1,2,3],"b":0,"a":[4]})", false,
+     [](VKTWriterValue* v) {
+       (*v)["a"][0] = 4;
+       (*v)["b"] = 0;
+     },
+     "", 0},
+    {R"("a\u0000b")", true, nullptr, "string contains NUL", 0},
+    {R"("a\u0000b")", false,
+     [](VKTWriterValue* v) { v->setString(std::string("a\0b", 3)); }, "", 0},
+    {R"({"a\u0000":1})", false, nullptr, "member name contains NUL", 1},
+    {"[\"ok\", \"\xC3\x28\"]", false, nullptr, "UTF-8", 8},
+    {"[1,]", true, nullptr, "", 3},
+    {"[1] 2", true, nullptr, "", 0},
+    {R"({"a":1} {})", true, nullptr, "text after the JSON value", 8},
+    {R"({"$stream":"AAEC","align":16,"bound":true})", true,
+     [](VKTWriterValue* v) {
+       v->setStream(kBytes, 3, 16, VKT_ALLOC_DUPLICATE, VKT_STREAM_FLAG_BOUND);
+     },
+     "", 0},
+    {R"({"bound":false,"$stream":"AA=="})", true,
+     [](VKTWriterValue* v) { v->setStream(kBytes, 1, 0, VKT_ALLOC_DUPLICATE); },
+     "", 0},
+    {R"({"align":[1]})", true, [](VKTWriterValue* v) { (*v)["align"][0] = 1; },
+     "", 0},
+    {R"({"$stream":"","x":1})", true, nullptr, "has no member \"x\"", 14},
+    {R"({"$stream":1})", true, nullptr, "must be a base64 string", 11},
+    {R"({"$stream":"","align":3})", true, nullptr, "power of two", 22},
+    {R"({"$stream":"","bound":1})", true, nullptr, "true or false", 22},
+    {R"({"$stream":"AAE"})", true, nullptr, "multiple of four", 15},
+    {R"({"$stream":"AA-A"})", true, nullptr, "not a base64 character", 14},
+    {R"({"$stream":"AB=="})", true, nullptr, "padding bits", 13},
+    {R"({"$stream":"A==="})", true, nullptr, "not a base64 character", 13},
+    {nested("[", "0", "]", 255), true,
+     nested_arrays(255, std::bind(int_tree, 0, _1)), "", 0},
+    {nested("[", R"({"$stream":""})", "]", 255), true,
+     nested_arrays(255,
+                   [](VKTWriterValue* v) {
+                     v->setStream(kBytes, 0, 0, VKT_ALLOC_DUPLICATE);
+                   }),
+     "", 0},
+    {nested("[", "0", "]", 256), true, nullptr, "deeper than 255", 255},
+    {nested("{\"a\":", "0", "}", 1000), false, nullptr, "", 0},
+};
+
+TEST(JsonParse, MapsEachKindOfJsonValue) {
+  for (const MappingCase& c : sMappingCases) {
+    SCOPED_TRACE(c.text.substr(0, 60) + (c.strict ? " (strict)" : " (lax)"));
+    VKTWriterValue tree;
+    VKTJsonError error;
+    const bool ok = parse(c.text, &tree, &error, c.strict);
+    if (c.expected) {
+      ASSERT_TRUE(ok) << error.message << " at " << error.offset;
+      EXPECT_EQ(image_of(tree), make_image(c.expected));
+    } else {
+      ASSERT_FALSE(ok);
+      EXPECT_NE(error.message.find(c.error), std::string::npos)
+          << error.message;
+      if (c.offset != 0) {
+        EXPECT_EQ(error.offset, c.offset);
+      }
+      EXPECT_EQ(image_of(tree), make_image([](VKTWriterValue*) {}));
+    }
+  }
+}
+
+TEST(JsonParse, FindsDuplicatesInLargeObjects) {
+  std::string text = "{";
+  for (int i = 0; i < 40; ++i) text += "\"k" + std::to_string(i) + "\":0,";
+  VKTWriterValue tree;
+  VKTJsonError error;
+  ASSERT_TRUE(parse(text + "\"k40\":0}", &tree, &error)) << error.message;
+  ASSERT_FALSE(parse(text + "\"k7\":0}", &tree, &error));
+  EXPECT_EQ(error.message, "duplicate member name \"k7\"");
+}
+
+TEST(JsonStreams, PayloadsKeepBytesKindAndAlignmentThroughJson) {
+  const vkt_u32 kAlignments[] = {1, 2, 16, 4096};
+  std::vector<vkt_binary> payloads;
+  VKTWriterValue tree;
+  tree["pad"] = "x";  // so that nothing lands aligned by chance
+  for (vkt_u32 a : kAlignments) {
+    for (vkt_u32 bound : {0u, 1u}) {
+      payloads.push_back(vkt_binary(a + 5 + bound, vkt_u8(a + bound)));
+      VKTWriterValue& v = tree["s"][vkt_u32(payloads.size() - 1)];
+      v.setStream(payloads.back().data(), vkt_u32(payloads.back().size()), a,
+                  VKT_ALLOC_DUPLICATE, bound ? VKT_STREAM_FLAG_BOUND : 0);
+    }
+  }
+  std::string text;
+  VKTJsonError error;
+  ASSERT_TRUE(print(image_of(tree), &text, &error)) << error.message;
+  VKTWriterValue again;
+  ASSERT_TRUE(parse(text, &again, &error)) << error.message;
+  const vkt_binary image = image_of(again);
+  VKTObject object(image);
+  const VKTValue streams = object.root()["s"];
+  ASSERT_EQ(streams.size(), payloads.size());
+  for (vkt_u32 i = 0; i < payloads.size(); ++i) {
+    SCOPED_TRACE(i);
+    const VKTValue v = streams[i];
+    ASSERT_EQ(v.streamSize(), payloads[i].size());
+    EXPECT_EQ(vkt_binary(v.asStream(), v.asStream() + v.streamSize()),
+              payloads[i]);
+    EXPECT_EQ(v.isBoundStream(), i % 2 == 1);
+    const size_t offset = size_t(v.asStream() - object.image());
+    EXPECT_EQ(offset % kAlignments[i / 2], 0u);
+    EXPECT_EQ(vkt_json_stream_alignment(v) % kAlignments[i / 2], 0u);
+  }
+}
+
+struct DoubleCase {
+  double value;
+  const char* text;
+};
+
+TEST(JsonPrint, DoublesInTheShortestFormThatReadsBackAsADouble) {
+  const DoubleCase kCases[] = {
+      {0.1, "0.1"},
+      {1.0, "1.0"},
+      {1e300, "1e+300"},
+      {5e-324, "5e-324"},
+      {-2.5, "-2.5"},
+      {1e21, "1e+21"},
+      {1e-7, "1e-7"},
+      {1.5e-6, "0.0000015"},
+      {-12345.678, "-12345.678"},
+      {123456789012345680000.0, "123456789012345680000.0"},
+  };
+  for (const DoubleCase& c : kCases) {
+    EXPECT_EQ(print_tree([&](VKTWriterValue* v) { v->setDouble(c.value); }),
+              c.text);
+  }
+  EXPECT_EQ(print_tree([](VKTWriterValue* v) { v->setFloat(0.5f); }), "0.5");
+}
+
+struct PrintCase {
+  TreeMaker make;
+  const char* strict;  // output, or "error: message at path"
+  const char* lax;
+};
+
+const double kInf = std::numeric_limits<double>::infinity();
+
+const PrintCase sPrintCases[] = {
+    {[](VKTWriterValue* v) { (*v)["a"]["b"][1].setDouble(kInf); },
+     "error: number is not finite at a.b[1]", R"({"a":{"b":[null,null]}})"},
+    {[](VKTWriterValue* v) { (*v)["x.y"][0].setDouble(std::nan("")); },
+     "error: number is not finite at [\"x.y\"][0]", R"({"x.y":[null]})"},
+    {[](VKTWriterValue* v) { (*v)[""]["q\""].setFloat(-kInf); },
+     "error: number is not finite at [\"\"][\"q\\\"\"]",
+     R"({"":{"q\"":null}})"},
+    {[](VKTWriterValue* v) { (*v)[0] = "a\xFFz\xE2\x82"; },
+     "error: string is not valid UTF-8 at [0]",
+     "[\"a\xEF\xBF\xBDz\xEF\xBF\xBD\xEF\xBF\xBD\"]"},
+    {[](VKTWriterValue* v) { (*v)["k\xC0"] = 1; },
+     "error: string is not valid UTF-8 at k\xC0", "{\"k\xEF\xBF\xBD\":1}"},
+    {[](VKTWriterValue* v) { *v = "q\"b\\s/\n\t\r\b\f\x01\x1F\xC3\xA9"; },
+     R"("q\"b\\s/\n\t\r\b\f\u0001\u001f)"
+     "\xC3\xA9\"",
+     R"("q\"b\\s/\n\t\r\b\f\u0001\u001f)"
+     "\xC3\xA9\""},
+    {[](VKTWriterValue* v) {
+       (*v)[0] = vkt_s64(-5000000000);
+       (*v)[1] = false;
+       (*v)[2].toArray();
+       (*v)[3].toObject();
+       (*v)[4].setStream(kBytes, 3, 0, VKT_ALLOC_DUPLICATE,
+                         VKT_STREAM_FLAG_BOUND);
+     },
+     R"([-5000000000,false,[],{},{"$stream":"AAEC","bound":true}])",
+     R"([-5000000000,false,[],{},{"$stream":"AAEC","bound":true}])"},
+};
+
+TEST(JsonPrint, StrictRefusesWhatJsonCannotHoldAndLaxReplacesIt) {
+  for (const PrintCase& c : sPrintCases) {
+    SCOPED_TRACE(c.strict);
+    EXPECT_EQ(print_tree(c.make, true), c.strict);
+    EXPECT_EQ(print_tree(c.make, false), c.lax);
+  }
+}
+
+TEST(JsonPrint, PrettyIndentsByTwoSpaces) {
+  VKTWriterValue tree;
+  tree["a"][0] = 1;
+  tree["a"][1].toObject();
+  tree["b"]["c"] = "d";
+  tree["e"].toArray();
+  std::string out;
+  VKTJsonError error;
+  ASSERT_TRUE(print(image_of(tree), &out, &error, true, true));
+  EXPECT_EQ(out,
+            "{\n"
+            "  \"a\": [\n"
+            "    1,\n"
+            "    {}\n"
+            "  ],\n"
+            "  \"b\": {\n"
+            "    \"c\": \"d\"\n"
+            "  },\n"
+            "  \"e\": []\n"
+            "}");
+}
+
+}  // namespace
