@@ -8,7 +8,6 @@
 //
 // The path of a value, needed only for a message, is a chain of steps on
 // the stack, formatted when something fails.
-#include <simdjson.h>
 
 #include <charconv>
 #include <cmath>
@@ -266,27 +265,42 @@ class JsonPrinter {
     return p + n;
   }
 
+  // Copies `s` as a JSON string in one pass: runs of plain ASCII move as
+  // they are (eight bytes tested at a time), ASCII that JSON needs escaped
+  // is escaped, and longer UTF-8 sequences are checked where they stand.
+  // A byte that starts no valid sequence fails strict printing and becomes
+  // U+FFFD in lax.
   bool string(std::string_view s, const PathStep* path) {
-    if (!simdjson::validate_utf8(s.data(), s.size())) {
-      if (options_.strict) return fail("string is not valid UTF-8", path);
-      return replacedString(s);
-    }
-    put('"');
-    escaped(s);
-    put('"');
-    return true;
-  }
-
-  // Copies `s` with the escapes JSON needs, runs of plain bytes at once.
-  void escaped(std::string_view s) {
     static const char kHex[] = "0123456789abcdef";
-    const char* run = s.data();
-    const char* end = s.data() + s.size();
-    for (const char* q = run; q != end; ++q) {
-      const char e = sEscapes.escape[static_cast<unsigned char>(*q)];
-      if (e == 0) continue;
+    const unsigned char* q = reinterpret_cast<const unsigned char*>(s.data());
+    const unsigned char* end = q + s.size();
+    const unsigned char* run = q;
+    put('"');
+    while (q != end) {
+      if (end - q >= 8 && all_plain(q)) {
+        q += 8;
+        continue;
+      }
+      const unsigned char c = *q;
+      if (c >= 0x80) {
+        const size_t n = utf8_sequence_length(q, size_t(end - q));
+        if (n != 0) {
+          q += n;
+          continue;
+        }
+        if (options_.strict) return fail("string is not valid UTF-8", path);
+        append(run, q - run);
+        append(kReplacement, 3);
+        run = ++q;
+        continue;
+      }
+      const char e = sEscapes.escape[c];
+      if (e == 0) {
+        ++q;
+        continue;
+      }
       append(run, q - run);
-      run = q + 1;
+      run = ++q;
       ensure(6);
       char* p = cursor();
       p[0] = '\\';
@@ -295,7 +309,6 @@ class JsonPrinter {
         pos_ += 2;
         continue;
       }
-      const unsigned char c = static_cast<unsigned char>(*q);
       p[2] = '0';
       p[3] = '0';
       p[4] = kHex[c >> 4];
@@ -303,25 +316,23 @@ class JsonPrinter {
       pos_ += 6;
     }
     append(run, end - run);
-  }
-
-  // Lax: each byte that starts no valid sequence becomes U+FFFD.
-  bool replacedString(std::string_view s) {
-    const unsigned char* p = reinterpret_cast<const unsigned char*>(s.data());
-    put('"');
-    size_t i = 0;
-    while (i < s.size()) {
-      const size_t n = utf8_sequence_length(p + i, s.size() - i);
-      if (n == 0) {
-        append(kReplacement, 3);
-        ++i;
-        continue;
-      }
-      escaped(s.substr(i, n));
-      i += n;
-    }
     put('"');
     return true;
+  }
+
+  // True when none of the eight bytes at p is below 0x20, '"', '\\' or
+  // above 0x7F (the classic zero-byte tests, exact as a yes or no).
+  static bool all_plain(const unsigned char* p) {
+    const vkt_u64 kOnes = 0x0101010101010101ull;
+    const vkt_u64 kHighs = 0x8080808080808080ull;
+    vkt_u64 w;
+    std::memcpy(&w, p, 8);
+    const vkt_u64 quote = w ^ (kOnes * '"');
+    const vkt_u64 backslash = w ^ (kOnes * '\\');
+    const vkt_u64 special = ((w - kOnes * 0x20) & ~w) |
+                            ((quote - kOnes) & ~quote) |
+                            ((backslash - kOnes) & ~backslash) | w;
+    return (special & kHighs) == 0;
   }
 
   void newline(vkt_u32 depth) {
@@ -352,6 +363,9 @@ class JsonPrinter {
   void put(char c) {
     ensure(1);
     (*out_)[pos_++] = c;
+  }
+  void append(const unsigned char* p, size_t n) {
+    append(reinterpret_cast<const char*>(p), n);
   }
   void append(const char* p, size_t n) {
     ensure(n);
