@@ -40,7 +40,11 @@ InputFile::InputFile(const std::string& path) : mName(path) {
   struct stat st;
   if (::fstat(fd, &st) != 0) fail(path, os_error());
   if (S_ISDIR(st.st_mode)) fail(path, std::strerror(EISDIR));
-  if (!S_ISREG(st.st_mode) || !map(fd, size_t(st.st_size))) readAll(fd);
+  // Some regular files (under /proc, say) report size 0 and still hold
+  // bytes: those are read like a pipe.
+  if (!S_ISREG(st.st_mode) || st.st_size == 0 || !map(fd, size_t(st.st_size))) {
+    readAll(fd);
+  }
 }
 
 InputFile::~InputFile() {

@@ -44,6 +44,8 @@ vkt_u32 read_le(const vkt_u8* p, size_t width) {
 
 CheckedImage::CheckedImage(const std::string& path) : mFile(path) {
   if (mFile.size() > 0xFFFFFFFFu) fail(path, "too large for a vkt image");
+  Progress progress(path, mFile.size());
+  progress.stage("verifying");
   checkHeader();
   if (mVersion >= 3 &&
       !VKTObject::decode(mFile.data(), vkt_size(mFile.size()))) {
