@@ -234,7 +234,7 @@ class TreeBuilder {
         return false;
       }
     }
-    if (stream.hasStream) return streamObject(stream, offset, node);
+    if (stream.hasStream) return streamObject(stream, node);
     if (depth > VKT_JSON_MAX_DEPTH) return tooDeep(offset);
     return true;
   }
@@ -277,8 +277,7 @@ class TreeBuilder {
   }
 
   // Turns *node into the stream that the "$stream" object describes.
-  bool streamObject(const StreamMembers& s, size_t offset,
-                    VKTWriterValue* node) {
+  bool streamObject(const StreamMembers& s, VKTWriterValue* node) {
     if (s.hasOther) {
       std::string message = "a \"$stream\" object has no member ";
       append_json_quoted(s.otherName, &message);
@@ -305,7 +304,6 @@ class TreeBuilder {
       return fail(std::string("\"$stream\": ") + why,
                   s.base64Offset + 1 + where);
     }
-    (void)offset;
     node->setStream(payload_.data(), vkt_u32(payload_.size()), alignment,
                     VKT_ALLOC_DUPLICATE,
                     s.hasBound && s.bound.boolean ? VKT_STREAM_FLAG_BOUND : 0);
