@@ -220,7 +220,7 @@ TEST_F(ToolTest, GetFollowsPaths) {
   const std::string image = pack("get", R"({
       "statuses": [{"user": {"screen_name": "ann", "id": 7}}, 2.5],
       "a.b": {"x[y]": [true, {"q\"": null}]}, "": 5, "\u00e9": "e",
-      "n": {"1": "one"}})");
+      "n": {"1": "one"}, "b\\s": 1})");
   struct Case {
     const char* path;
     const char* value;
@@ -234,6 +234,7 @@ TEST_F(ToolTest, GetFollowsPaths) {
       {"\xc3\xa9", "\"e\""},
       {"[\"\\u00e9\"]", "\"e\""},
       {"n.1", "\"one\""},
+      {"b\\s", "1"},
       {"statuses[0].user", R"({"id":7,"screen_name":"ann"})"},
   };
   for (const Case& c : cases) {
@@ -269,6 +270,22 @@ TEST_F(ToolTest, GetNamesTheStepThatFailed) {
     EXPECT_EQ(r.err.rfind("vkt: ", 0), 0u) << r.err;
     EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
   }
+}
+
+// A value that strict printing refuses is named by a path that get takes.
+TEST_F(ToolTest, PrintErrorPathsFeedGet) {
+  VKTWriterValue root;
+  root["a.b"][1]["c"] = std::string("\xff");
+  const vkt_binary image = VKTWriterObject().createImage(root);
+  write_file(at("utf8.vkt"), std::string(image.begin(), image.end()));
+  const Outcome strict = vkt({"unpack", at("utf8.vkt")});
+  EXPECT_EQ(strict.code, 1);
+  const std::string path = "[\"a.b\"][1].c";
+  EXPECT_NE(strict.err.find(" at " + path + " "), std::string::npos)
+      << strict.err;
+  const Outcome lax = vkt({"get", at("utf8.vkt"), path, "--lax"});
+  EXPECT_EQ(lax.code, 0) << lax.err;
+  EXPECT_EQ(lax.out, "\"\xef\xbf\xbd\"\n");
 }
 
 // Each bad input fails with a message of its own, and the output file that

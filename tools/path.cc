@@ -5,9 +5,10 @@
 
 namespace {
 
-// Characters a bare name cannot hold; a quoted name can hold anything.
-bool needs_quotes(unsigned char c) {
-  return c < 0x20 || std::strchr(".[]\"\\", c) != nullptr;
+// Characters a bare name cannot hold, the ones the syntax itself uses; a
+// quoted name can hold anything.
+bool needs_quotes(char c) {
+  return c != '\0' && std::strchr(".[]\"", c) != nullptr;
 }
 
 const char* const kSimpleEscapes = "\"\\/bfnrt";
@@ -67,7 +68,7 @@ class PathParser {
   bool bareName(std::vector<PathStep>* steps) {
     PathStep step;
     while (!atEnd() && !peek('.') && !peek('[')) {
-      if (needs_quotes(static_cast<unsigned char>(mText[mPos]))) {
+      if (needs_quotes(mText[mPos])) {
         return fail("this character needs a quoted name, [\"...\"],");
       }
       step.name += mText[mPos++];

@@ -6,8 +6,8 @@
 //   "" or "."                        the root
 //
 // A bare name runs up to the next '.' or '['; a name that is empty or holds
-// any of . [ ] " \ or a control character must be quoted. An index is
-// decimal. The same syntax names values in the JSON converter's messages.
+// any of . [ ] " must be quoted. An index is decimal. The JSON converter's
+// messages name values in the same syntax, so they can be pasted here.
 #ifndef VKT_TOOLS_PATH_H_
 #define VKT_TOOLS_PATH_H_
 

@@ -67,7 +67,7 @@ const Command sCommands[] = {
     {"get", cmd_get, sGetOptions, 2, "get IN.vkt PATH [--pretty] [--lax]",
      "Prints one value as JSON, found by lookups in place.\n"
      "PATH: names and indexes, e.g. statuses[3].user.screen_name; a name\n"
-     "holding . [ ] \" or \\ is quoted with JSON escapes: a[\"x.y\"][0].\n"
+     "holding . [ ] or \" is quoted with JSON escapes: a[\"x.y\"][0].\n"
      "An empty PATH or . is the whole image.\n"
      "  --pretty, --lax  as for unpack\n"},
 };
