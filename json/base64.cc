@@ -12,7 +12,7 @@
 
 namespace {
 
-const char sBase64Alphabet[] =
+constexpr char sBase64Alphabet[] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 const vkt_u8 kNotBase64 = 0xFF;
 
