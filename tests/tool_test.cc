@@ -312,7 +312,11 @@ TEST_F(ToolTest, BadInputsFailCleanly) {
       {"pack", "{\"a\":1,\"a\":2}", nullptr, 1, "duplicate"},
       {"pack", "", nullptr, 1, ""},
       {"unpack", "", nullptr, 1, "not a vkt image (empty file)"},
-      {"unpack", good.substr(0, good.size() / 2), nullptr, 1, "truncated"},
+      {"unpack", good.substr(0, 50), nullptr, 1,
+       "truncated image: only 50 bytes"},
+      {"unpack", good.substr(0, good.size() - 1), nullptr, 1,
+       "truncated image: " + std::to_string(good.size() - 1) +
+           " bytes, but its header names byte " + std::to_string(good.size())},
       {"unpack", damaged(10, 0x7F), nullptr, 1, "header checksum"},
       {"unpack", damaged(root, char(0xFF)), nullptr, 1,
        "damaged image: not a value id at byte " + std::to_string(root)},
