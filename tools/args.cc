@@ -1,6 +1,4 @@
 // Command-line parsing shared by every command.
-#include <cstring>  // strcmp, strchr
-
 #include "tool.h"
 
 void fail(const std::string& file, const std::string& what) {
@@ -11,24 +9,24 @@ void usage_error(const std::string& what) { throw ToolError{kExitUsage, what}; }
 
 namespace {
 
-const OptionSpec* find_long(const OptionSpec* specs, const std::string& name) {
-  for (; specs->name != nullptr; ++specs) {
-    if (name == specs->name) return specs;
+const Option* find_long(const Option* options, const std::string& name) {
+  for (; options->name != nullptr; ++options) {
+    if (name == options->name) return options;
   }
   return nullptr;
 }
 
-const OptionSpec* find_short(const OptionSpec* specs, char letter) {
-  for (; specs->name != nullptr; ++specs) {
-    if (specs->letter != '\0' && specs->letter == letter) return specs;
+const Option* find_short(const Option* options, char letter) {
+  for (; options->name != nullptr; ++options) {
+    if (options->letter != '\0' && options->letter == letter) return options;
   }
   return nullptr;
 }
 
-// The spec named by `arg` ("--name[=value]" or "-x"); *inlineValue takes
+// The option named by `arg` ("--name[=value]" or "-x"); *inlineValue takes
 // what follows '=' and *hasInline says whether there was one.
-const OptionSpec* option_of(const OptionSpec* specs, const std::string& arg,
-                            std::string* inlineValue, bool* hasInline) {
+const Option* option_of(const Option* options, const std::string& arg,
+                        std::string* inlineValue, bool* hasInline) {
   *hasInline = false;
   if (arg.compare(0, 2, "--") == 0) {
     const size_t eq = arg.find('=');
@@ -37,15 +35,15 @@ const OptionSpec* option_of(const OptionSpec* specs, const std::string& arg,
       *hasInline = true;
     }
     return find_long(
-        specs,
+        options,
         arg.substr(2, eq == std::string::npos ? std::string::npos : eq - 2));
   }
-  return arg.size() == 2 ? find_short(specs, arg[1]) : nullptr;
+  return arg.size() == 2 ? find_short(options, arg[1]) : nullptr;
 }
 
 }  // namespace
 
-Args parse_args(int argc, char** argv, int first, const OptionSpec* specs) {
+Args parse_args(int argc, char** argv, int first, const Option* options) {
   Args args;
   bool optionsEnded = false;
   for (int i = first; i < argc; ++i) {
@@ -60,16 +58,16 @@ Args parse_args(int argc, char** argv, int first, const OptionSpec* specs) {
     }
     std::string value;
     bool hasInline;
-    const OptionSpec* spec = option_of(specs, arg, &value, &hasInline);
-    if (spec == nullptr) usage_error("unknown option " + arg);
-    if (!spec->takesValue && hasInline) {
-      usage_error("option --" + std::string(spec->name) + " takes no value");
+    const Option* option = option_of(options, arg, &value, &hasInline);
+    if (option == nullptr) usage_error("unknown option " + arg);
+    if (!option->takesValue && hasInline) {
+      usage_error("option --" + std::string(option->name) + " takes no value");
     }
-    if (spec->takesValue && !hasInline) {
+    if (option->takesValue && !hasInline) {
       if (i + 1 >= argc) usage_error("option " + arg + " needs a value");
       value = argv[++i];
     }
-    args.options[spec->name] = value;
+    args.options[option->name] = value;
   }
   return args;
 }

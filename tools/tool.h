@@ -24,7 +24,7 @@ struct ToolError {
 [[noreturn]] void usage_error(const std::string& what);
 
 // One option of a command. `letter` is its short form ('\0' for none).
-struct OptionSpec {
+struct Option {
   const char* name;
   char letter;
   bool takesValue;
@@ -42,11 +42,12 @@ struct Args {
   }
 };
 
-// Splits argv[first..argc) into options (of `specs`, ended by a null name)
-// and positional arguments. "--name=value", "--name value", "-o value" and
-// "--" are understood; a lone "-" is positional. Throws a usage error for
-// an option the command does not know or one that misses its value.
-Args parse_args(int argc, char** argv, int first, const OptionSpec* specs);
+// Splits argv[first..argc) into positional arguments and the options listed
+// in `options` (ended by an entry with a null name). "--name=value",
+// "--name value", "-o value" and "--" are understood; a lone "-" is
+// positional. Throws a usage error for an option the command does not know
+// or one that misses its value.
+Args parse_args(int argc, char** argv, int first, const Option* options);
 
 int cmd_pack(const Args& args);
 int cmd_unpack(const Args& args);

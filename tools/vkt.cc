@@ -10,26 +10,24 @@
 
 namespace {
 
-const OptionSpec sPackOptions[] = {{"output", 'o', true},
-                                   {"no-share", '\0', false},
-                                   {"endian", '\0', true},
-                                   {"lax", '\0', false},
-                                   {nullptr, '\0', false}};
-const OptionSpec sPrintOptions[] = {{"output", 'o', true},
-                                    {"pretty", '\0', false},
-                                    {"lax", '\0', false},
-                                    {nullptr, '\0', false}};
-const OptionSpec sGetOptions[] = {
+const Option sPackOptions[] = {{"output", 'o', true},
+                               {"no-share", '\0', false},
+                               {"endian", '\0', true},
+                               {"lax", '\0', false},
+                               {nullptr, '\0', false}};
+const Option sPrintOptions[] = {{"output", 'o', true},
+                                {"pretty", '\0', false},
+                                {"lax", '\0', false},
+                                {nullptr, '\0', false}};
+const Option sGetOptions[] = {
     {"pretty", '\0', false}, {"lax", '\0', false}, {nullptr, '\0', false}};
-const OptionSpec sInfoOptions[] = {{"json", '\0', false},
-                                   {nullptr, '\0', false}};
-const OptionSpec sVerifyOptions[] = {{"quiet", 'q', false},
-                                     {nullptr, '\0', false}};
+const Option sInfoOptions[] = {{"json", '\0', false}, {nullptr, '\0', false}};
+const Option sVerifyOptions[] = {{"quiet", 'q', false}, {nullptr, '\0', false}};
 
 struct Command {
   const char* name;
   int (*run)(const Args&);
-  const OptionSpec* options;
+  const Option* options;
   size_t operands;  // positional arguments, exactly
   const char* synopsis;
   const char* help;
