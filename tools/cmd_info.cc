@@ -107,7 +107,7 @@ void print_text(const Info& in) {
   const vkt_u64 saved = in.sharing.unshared > in.sharing.shared
                             ? in.sharing.unshared - in.sharing.shared
                             : 0;
-  std::printf("%-12s sibling sharing saves %llu bytes (%.1f%%)\n", "sharing",
+  std::printf("%-12s saves %llu bytes (%.1f%%)\n", "sharing",
               static_cast<unsigned long long>(saved),
               percent(saved, in.sharing.unshared));
 }
