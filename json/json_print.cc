@@ -9,6 +9,8 @@
 // The path of a value, needed only for a message, is a chain of steps on
 // the stack, formatted when something fails.
 
+#include <simdjson.h>
+
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -47,6 +49,19 @@ const char kReplacement[] = "\xEF\xBF\xBD";
 // The largest "align" printed: what the writer's alignment of a payload can
 // be told from its offset with any confidence.
 const vkt_u32 kMaxPrintedAlignment = 4096;
+
+// The string entity holds every string value back to back, each closed by a
+// NUL. One NUL is a whole UTF-8 sequence and no longer sequence holds a zero
+// byte, so when the entity as a whole is UTF-8 every string in it is: one
+// vectorised check instead of one per string printed.
+bool string_entity_is_utf8(const VKTObject& object) {
+  for (const VKTSection& s : object.sections()) {
+    if (std::strcmp(s.name, "string entity") != 0) continue;
+    const char* p = reinterpret_cast<const char*>(object.image()) + s.offset;
+    return simdjson::validate_utf8(p, s.size);
+  }
+  return false;
+}
 
 // One step from the printed root down to the value being printed.
 struct PathStep {
@@ -91,6 +106,7 @@ class JsonPrinter {
     if (v.object() != nullptr && v == v.root()) {
       ensure(size_t(v.object()->size()) + v.object()->size() / 2);
     }
+    stringsValid_ = v.object() != nullptr && string_entity_is_utf8(*v.object());
     const bool ok = value(v, nullptr, 0);
     out_->resize(pos_);
     return ok;
@@ -116,7 +132,10 @@ class JsonPrinter {
         return number(v.asDouble(), path);
       case VKT_TYPE_STRING: {
         const char* s = v.asString();
-        return string(std::string_view(s, std::strlen(s)), path);
+        const std::string_view text(s, std::strlen(s));
+        if (!stringsValid_) return string(text, path);
+        valid_string(text);
+        return true;
       }
       case VKT_TYPE_STREAM:
         return stream(v, path, depth);
@@ -271,7 +290,6 @@ class JsonPrinter {
   // A byte that starts no valid sequence fails strict printing and becomes
   // U+FFFD in lax.
   bool string(std::string_view s, const PathStep* path) {
-    static const char kHex[] = "0123456789abcdef";
     const unsigned char* q = reinterpret_cast<const unsigned char*>(s.data());
     const unsigned char* end = q + s.size();
     const unsigned char* run = q;
@@ -301,23 +319,51 @@ class JsonPrinter {
       }
       append(run, q - run);
       run = ++q;
-      ensure(6);
-      char* p = cursor();
-      p[0] = '\\';
-      p[1] = e;
-      if (e != 'u') {
-        pos_ += 2;
-        continue;
-      }
-      p[2] = '0';
-      p[3] = '0';
-      p[4] = kHex[c >> 4];
-      p[5] = kHex[c & 15];
-      pos_ += 6;
+      escape(c);
     }
     append(run, end - run);
     put('"');
     return true;
+  }
+
+  // The same for text known to be UTF-8: bytes above 0x7F are copied as
+  // they are, so only what JSON escapes stops the run.
+  void valid_string(std::string_view s) {
+    const unsigned char* q = reinterpret_cast<const unsigned char*>(s.data());
+    const unsigned char* end = q + s.size();
+    const unsigned char* run = q;
+    put('"');
+    while (q != end) {
+      if (end - q >= 8 && !escapes_any(q)) {
+        q += 8;
+        continue;
+      }
+      const unsigned char c = *q;
+      if (c >= 0x80 || sEscapes.escape[c] == 0) {
+        ++q;
+        continue;
+      }
+      append(run, q - run);
+      run = ++q;
+      escape(c);
+    }
+    append(run, end - run);
+    put('"');
+  }
+
+  // True when one of the eight bytes at p is below 0x20, '"' or '\\': the
+  // classic zero-byte tests, exact as a yes or no.
+  static bool escapes_any(const unsigned char* p) {
+    const vkt_u64 kOnes = 0x0101010101010101ull;
+    const vkt_u64 kHighs = 0x8080808080808080ull;
+    vkt_u64 w;
+    std::memcpy(&w, p, 8);
+    const vkt_u64 quote = w ^ (kOnes * '"');
+    const vkt_u64 backslash = w ^ (kOnes * '\\');
+    const vkt_u64 special = ((w - kOnes * 0x20) & ~w) |
+                            ((quote - kOnes) & ~quote) |
+                            ((backslash - kOnes) & ~backslash);
+    return (special & kHighs) != 0;
   }
 
   // True when none of the eight bytes at p is below 0x20, '"', '\\' or
@@ -333,6 +379,25 @@ class JsonPrinter {
                             ((quote - kOnes) & ~quote) |
                             ((backslash - kOnes) & ~backslash) | w;
     return (special & kHighs) == 0;
+  }
+
+  // Writes the escape of ASCII byte c, which JSON does not take as it is.
+  void escape(unsigned char c) {
+    static const char kHex[] = "0123456789abcdef";
+    const char e = sEscapes.escape[c];
+    ensure(6);
+    char* p = cursor();
+    p[0] = '\\';
+    p[1] = e;
+    if (e != 'u') {
+      pos_ += 2;
+      return;
+    }
+    p[2] = '0';
+    p[3] = '0';
+    p[4] = kHex[c >> 4];
+    p[5] = kHex[c & 15];
+    pos_ += 6;
   }
 
   void newline(vkt_u32 depth) {
@@ -385,6 +450,8 @@ class JsonPrinter {
   size_t pos_;  // end of the text; out_ holds scratch bytes behind it
   const VKTJsonPrintOptions& options_;
   VKTJsonError* error_;
+  // Every string of the image is UTF-8, so string values skip the check.
+  bool stringsValid_ = false;
 };
 
 }  // namespace

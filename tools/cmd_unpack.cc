@@ -5,7 +5,8 @@
 #include "tool.h"
 
 int cmd_unpack(const Args& args) {
-  const CheckedImage image(args.positional[0]);
+  CheckedImage image(args.positional[0]);
+  image.decodeKeyNames();
   Progress progress(image.name(), image.object().size());
   progress.stage("printing");
   const std::string text = print_value(image.name(), image.root(), args);

@@ -21,6 +21,9 @@ class CheckedImage {
   const std::string& name() const { return mFile.name(); }
   const VKTObject& object() const { return *mObject; }
   VKTValue root() const { return mObject->root(); }
+  // Decodes every key name once, for walks over the whole image: printing
+  // then hands out names without rebuilding each from the key table.
+  void decodeKeyNames() { mObject->decodeKeyNames(); }
   // What verify counted in the image.
   const VKTVerifyReport& report() const { return mReport; }
   // The flags word as stored (0 below version 3).
