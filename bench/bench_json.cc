@@ -45,6 +45,18 @@ void BM_PackVkt(benchmark::State& state, const char* name) {
   processed(state, in.size);
 }
 
+// The parse alone: the tree built and freed, nothing written.
+void BM_ParseVkt(benchmark::State& state, const char* name) {
+  const PaddedText in(name);
+  for (auto _ : state) {
+    VKTWriterValue root;
+    VKTJsonError error;
+    benchmark::DoNotOptimize(vkt_json_parse(in.text.data(), in.size,
+                                            in.text.size(), &root, &error));
+  }
+  processed(state, in.size);
+}
+
 #if VKT_BENCH_HAVE_FLEXBUFFERS
 void BM_PackFlexBuffers(benchmark::State& state, const char* name) {
   const PaddedText in(name);
@@ -130,6 +142,7 @@ void add(const char* label, void (*fn)(benchmark::State&, const char*)) {
 
 int main(int argc, char** argv) {
   add("pack/vkt", BM_PackVkt);
+  add("pack/vkt_parse_only", BM_ParseVkt);
 #if VKT_BENCH_HAVE_FLEXBUFFERS
   add("pack/simdjson_flexbuffers", BM_PackFlexBuffers);
 #endif

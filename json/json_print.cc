@@ -31,13 +31,13 @@ struct EscapeTable {
 constexpr EscapeTable make_escape_table() {
   EscapeTable t{};
   for (int c = 0; c < 0x20; ++c) t.escape[c] = 'u';
-  t.escape['\b'] = 'b';
-  t.escape['\f'] = 'f';
-  t.escape['\n'] = 'n';
-  t.escape['\r'] = 'r';
-  t.escape['\t'] = 't';
-  t.escape['"'] = '"';
-  t.escape['\\'] = '\\';
+  t.escape[int('\b')] = 'b';
+  t.escape[int('\f')] = 'f';
+  t.escape[int('\n')] = 'n';
+  t.escape[int('\r')] = 'r';
+  t.escape[int('\t')] = 't';
+  t.escape[int('"')] = '"';
+  t.escape[int('\\')] = '\\';
   return t;
 }
 
