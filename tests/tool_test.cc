@@ -346,6 +346,18 @@ TEST_F(ToolTest, BadInputsFailCleanly) {
   const Outcome r = vkt({"pack", at("good.json"), "-o", missingDir});
   EXPECT_EQ(r.code, 1);
   EXPECT_EQ(r.err, "vkt: " + missingDir + ": No such file or directory\n");
+  // The input named as the output, also through a second name, stays.
+  ::link(at("good.vkt").c_str(), at("alias.vkt").c_str());
+  const std::vector<std::string> sameFile[] = {
+      {"pack", at("good.json"), "-o", at("good.json")},
+      {"unpack", at("good.vkt"), "-o", at("alias.vkt")}};
+  for (const std::vector<std::string>& args : sameFile) {
+    const std::string before = read_file(args[3]);
+    const Outcome same = vkt(args);
+    EXPECT_EQ(same.code, 1);
+    EXPECT_NE(same.err.find("is the input file"), std::string::npos);
+    EXPECT_EQ(read_file(args[3]), before);
+  }
 }
 
 TEST_F(ToolTest, VerifyAndUsage) {

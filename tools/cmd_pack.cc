@@ -30,6 +30,7 @@ int cmd_pack(const Args& args) {
     fail(out, "will not write a binary image to a terminal");
   }
 
+  refuse_same_file(in, out);
   InputFile file(in);
   Progress progress(in, file.size());
   progress.stage("parsing");

@@ -160,6 +160,15 @@ void write_output(const std::string& path, const void* data, size_t size) {
   temp.commit();
 }
 
+void refuse_same_file(const std::string& in, const std::string& out) {
+  if (is_std_stream(in) || is_std_stream(out)) return;
+  struct stat a, b;
+  if (::stat(in.c_str(), &a) != 0 || ::stat(out.c_str(), &b) != 0) return;
+  if (a.st_dev == b.st_dev && a.st_ino == b.st_ino) {
+    fail(out, "is the input file; write the output to another file");
+  }
+}
+
 Progress::Progress(const std::string& name, size_t bytes)
     : mName(name),
       mBytes(bytes),

@@ -51,6 +51,10 @@ inline bool is_std_stream(const std::string& path) { return path == "-"; }
 // it was and no partial file behind. Throws ToolError naming `path`.
 void write_output(const std::string& path, const void* data, size_t size);
 
+// Fails naming `out` when it is the file `in` (the same file under any
+// name): writing it would replace what the user gave with the result.
+void refuse_same_file(const std::string& in, const std::string& out);
+
 // Tells a person at a terminal what a long run is doing: stage names on
 // stderr for inputs above kThreshold bytes, when stderr is a terminal;
 // silent otherwise. The line is cleared when the object goes.
