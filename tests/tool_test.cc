@@ -387,3 +387,24 @@ TEST_F(ToolTest, VerifyAndUsage) {
 }
 
 }  // namespace
+
+namespace {
+
+// 110^3 zeros in three levels of shared arrays: an image of a few hundred
+// bytes whose values expand far beyond the verifier's default of 256 a byte.
+TEST_F(ToolTest, HeavilySharedImagesReadBack) {
+  std::string row = "[", plane = "[", cube = "[";
+  for (int i = 0; i < 110; ++i) row += i ? ",0" : "0";
+  row += "]";
+  for (int i = 0; i < 110; ++i) plane += (i ? "," : "") + row;
+  plane += "]";
+  for (int i = 0; i < 110; ++i) cube += (i ? "," : "") + plane;
+  cube += "]";
+  const std::string image = pack("cube", cube);
+  EXPECT_EQ(vkt({"unpack", image}).out, cube + "\n");
+  const Outcome info = vkt({"info", image});
+  EXPECT_NE(info.out.find("values       1343211"), std::string::npos);
+  EXPECT_NE(info.out.find("not measured"), std::string::npos) << info.out;
+}
+
+}  // namespace

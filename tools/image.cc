@@ -54,9 +54,14 @@ CheckedImage::CheckedImage(const std::string& path) : mFile(path) {
     fail(path, "damaged image: header checksum does not match");
   }
   checkSectionsInFile();
-  // As deep as pack accepts, so that every packed image reads back.
+  // As deep as pack accepts, so that every packed image reads back; and as
+  // much sharing as a JSON document of about 100 MB can ask for, however
+  // small the image it packs into (the default allows 256 values a byte).
   VKTVerifyLimits limits;
   limits.maxDepth = VKT_JSON_MAX_DEPTH;
+  const vkt_u64 kLeastMaxValues = vkt_u64(1) << 26;
+  limits.maxValues = vkt_u64(VKTVerifyLimits::kValuesPerByte) * mFile.size();
+  if (limits.maxValues < kLeastMaxValues) limits.maxValues = kLeastMaxValues;
   if (!VKTObject::verify(mFile.data(), vkt_size(mFile.size()), &mReport,
                          &limits)) {
     fail(path, std::string("damaged image: ") + mReport.reason + " at byte " +
