@@ -312,25 +312,6 @@ class TreeBuilder {
 
   template <typename V>
   bool number(V& v, size_t offset, VKTWriterValue* node, ValueSummary* seen) {
-    // One pass over the digits for the common cases; what it refuses (an
-    // integer beyond 64 bits, a malformed number) takes the path below.
-    od::number n;
-    if (v.get_number().get(n) == simdjson::SUCCESS) {
-      switch (n.get_number_type()) {
-        case od::number_type::floating_point_number:
-          node->setDouble(n.get_double());
-          return true;
-        case od::number_type::signed_integer:
-          integer(n.get_int64(), node, seen);
-          return true;
-        case od::number_type::unsigned_integer:  // 2^63 and up
-          if (strict_) {
-            return fail("integer beyond the signed 64-bit range", offset);
-          }
-          node->setDouble(double(n.get_uint64()));  // rounds to nearest
-          return true;
-      }
-    }
     od::number_type type;
     if (auto e = v.get_number_type().get(type)) return failed(e);
     if (type == od::number_type::floating_point_number) {
@@ -342,7 +323,15 @@ class TreeBuilder {
     if (type == od::number_type::signed_integer) {
       vkt_s64 i;
       if (v.get_int64().get(i) == simdjson::SUCCESS) {
-        integer(i, node, seen);
+        if (i >= INT32_MIN && i <= INT32_MAX) {
+          node->setInt(vkt_s32(i));
+        } else {
+          node->setLongInt(i);
+        }
+        if (seen != nullptr) {
+          seen->isInteger = true;
+          seen->integer = i;
+        }
         return true;
       }
     }
@@ -360,18 +349,6 @@ class TreeBuilder {
     if (auto e = v.get_double().get(d)) return failed(e);
     node->setDouble(d);
     return true;
-  }
-
-  static void integer(vkt_s64 i, VKTWriterValue* node, ValueSummary* seen) {
-    if (i >= INT32_MIN && i <= INT32_MAX) {
-      node->setInt(vkt_s32(i));
-    } else {
-      node->setLongInt(i);
-    }
-    if (seen != nullptr) {
-      seen->isInteger = true;
-      seen->integer = i;
-    }
   }
 
   bool string(std::string_view s, size_t offset, VKTWriterValue* node) {
