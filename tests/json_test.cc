@@ -190,6 +190,8 @@ const MappingCase sMappingCases[] = {
      std::bind(double_tree, -1.2345678901234568e29, _1), "", 0},
     {"1.5", true, std::bind(double_tree, 1.5, _1), "", 0},
     {"1e2", true, std::bind(double_tree, 100.0, _1), "", 0},
+    // Nineteen digits and a fraction: how doubles of 1e18 and up print.
+    {"8000000000000000000.0", true, std::bind(double_tree, 8e18, _1), "", 0},
     {"-0", true, std::bind(int_tree, 0, _1), "", 0},
     {"-0.0", true, std::bind(double_tree, -0.0, _1), "", 0},
     {R"({"a":1, "a":2})", true, nullptr, "duplicate member name \"a\"", 8},
