@@ -83,7 +83,9 @@ struct VKTJsonPrintOptions {
 // verified (VKTObject::verify) and hold its whole image in memory: stream
 // payloads are read in place and their alignment is measured from
 // object()->image(). On failure *out holds a partial text and *error says
-// why.
+// why. For a whole image, call VKTObject::decodeKeyNames first: members then
+// come with their names ready instead of each rebuilt from the key table,
+// which makes printing about a third faster.
 bool vkt_json_print(const VKTValue& value, std::string* out,
                     VKTJsonError* error,
                     const VKTJsonPrintOptions& options = VKTJsonPrintOptions());
