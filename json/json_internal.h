@@ -10,6 +10,12 @@
 
 #include "vkt.h"
 
+// The largest "align" of a "$stream" object, in both directions: parse
+// refuses more (a payload is padded up to it, so an unbounded value would let
+// a short text demand gigabytes), and print measures up to it, so that what
+// parse accepted reads back at least as aligned.
+const vkt_u32 kMaxStreamAlignment = 65536;
+
 // Characters base64 needs for `size` bytes: four per started group of three.
 inline size_t base64_encoded_size(size_t size) { return (size + 2) / 3 * 4; }
 

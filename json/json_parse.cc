@@ -23,10 +23,6 @@ static_assert(VKT_JSON_PADDING >= simdjson::SIMDJSON_PADDING,
 
 namespace {
 
-// The largest "align" a "$stream" object may ask for: a payload is padded
-// up to it, so an unbounded value would let a short text demand gigabytes.
-const vkt_u64 kMaxStreamAlignment = 65536;
-
 // A parser keeps its buffers from one text to the next; texts larger than
 // this leave it so that a thread does not hold their memory for good.
 const size_t kKeptParserCapacity = 16 << 20;

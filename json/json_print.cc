@@ -46,10 +46,6 @@ constexpr EscapeTable sEscapes = make_escape_table();
 // U+FFFD, which lax printing puts in place of each byte that is not UTF-8.
 const char kReplacement[] = "\xEF\xBF\xBD";
 
-// The largest "align" printed: what the writer's alignment of a payload can
-// be told from its offset with any confidence.
-const vkt_u32 kMaxPrintedAlignment = 4096;
-
 // The string entity holds every string value back to back, each closed by a
 // NUL. One NUL is a whole UTF-8 sequence and no longer sequence holds a zero
 // byte, so when the entity as a whole is UTF-8 every string in it is: one
@@ -469,7 +465,6 @@ vkt_u32 vkt_json_stream_alignment(const VKTValue& stream) {
   const size_t offset = size_t(payload - stream.object()->image());
   // The lowest set bit of the offset; an offset of 0 is aligned to anything.
   const size_t alignment = offset & (~offset + 1);
-  return alignment == 0 || alignment > kMaxPrintedAlignment
-             ? kMaxPrintedAlignment
-             : vkt_u32(alignment);
+  return alignment == 0 || alignment > kMaxStreamAlignment ? kMaxStreamAlignment
+                                                           : vkt_u32(alignment);
 }

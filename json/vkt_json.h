@@ -23,7 +23,7 @@
 //   back to the same double, always with a '.' or an exponent so that they
 //   read back as doubles; strings escaped as JSON needs; streams and bstreams
 //   as the "$stream" object above, with "align" the largest power of two up to
-//   4096 that divides the payload's offset in the image (omitted when 1) and
+//   65536 that divides the payload's offset in the image (omitted when 1) and
 //   "bound" true for a bstream (omitted for a stream). So packing the printed
 //   text again gives every payload back, aligned at least as before.
 //   Non-finite floats and strings that are not valid UTF-8 are errors when
@@ -91,7 +91,7 @@ bool vkt_json_print(const VKTValue& value, std::string* out,
                     const VKTJsonPrintOptions& options = VKTJsonPrintOptions());
 
 // The "align" that print gives a stream or bstream value: the largest power
-// of two up to 4096 that divides its payload's offset in the image; 1 for
+// of two up to 65536 that divides its payload's offset in the image; 1 for
 // any other value or when the payload is not in memory.
 vkt_u32 vkt_json_stream_alignment(const VKTValue& stream);
 

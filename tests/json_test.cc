@@ -271,7 +271,7 @@ TEST(JsonParse, FindsDuplicatesInLargeObjects) {
 }
 
 TEST(JsonStreams, PayloadsKeepBytesKindAndAlignmentThroughJson) {
-  const vkt_u32 kAlignments[] = {1, 2, 16, 4096};
+  const vkt_u32 kAlignments[] = {1, 2, 16, 4096, 65536};
   std::vector<vkt_binary> payloads;
   VKTWriterValue tree;
   tree["pad"] = "x";  // so that nothing lands aligned by chance
