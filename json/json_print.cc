@@ -48,8 +48,10 @@ const char kReplacement[] = "\xEF\xBF\xBD";
 
 // The string entity holds every string value back to back, each closed by a
 // NUL. One NUL is a whole UTF-8 sequence and no longer sequence holds a zero
-// byte, so when the entity as a whole is UTF-8 every string in it is: one
-// vectorised check instead of one per string printed.
+// byte, so when the entity as a whole is UTF-8 every string in it that starts
+// on a character is: one vectorised check instead of one per string printed.
+// A string offset may point anywhere in the entity, so print still looks at
+// each string's first byte (starts_inside_character).
 bool string_entity_is_utf8(const VKTObject& object) {
   for (const VKTSection& s : object.sections()) {
     if (std::strcmp(s.name, "string entity") != 0) continue;
@@ -57,6 +59,11 @@ bool string_entity_is_utf8(const VKTObject& object) {
     return simdjson::validate_utf8(p, s.size);
   }
   return false;
+}
+
+// True when `s` begins with a UTF-8 continuation byte: inside a character.
+bool starts_inside_character(std::string_view s) {
+  return !s.empty() && (static_cast<unsigned char>(s[0]) & 0xC0) == 0x80;
 }
 
 // One step from the printed root down to the value being printed.
@@ -129,7 +136,9 @@ class JsonPrinter {
       case VKT_TYPE_STRING: {
         const char* s = v.asString();
         const std::string_view text(s, std::strlen(s));
-        if (!stringsValid_) return string(text, path);
+        if (!stringsValid_ || starts_inside_character(text)) {
+          return string(text, path);
+        }
         valid_string(text);
         return true;
       }
