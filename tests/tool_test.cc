@@ -360,6 +360,34 @@ TEST_F(ToolTest, BadInputsFailCleanly) {
   }
 }
 
+// An output that exists is written through, not replaced by something else:
+// a pipe stays a pipe, a link stays a link, a private file stays private.
+TEST_F(ToolTest, OutputKeepsWhatItNames) {
+  const std::string image = pack("through", "[1]");
+  const std::string fifo = at("out.fifo"), link = at("out.link"),
+                    priv = at("out.private");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0644), 0);
+  const int reader = ::open(fifo.c_str(), O_RDWR | O_NONBLOCK);
+  write_file(at("linked"), "old");
+  ::symlink(at("linked").c_str(), link.c_str());
+  write_file(priv, "old");
+  ::chmod(priv.c_str(), 0600);
+  for (const std::string& out : {fifo, link, priv}) {
+    SCOPED_TRACE(out);
+    struct stat before, after;
+    ::lstat(out.c_str(), &before);
+    EXPECT_EQ(vkt({"unpack", image, "-o", out}).code, 0);
+    ::lstat(out.c_str(), &after);
+    EXPECT_EQ(after.st_mode, before.st_mode);
+  }
+  char got[8] = {};
+  EXPECT_EQ(::read(reader, got, sizeof got), 4);
+  EXPECT_EQ(std::string(got), "[1]\n");
+  ::close(reader);
+  EXPECT_EQ(read_file(at("linked")), "[1]\n");
+  EXPECT_EQ(read_file(priv), "[1]\n");
+}
+
 TEST_F(ToolTest, VerifyAndUsage) {
   const std::string image = pack("v", "[1,2,3]");
   EXPECT_EQ(vkt({"verify", image}).out, image + ": ok\n");

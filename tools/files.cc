@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>  // free
 #include <cstring>  // strerror
 
 #include "tool.h"
@@ -110,9 +111,11 @@ void write_all(int fd, const std::string& name, const void* data, size_t size) {
 }
 
 // The temporary file of one output: removed again unless it was renamed.
+// Made beside `target` with permissions `mode`; messages name `name`.
 class TempFile {
  public:
-  explicit TempFile(const std::string& target) : mTarget(target) {
+  TempFile(const std::string& target, const std::string& name, mode_t mode)
+      : mTarget(target), mName(name) {
     const size_t slash = target.rfind('/');
     const std::string dir =
         slash == std::string::npos ? "." : target.substr(0, slash + 1);
@@ -120,11 +123,8 @@ class TempFile {
         slash == std::string::npos ? target : target.substr(slash + 1);
     mPath = (slash == std::string::npos ? "./" : dir) + "." + base + ".XXXXXX";
     mFd = ::mkstemp(&mPath[0]);
-    if (mFd < 0) fail(target, os_error());
-    // mkstemp makes the file private; give it the mode a new file gets.
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    ::fchmod(mFd, 0666 & ~mask);
+    if (mFd < 0) fail(name, os_error());
+    ::fchmod(mFd, mode);  // mkstemp makes the file private
   }
   ~TempFile() {
     if (mFd >= 0) ::close(mFd);
@@ -132,32 +132,63 @@ class TempFile {
   }
   int fd() const { return mFd; }
   void commit() {
-    if (::fsync(mFd) != 0) fail(mTarget, os_error());
+    if (::fsync(mFd) != 0) fail(mName, os_error());
     const int fd = mFd;
     mFd = -1;
-    if (::close(fd) != 0) fail(mTarget, os_error());
-    if (::rename(mPath.c_str(), mTarget.c_str()) != 0)
-      fail(mTarget, os_error());
+    if (::close(fd) != 0) fail(mName, os_error());
+    if (::rename(mPath.c_str(), mTarget.c_str()) != 0) fail(mName, os_error());
     mRenamed = true;
   }
 
  private:
   std::string mTarget;
+  std::string mName;
   std::string mPath;
   int mFd = -1;
   bool mRenamed = false;
 };
 
+void replace_file(const std::string& target, const std::string& name,
+                  mode_t mode, const void* data, size_t size) {
+  TempFile temp(target, name, mode);
+  write_all(temp.fd(), name, data, size);
+  temp.commit();
+}
+
+// The file a path names once its links are followed: the one to replace.
+std::string resolved(const std::string& path) {
+  char* real = ::realpath(path.c_str(), nullptr);
+  if (real == nullptr) return path;
+  const std::string result = real;
+  std::free(real);
+  return result;
+}
+
 }  // namespace
 
+// A device, pipe or socket is written where it is, since a file renamed
+// over it would take its place; an existing file is replaced with its
+// permissions kept and, through a link, the link left as it was.
 void write_output(const std::string& path, const void* data, size_t size) {
   if (is_std_stream(path)) {
     write_all(STDOUT_FILENO, path, data, size);
     return;
   }
-  TempFile temp(path);
-  write_all(temp.fd(), path, data, size);
-  temp.commit();
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) {
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    replace_file(path, path, 0666 & ~mask, data, size);
+  } else if (S_ISDIR(st.st_mode)) {
+    fail(path, std::strerror(EISDIR));
+  } else if (S_ISREG(st.st_mode)) {
+    replace_file(resolved(path), path, st.st_mode & 07777, data, size);
+  } else {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    if (fd < 0) fail(path, os_error());
+    FdCloser closer{fd};
+    write_all(fd, path, data, size);
+  }
 }
 
 void refuse_same_file(const std::string& in, const std::string& out) {

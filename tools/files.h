@@ -48,7 +48,9 @@ inline bool is_std_stream(const std::string& path) { return path == "-"; }
 // Writes `size` bytes to `path` ("-": standard output). A file is written
 // to a temporary name in the target's directory, flushed to disk and
 // renamed over the target, so that a failure leaves an existing target as
-// it was and no partial file behind. Throws ToolError naming `path`.
+// it was and no partial file behind; an existing file keeps its
+// permissions, and a link to one stays a link. A device or pipe is written
+// in place. Throws ToolError naming `path`.
 void write_output(const std::string& path, const void* data, size_t size);
 
 // Fails naming `out` when it is the file `in` (the same file under any
