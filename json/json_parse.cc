@@ -128,6 +128,14 @@ bool is_integer_token(std::string_view token) {
   return true;
 }
 
+// simdjson's text for `e`, without the closing full stop, so that a place
+// can follow it.
+std::string parser_message(simdjson::error_code e) {
+  std::string message = simdjson::error_message(e);
+  if (!message.empty() && message.back() == '.') message.pop_back();
+  return message;
+}
+
 class TreeBuilder {
  public:
   TreeBuilder(const char* text, size_t size, bool strict, VKTJsonError* error)
@@ -377,7 +385,13 @@ class TreeBuilder {
                 offset);
   }
   bool failed(simdjson::error_code e) {
-    return fail(simdjson::error_message(e), location());
+    // A text that ends inside a container is found before any token is
+    // read, so the parser's location says nothing; the end of the text is
+    // where the missing bracket belongs.
+    if (e == simdjson::INCOMPLETE_ARRAY_OR_OBJECT) {
+      return fail(parser_message(e), size_);
+    }
+    return fail(parser_message(e), location());
   }
   bool fail(std::string message, size_t offset) {
     error_->message = std::move(message);
@@ -401,8 +415,10 @@ class TreeBuilder {
 // before any value is looked at.
 void first_pass_failed(simdjson::error_code e, const char* text, size_t size,
                        VKTJsonError* error) {
-  error->message = simdjson::error_message(e);
-  error->offset = 0;
+  error->message = parser_message(e);
+  // The first pass tells what is wrong but not where, except that invalid
+  // UTF-8 can be found again.
+  error->offset = VKT_JSON_NO_OFFSET;
   error->path.clear();
   if (e == simdjson::UTF8_ERROR) {
     error->offset = utf8_first_invalid(std::string_view(text, size));
@@ -415,6 +431,14 @@ bool vkt_json_parse(const char* text, size_t size, size_t capacity,
                     VKTWriterValue* root, VKTJsonError* error,
                     const VKTJsonParseOptions& options) {
   *root = VKTWriterValue();
+  if (size >= 3 && std::memcmp(text, "\xEF\xBB\xBF", 3) == 0) {
+    error->message =
+        "the text opens with a byte order mark, which JSON "
+        "does not allow";
+    error->offset = VKT_JSON_NO_OFFSET;
+    error->path.clear();
+    return false;
+  }
   std::unique_ptr<char[]> copy;
   if (capacity < size || capacity - size < VKT_JSON_PADDING) {
     copy.reset(new char[size + VKT_JSON_PADDING]);

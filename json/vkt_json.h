@@ -39,11 +39,16 @@
 
 #include "vkt.h"
 
+// VKTJsonError::offset when the parser cannot tell where the fault lies.
+const size_t VKT_JSON_NO_OFFSET = static_cast<size_t>(-1);
+
 // Why a conversion failed.
 struct VKTJsonError {
   std::string message;  // e.g. "duplicate member name \"id\""
   // Parse: the byte offset in the JSON text where the fault lies (as close
-  // as the parser tells). Print: 0.
+  // as the parser tells), or VKT_JSON_NO_OFFSET when it cannot tell (a
+  // structural fault found by the parser's first pass, such as an unclosed
+  // string or bracket). Print: 0.
   size_t offset = 0;
   // Print: the path of the offending value, as `vkt get` takes it (e.g.
   // statuses[3].geo); empty for the root and for parse errors.

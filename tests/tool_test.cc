@@ -308,7 +308,10 @@ TEST_F(ToolTest, BadInputsFailCleanly) {
     std::string message;
   };
   const Case cases[] = {
-      {"pack", "{\"a\":", nullptr, 1, ""},
+      {"pack", "{\"a\":", nullptr, 1,
+       "ended early in the middle of an object or array at byte 5\n"},
+      {"pack", "\"abc", nullptr, 1, "A string is opened, but never closed\n"},
+      {"pack", "\xEF\xBB\xBF[1]", nullptr, 1, "byte order mark"},
       {"pack", "{\"a\":1,\"a\":2}", nullptr, 1, "duplicate"},
       {"pack", "", nullptr, 1, ""},
       {"unpack", "", nullptr, 1, "not a vkt image (empty file)"},

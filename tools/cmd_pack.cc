@@ -40,7 +40,11 @@ int cmd_pack(const Args& args) {
   options.strict = !args.has("lax");
   if (!vkt_json_parse(reinterpret_cast<const char*>(file.data()), file.size(),
                       file.capacity(), &root, &error, options)) {
-    fail(in, error.message + " at byte " + std::to_string(error.offset));
+    std::string what = error.message;
+    if (error.offset != VKT_JSON_NO_OFFSET) {
+      what += " at byte " + std::to_string(error.offset);
+    }
+    fail(in, what);
   }
   progress.stage("writing");
   const vkt_binary image = writer.createImage(root);
