@@ -136,11 +136,10 @@ class JsonPrinter {
       case VKT_TYPE_STRING: {
         const char* s = v.asString();
         const std::string_view text(s, std::strlen(s));
-        if (!stringsValid_ || starts_inside_character(text)) {
-          return string(text, path);
+        if (stringsValid_ && !starts_inside_character(text)) {
+          return string<true>(text, path);
         }
-        valid_string(text);
-        return true;
+        return string<false>(text, path);
       }
       case VKT_TYPE_STREAM:
         return stream(v, path, depth);
@@ -186,7 +185,7 @@ class JsonPrinter {
       first = false;
       newline(depth + 1);
       const PathStep step{path, m.name, 0, false};
-      if (!string(m.name, &step)) return false;
+      if (!string<false>(m.name, &step)) return false;
       colon();
       if (!value(m.value, &step, depth + 1)) return false;
     }
@@ -293,20 +292,23 @@ class JsonPrinter {
   // they are (eight bytes tested at a time), ASCII that JSON needs escaped
   // is escaped, and longer UTF-8 sequences are checked where they stand.
   // A byte that starts no valid sequence fails strict printing and becomes
-  // U+FFFD in lax.
+  // U+FFFD in lax. With kKnownUtf8 the text has been checked already, so
+  // bytes above 0x7F are copied as they are and only escapes stop a run.
+  template <bool kKnownUtf8>
   bool string(std::string_view s, const PathStep* path) {
     const unsigned char* q = reinterpret_cast<const unsigned char*>(s.data());
     const unsigned char* end = q + s.size();
     const unsigned char* run = q;
     put('"');
     while (q != end) {
-      if (end - q >= 8 && all_plain(q)) {
+      if (end - q >= 8 && plain8<kKnownUtf8>(q)) {
         q += 8;
         continue;
       }
       const unsigned char c = *q;
       if (c >= 0x80) {
-        const size_t n = utf8_sequence_length(q, size_t(end - q));
+        const size_t n =
+            kKnownUtf8 ? 1 : utf8_sequence_length(q, size_t(end - q));
         if (n != 0) {
           q += n;
           continue;
@@ -317,8 +319,7 @@ class JsonPrinter {
         run = ++q;
         continue;
       }
-      const char e = sEscapes.escape[c];
-      if (e == 0) {
+      if (sEscapes.escape[c] == 0) {
         ++q;
         continue;
       }
@@ -331,58 +332,20 @@ class JsonPrinter {
     return true;
   }
 
-  // The same for text known to be UTF-8: bytes above 0x7F are copied as
-  // they are, so only what JSON escapes stops the run.
-  void valid_string(std::string_view s) {
-    const unsigned char* q = reinterpret_cast<const unsigned char*>(s.data());
-    const unsigned char* end = q + s.size();
-    const unsigned char* run = q;
-    put('"');
-    while (q != end) {
-      if (end - q >= 8 && !escapes_any(q)) {
-        q += 8;
-        continue;
-      }
-      const unsigned char c = *q;
-      if (c >= 0x80 || sEscapes.escape[c] == 0) {
-        ++q;
-        continue;
-      }
-      append(run, q - run);
-      run = ++q;
-      escape(c);
-    }
-    append(run, end - run);
-    put('"');
-  }
-
-  // True when one of the eight bytes at p is below 0x20, '"' or '\\': the
-  // classic zero-byte tests, exact as a yes or no.
-  static bool escapes_any(const unsigned char* p) {
+  // True when none of the eight bytes at p is below 0x20, '"' or '\\', nor
+  // (unless kKnownUtf8) above 0x7F: the classic zero-byte tests, exact as a
+  // yes or no.
+  template <bool kKnownUtf8>
+  static bool plain8(const unsigned char* p) {
     const vkt_u64 kOnes = 0x0101010101010101ull;
     const vkt_u64 kHighs = 0x8080808080808080ull;
     vkt_u64 w;
     std::memcpy(&w, p, 8);
     const vkt_u64 quote = w ^ (kOnes * '"');
     const vkt_u64 backslash = w ^ (kOnes * '\\');
-    const vkt_u64 special = ((w - kOnes * 0x20) & ~w) |
-                            ((quote - kOnes) & ~quote) |
-                            ((backslash - kOnes) & ~backslash);
-    return (special & kHighs) != 0;
-  }
-
-  // True when none of the eight bytes at p is below 0x20, '"', '\\' or
-  // above 0x7F (the classic zero-byte tests, exact as a yes or no).
-  static bool all_plain(const unsigned char* p) {
-    const vkt_u64 kOnes = 0x0101010101010101ull;
-    const vkt_u64 kHighs = 0x8080808080808080ull;
-    vkt_u64 w;
-    std::memcpy(&w, p, 8);
-    const vkt_u64 quote = w ^ (kOnes * '"');
-    const vkt_u64 backslash = w ^ (kOnes * '\\');
-    const vkt_u64 special = ((w - kOnes * 0x20) & ~w) |
-                            ((quote - kOnes) & ~quote) |
-                            ((backslash - kOnes) & ~backslash) | w;
+    const vkt_u64 special =
+        ((w - kOnes * 0x20) & ~w) | ((quote - kOnes) & ~quote) |
+        ((backslash - kOnes) & ~backslash) | (kKnownUtf8 ? 0 : w);
     return (special & kHighs) == 0;
   }
 
