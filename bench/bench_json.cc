@@ -2,7 +2,8 @@
 // would otherwise run:
 //   pack:   vkt_json_parse + createImage, beside simdjson's DOM parse + a
 //           FlexBuffer built from it (keys shared, the default);
-//   unpack: verify + open + decodeKeyNames + vkt_json_print, beside simdjson's DOM parse +
+//   unpack: verify + open + decodeKeyNames + vkt_json_print, beside simdjson's
+//   DOM parse +
 //           minified print of the same JSON text (a JSON-to-JSON pass).
 // Every row counts bytes of JSON text, so MB/s compare across rows.
 #include <benchmark/benchmark.h>
@@ -51,14 +52,15 @@ void BM_ParseVkt(benchmark::State& state, const char* name) {
   for (auto _ : state) {
     VKTWriterValue root;
     VKTJsonError error;
-    benchmark::DoNotOptimize(vkt_json_parse(in.text.data(), in.size,
-                                            in.text.size(), &root, &error));
+    benchmark::DoNotOptimize(
+        vkt_json_parse(in.text.data(), in.size, in.text.size(), &root, &error));
   }
   processed(state, in.size);
 }
 
-#if VKT_BENCH_HAVE_FLEXBUFFERS
-void BM_PackFlexBuffers(benchmark::State& state, const char* name) {
+// The peers' rows: simdjson's DOM parse of the sample, then `use` of it.
+template <typename Use>
+void simdjson_pass(benchmark::State& state, const char* name, Use use) {
   const PaddedText in(name);
   simdjson::dom::parser parser;
   for (auto _ : state) {
@@ -68,12 +70,19 @@ void BM_PackFlexBuffers(benchmark::State& state, const char* name) {
       state.SkipWithError("simdjson refused the sample");
       break;
     }
+    use(root);
+  }
+  processed(state, in.size);
+}
+
+#if VKT_BENCH_HAVE_FLEXBUFFERS
+void BM_PackFlexBuffers(benchmark::State& state, const char* name) {
+  simdjson_pass(state, name, [](simdjson::dom::element root) {
     flexbuffers::Builder builder;
     json_to_flexbuffers(root, builder);
     builder.Finish();
     benchmark::DoNotOptimize(builder.GetBuffer().data());
-  }
-  processed(state, in.size);
+  });
 }
 #endif
 
@@ -115,20 +124,11 @@ void BM_PrintVkt(benchmark::State& state, const char* name) {
 }
 
 void BM_JsonMinify(benchmark::State& state, const char* name) {
-  const PaddedText in(name);
-  simdjson::dom::parser parser;
   std::string out;
-  for (auto _ : state) {
-    simdjson::dom::element root;
-    if (parser.parse(in.text.data(), in.size, false).get(root) !=
-        simdjson::SUCCESS) {
-      state.SkipWithError("simdjson refused the sample");
-      break;
-    }
+  simdjson_pass(state, name, [&](simdjson::dom::element root) {
     out = simdjson::to_string(root);  // minified
     benchmark::DoNotOptimize(out.data());
-  }
-  processed(state, in.size);
+  });
 }
 
 void add(const char* label, void (*fn)(benchmark::State&, const char*)) {
