@@ -1,11 +1,9 @@
 // vkt_json: JSON text to images and back.
-#include <simdjson.h>
-
 #include <cmath>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <limits>
-#include <sstream>
 #include <string>
 
 #include "gtest/gtest.h"
@@ -62,89 +60,27 @@ std::string print_tree(const TreeMaker& make, bool strict = true,
   return out;
 }
 
-// Equal as parsed JSON, with an integer never equal to a double; members
-// in any order.
-bool same_json(simdjson::dom::element a, simdjson::dom::element b) {
-  using simdjson::dom::element_type;
-  if (a.type() != b.type()) return false;
-  switch (a.type()) {
-    case element_type::OBJECT: {
-      const simdjson::dom::object oa = a.get_object(), ob = b.get_object();
-      if (oa.size() != ob.size()) return false;
-      for (const simdjson::dom::key_value_pair m : oa) {
-        simdjson::dom::element other;
-        if (ob.at_key(m.key).get(other) != simdjson::SUCCESS ||
-            !same_json(m.value, other)) {
-          return false;
-        }
-      }
-      return true;
-    }
-    case element_type::ARRAY: {
-      const simdjson::dom::array xa = a.get_array(), xb = b.get_array();
-      if (xa.size() != xb.size()) return false;
-      for (auto ia = xa.begin(), ib = xb.begin(); ia != xa.end(); ++ia, ++ib) {
-        if (!same_json(*ia, *ib)) return false;
-      }
-      return true;
-    }
-    case element_type::INT64:
-      return int64_t(a) == int64_t(b);
-    case element_type::UINT64:
-      return uint64_t(a) == uint64_t(b);
-    case element_type::DOUBLE:
-      return double(a) == double(b);
-    case element_type::STRING:
-      return std::string_view(a) == std::string_view(b);
-    case element_type::BOOL:
-      return bool(a) == bool(b);
-    default:
-      return true;  // null
-  }
-}
-
-TEST(JsonRoundTrip, SampleDocumentsPrintBackAsTheSameJson) {
+// The printed text of a sample packs back to the same image: every value
+// printed means what the image holds (the mapping table below checks that
+// parsing reads the text right).
+TEST(JsonRoundTrip, SampleDocumentsPrintBackToTheSameImage) {
   for (const char* name : {"twitter", "citm_catalog", "canada"}) {
     SCOPED_TRACE(name);
     std::ifstream file(std::string(VKT_DATA_DIR) + "/" + name + ".json");
-    std::stringstream buffer;
-    buffer << file.rdbuf();
-    const std::string text = buffer.str();
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
     ASSERT_FALSE(text.empty());
     VKTWriterValue tree;
     VKTJsonError error;
     ASSERT_TRUE(parse(text, &tree, &error)) << error.message;
     const vkt_binary image = image_of(tree);
-    simdjson::dom::parser originalParser, printedParser;
-    const simdjson::dom::element original = originalParser.parse(text);
     for (bool pretty : {false, true}) {
       std::string printed;
       ASSERT_TRUE(print(image, &printed, &error, true, pretty));
-      EXPECT_TRUE(same_json(original, printedParser.parse(printed)));
-      // And the printed text packs to the same image.
       VKTWriterValue again;
       ASSERT_TRUE(parse(printed, &again, &error)) << error.message;
       EXPECT_EQ(image_of(again), image);
     }
   }
-}
-
-TEST(JsonParse, PacksTheBytesOfTheSameTreeBuiltByHand) {
-  const std::string text =
-      R"({"id":5000000000,"name":"x","tags":["a",true,null,-1.25],"n":{}})";
-  VKTWriterValue parsed;
-  VKTJsonError error;
-  ASSERT_TRUE(parse(text, &parsed, &error)) << error.message;
-  VKTWriterValue tree;
-  tree["id"].setLongInt(5000000000);
-  tree["name"] = "x";
-  VKTWriterValue& tags = tree["tags"];
-  tags[0] = "a";
-  tags[1] = true;
-  tags[2] = VKTWriterValue();
-  tags[3] = -1.25;
-  tree["n"].toObject();
-  EXPECT_EQ(image_of(parsed), image_of(tree));
 }
 
 std::string nested(const char* open, const char* inner, const char* close,
@@ -182,6 +118,17 @@ const vkt_s64 kMax64 = std::numeric_limits<vkt_s64>::max();
 const vkt_u8 kBytes[] = {0, 1, 2};
 
 const MappingCase sMappingCases[] = {
+    {R"({"id":5000000000,"name":"x","tags":["a",true,null,-1.25],"n":{}})",
+     true,
+     [](VKTWriterValue* v) {
+       (*v)["id"].setLongInt(5000000000);
+       (*v)["name"] = "x";
+       (*v)["tags"][0] = "a";
+       (*v)["tags"][1] = true;
+       (*v)["tags"][3] = -1.25;  // [2] grows as null
+       (*v)["n"].toObject();
+     },
+     "", 0},
     {"2147483647", true, std::bind(int_tree, 2147483647, _1), "", 0},
     {"-2147483648", true, std::bind(int_tree, -2147483647 - 1, _1), "", 0},
     {"2147483648", true, std::bind(long_tree, 2147483648, _1), "", 0},
