@@ -105,11 +105,13 @@ class JsonPrinter {
       : out_(out), pos_(out->size()), options_(options), error_(error) {}
 
   bool print(const VKTValue& v) {
-    // A whole image prints to about its own size; start there.
+    // A whole image prints to about its own size; start there. Its strings
+    // are checked in one pass over the string entity, which a single value
+    // (`vkt get`) is not worth.
     if (v.object() != nullptr && v == v.root()) {
       ensure(size_t(v.object()->size()) + v.object()->size() / 2);
+      stringsValid_ = string_entity_is_utf8(*v.object());
     }
-    stringsValid_ = v.object() != nullptr && string_entity_is_utf8(*v.object());
     const bool ok = value(v, nullptr, 0);
     out_->resize(pos_);
     return ok;
