@@ -41,10 +41,4 @@ size_t utf8_sequence_length(const unsigned char* p, size_t size);
 // or text.size() when all of it is valid.
 size_t utf8_first_invalid(std::string_view text);
 
-// Appends `text` as a JSON string, quotes included. Bytes that are not
-// valid UTF-8 are copied as they are: this is for messages and paths, whose
-// text came out of a parser that checked it, or out of an image whose bytes
-// the printer checks on its own.
-void append_json_quoted(std::string_view text, std::string* out);
-
 #endif  // VKT_JSON_INTERNAL_H_

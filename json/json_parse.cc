@@ -231,7 +231,7 @@ class TreeBuilder {
       }
       if (names != nullptr && !names->insert(key)) {
         std::string message = "duplicate member name ";
-        append_json_quoted(key, &message);
+        vkt_json_quote(key, &message);
         return fail(message, keyOffset);
       }
       if (!member(key, keyOffset, field.value(), node, depth, &stream)) {
@@ -284,7 +284,7 @@ class TreeBuilder {
   bool streamObject(const StreamMembers& s, VKTWriterValue* node) {
     if (s.hasOther) {
       std::string message = "a \"$stream\" object has no member ";
-      append_json_quoted(s.otherName, &message);
+      vkt_json_quote(s.otherName, &message);
       return fail(message, s.otherOffset);
     }
     vkt_u32 alignment = 0;

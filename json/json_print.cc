@@ -93,7 +93,7 @@ void append_path(const PathStep* step, std::string* out) {
     out->append(step->name);
   } else {
     out->push_back('[');
-    append_json_quoted(step->name, out);
+    vkt_json_quote(step->name, out);
     out->push_back(']');
   }
 }

@@ -40,7 +40,7 @@ size_t utf8_first_invalid(std::string_view text) {
   return i;
 }
 
-void append_json_quoted(std::string_view text, std::string* out) {
+void vkt_json_quote(std::string_view text, std::string* out) {
   static const char kHex[] = "0123456789abcdef";
   out->push_back('"');
   for (char ch : text) {

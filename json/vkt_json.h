@@ -36,6 +36,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 #include "vkt.h"
 
@@ -99,5 +100,10 @@ bool vkt_json_print(const VKTValue& value, std::string* out,
 // of two up to 65536 that divides its payload's offset in the image; 1 for
 // any other value or when the payload is not in memory.
 vkt_u32 vkt_json_stream_alignment(const VKTValue& stream);
+
+// Appends `text` as a JSON string, quotes included, escaping '"', '\\' and
+// control characters. Bytes that are not valid UTF-8 are copied as they are:
+// this is for names and messages whose text is known to be UTF-8.
+void vkt_json_quote(std::string_view text, std::string* out);
 
 #endif  // VKT_JSON_H_

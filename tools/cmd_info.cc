@@ -7,6 +7,7 @@
 #include "image.h"
 #include "tool.h"
 #include "tree_from_image.h"
+#include "vkt_json.h"
 
 namespace {
 
@@ -130,23 +131,11 @@ void print_text(const Info& in) {
               percent(saved, in.sharing.unshared));
 }
 
-// Names of files and sections are plain ASCII apart from the file name,
-// which is escaped as far as JSON needs.
-std::string json_string(const std::string& s) {
-  std::string out = "\"";
-  for (unsigned char c : s) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += char(c);
-    } else if (c < 0x20) {
-      char buf[8];
-      std::snprintf(buf, sizeof buf, "\\u%04x", c);
-      out += buf;
-    } else {
-      out += char(c);
-    }
-  }
-  return out + "\"";
+// Section names are plain ASCII; the file name is escaped as JSON needs.
+std::string quoted(const std::string& s) {
+  std::string out;
+  vkt_json_quote(s, &out);
+  return out;
 }
 
 void print_json(const Info& in) {
@@ -154,7 +143,7 @@ void print_json(const Info& in) {
   std::printf(
       "{\"file\":%s,\"size\":%u,\"version\":%u,\"flags\":%u,"
       "\"byte_order\":\"%s\",\"sections\":[",
-      json_string(in.file).c_str(), in.size, in.version, in.flags,
+      quoted(in.file).c_str(), in.size, in.version, in.flags,
       in.bigEndian ? "big" : "little");
   for (size_t i = 0; i < in.sections.size(); ++i) {
     const VKTSection& s = in.sections[i];
