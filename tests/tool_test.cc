@@ -48,22 +48,18 @@ class ToolTest : public ::testing::Test {
   static Outcome vkt(const std::vector<std::string>& args,
                      const std::string& input = "/dev/null") {
     const std::string out = at("stdout"), err = at("stderr");
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-      std::vector<char*> argv{const_cast<char*>(VKT_TOOL_PATH)};
-      for (const std::string& a : args)
-        argv.push_back(const_cast<char*>(a.c_str()));
-      argv.push_back(nullptr);
-      ::dup2(::open(input.c_str(), O_RDONLY), 0);
-      ::dup2(::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
-      ::dup2(::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
-      ::execv(VKT_TOOL_PATH, argv.data());
-      ::_exit(127);
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
+    std::string command = shell_quoted(VKT_TOOL_PATH);
+    for (const std::string& a : args) command += " " + shell_quoted(a);
+    command += " <" + shell_quoted(input) + " >" + shell_quoted(out) + " 2>" +
+               shell_quoted(err);
+    const int status = std::system(command.c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(out),
             read_file(err)};
+  }
+  static std::string shell_quoted(const std::string& s) {
+    std::string q = "'";
+    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
   }
 
   // Packs JSON text into an image file; answers its path.
