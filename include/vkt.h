@@ -106,13 +106,18 @@ class VKTWriterValue;
 // The implementation's accessor to the private parts below; not for users.
 class VKTInternal;
 
+// The deepest nesting of arrays and objects that an image may have: a root
+// array holding scalars has depth 1. The writer refuses deeper trees and
+// VKTVerifyLimits::maxDepth defaults to it, so every image the writer makes
+// passes verify's default depth check.
+const vkt_u32 VKT_MAX_DEPTH = 255;
+
 // Bounds that VKTObject::verify holds an image to. A default-constructed
-// object gives the defaults, which every image of this library's writer
-// meets unless its tree nests deeper than 64.
+// object gives the defaults.
 struct VKTVerifyLimits {
-  // Deepest nesting of arrays and objects: a root array holding scalars has
-  // depth 1. Capped at 255.
-  vkt_u32 maxDepth = 64;
+  // Deepest nesting of arrays and objects (see VKT_MAX_DEPTH), which it
+  // also caps.
+  vkt_u32 maxDepth = VKT_MAX_DEPTH;
   // Most values that a recursive walk from the root visits, counting an
   // encoding that several elements share once for every element; also the
   // most bytes that the names of all keys take together. 0 means

@@ -67,10 +67,9 @@ const size_t VKT_JSON_PADDING = 64;
 
 // Deepest nesting of arrays and objects that vkt_json_parse accepts, counted
 // as VKTVerifyLimits::maxDepth counts it (a root array of scalars is 1; a
-// "$stream" object is a leaf). Deeper text is refused, so that the writer's
-// walks, which recurse, stay shallow. Verify a packed image with
-// maxDepth = VKT_JSON_MAX_DEPTH to accept everything that parse accepts.
-const vkt_u32 VKT_JSON_MAX_DEPTH = 255;
+// "$stream" object is a leaf): the library's own VKT_MAX_DEPTH, so that
+// everything parse accepts can be written and passes verify's defaults.
+const vkt_u32 VKT_JSON_MAX_DEPTH = VKT_MAX_DEPTH;
 
 // Parses `size` bytes of JSON text at `text` into *root (replacing it).
 // `capacity` is how many bytes from `text` may be read; less than

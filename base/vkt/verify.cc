@@ -15,7 +15,6 @@ namespace vkt_internal {
 
 namespace {
 
-const vkt_u32 kMaxDepthCap = 255;
 // Keeps every sum of visit counts far below 2^64.
 const vkt_u64 kMaxValuesCap = vkt_u64(1) << 56;
 
@@ -35,7 +34,7 @@ ImageVerifier::ImageVerifier(const vkt_u8* header, const vkt_u8* image,
       mImageSize(imageSize),
       mReport(report) {
   if (limits != nullptr) mLimits = *limits;
-  if (mLimits.maxDepth > kMaxDepthCap) mLimits.maxDepth = kMaxDepthCap;
+  if (mLimits.maxDepth > VKT_MAX_DEPTH) mLimits.maxDepth = VKT_MAX_DEPTH;
   if (mLimits.maxValues == 0) {
     mLimits.maxValues = vkt_u64(VKTVerifyLimits::kValuesPerByte) * imageSize;
   }
