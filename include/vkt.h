@@ -139,14 +139,19 @@ struct VKTVerifyReport {
   // What the image holds, filled when verify answers true (zero otherwise):
   // the entries of the key, string, stream and bstream tables; the values a
   // walk from the root visits, the root included and an encoding that
-  // several elements share counted once per element; and the deepest
-  // nesting (0 for a scalar root, 1 for a container of scalars).
+  // several elements share counted once per element (the image's size in
+  // values as if nothing were shared: what a whole-image print or copy
+  // visits); and the deepest nesting (0 for a scalar root, 1 for a
+  // container of scalars).
   vkt_u32 keys = 0;
   vkt_u32 strings = 0;
   vkt_u32 streams = 0;
   vkt_u32 bstreams = 0;
   vkt_u64 values = 0;
   vkt_u32 depth = 0;
+  // Bytes of every key name with one NUL each: what decodeKeyNames
+  // allocates for its block, and at most what getMemberNames copies.
+  vkt_u64 keyNameBytes = 0;
 };
 
 // One section of an image, as VKTObject::sections lists it.
@@ -708,10 +713,12 @@ class VKTObject {
   // Decodes every key name of the image once into one block that the object
   // owns, so that member walks hand out names without rebuilding them and
   // getMemberNames copies instead of decoding. The block takes the names'
-  // bytes, one NUL per name and 4 bytes per name plus 4, and lives until the
-  // object dies; a second call does nothing. It writes to the object: no
-  // other call on the object may run at the same time. Time is linear in
-  // the names' total length.
+  // bytes and one NUL per name (VKTVerifyReport::keyNameBytes, which a
+  // program can weigh before the call) plus 4 bytes per name and 4, and lives
+  // until the object dies; a second call does nothing. Names that would pass
+  // 4 GiB in all (verify refuses such a table) are left undecoded. It writes
+  // to the object: no other call on the object may run at the same time.
+  // Time is linear in the names' total length.
   void decodeKeyNames();
   bool hasKeyNames() const { return !mKeyNameStarts.empty(); }
 
@@ -755,7 +762,7 @@ class VKTObject {
   const char* sortedKey(vkt_u32 keyTag) const;
   // The decoded name of `keyTag`; REQUIRES: hasKeyNames().
   std::string_view keyName(vkt_u32 keyTag) const {
-    if (keyTag + 1 >= mKeyNameStarts.size()) return std::string_view();
+    if (size_t(keyTag) + 1 >= mKeyNameStarts.size()) return std::string_view();
     const vkt_u32 begin = mKeyNameStarts[keyTag];
     return std::string_view(mKeyNames.data() + begin,
                             mKeyNameStarts[keyTag + 1] - begin - 1);

@@ -13,6 +13,7 @@
 
 #include <charconv>
 #include <cmath>
+#include <cstdio>  // snprintf
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -104,7 +105,22 @@ class JsonPrinter {
               VKTJsonError* error)
       : out_(out), pos_(out->size()), options_(options), error_(error) {}
 
+  // The text's bound for an image of `imageSize` bytes (see
+  // VKTJsonPrintOptions::maxExpansion), from the text already in *out.
+  void bound(vkt_u64 imageSize) {
+    const vkt_u64 ratio = options_.maxExpansion;
+    if (ratio == 0 || (imageSize != 0 && ratio > kUnbounded / imageSize)) {
+      return;
+    }
+    vkt_u64 limit = imageSize * ratio;
+    if (limit < options_.expansionAllowance) {
+      limit = options_.expansionAllowance;
+    }
+    if (limit < kUnbounded - pos_) end_ = pos_ + limit;
+  }
+
   bool print(const VKTValue& v) {
+    if (v.object() != nullptr) bound(v.object()->size());
     // A whole image prints to about its own size; start there. Its strings
     // are checked in one pass over the string entity, which a single value
     // (`vkt get`) is not worth.
@@ -119,6 +135,7 @@ class JsonPrinter {
 
  private:
   bool value(const VKTValue& v, const PathStep* path, vkt_u32 depth) {
+    if (pos_ > end_) return tooLarge(path);
     switch (v.type()) {
       case VKT_TYPE_BOOL:
         if (v.asBool()) {
@@ -408,16 +425,30 @@ class JsonPrinter {
     pos_ += n;
   }
 
+  bool tooLarge(const PathStep* path) {
+    char message[128];
+    std::snprintf(message, sizeof(message),
+                  "text passes %llu times the image's size (its values are "
+                  "shared many times over)",
+                  static_cast<unsigned long long>(options_.maxExpansion));
+    fail(message, path);
+    error_->tooLarge = true;
+    return false;
+  }
+
   bool fail(const char* message, const PathStep* path) {
     error_->message = message;
     error_->offset = 0;
+    error_->tooLarge = false;
     error_->path.clear();
     append_path(path, &error_->path);
     return false;
   }
 
   std::string* out_;
+  static constexpr vkt_u64 kUnbounded = ~vkt_u64(0);
   size_t pos_;  // end of the text; out_ holds scratch bytes behind it
+  vkt_u64 end_ = kUnbounded;  // printing stops once pos_ passes it
   const VKTJsonPrintOptions& options_;
   VKTJsonError* error_;
   // Every string of the image is UTF-8, so string values skip the check.

@@ -54,6 +54,8 @@ struct VKTJsonError {
   // Print: the path of the offending value, as `vkt get` takes it (e.g.
   // statuses[3].geo); empty for the root and for parse errors.
   std::string path;
+  // Print: the text passed VKTJsonPrintOptions::maxExpansion.
+  bool tooLarge = false;
 };
 
 struct VKTJsonParseOptions {
@@ -82,6 +84,12 @@ bool vkt_json_parse(const char* text, size_t size, size_t capacity,
 struct VKTJsonPrintOptions {
   bool pretty = false;  // two-space indent, one member or element per line
   bool strict = true;
+  // Sharing lets a small image stand for a huge text (one string referred to
+  // a million times). Once the text passes `expansionAllowance` bytes, print
+  // fails when it passes `maxExpansion` times the image's size; 0 lifts the
+  // bound. The text may run past the bound by one value before print stops.
+  vkt_u64 maxExpansion = 100;
+  vkt_u64 expansionAllowance = vkt_u64(8) << 20;
 };
 
 // Appends `value` as JSON text to *out. The value's VKTObject must have been
@@ -90,7 +98,8 @@ struct VKTJsonPrintOptions {
 // object()->image(). On failure *out holds a partial text and *error says
 // why. For a whole image, call VKTObject::decodeKeyNames first: members then
 // come with their names ready instead of each rebuilt from the key table,
-// which makes printing about a third faster.
+// which makes printing about a third faster. VKTVerifyReport::values tells
+// how many values a whole print visits.
 bool vkt_json_print(const VKTValue& value, std::string* out,
                     VKTJsonError* error,
                     const VKTJsonPrintOptions& options = VKTJsonPrintOptions());

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "gtest/gtest.h"
+#include "testutil.h"
 #include "vkt.h"
 #include "vkt/format.h"
 #include "vkt_json.h"
@@ -368,6 +369,46 @@ TEST(JsonPrint, PrettyIndentsByTwoSpaces) {
             "  },\n"
             "  \"e\": []\n"
             "}");
+}
+
+// Sharing bombs: 2^19 references to one 30,000-byte string (16 GB of
+// text) stop once the text passes the bound, with the path where it did;
+// the same image prints whole with the bound lifted as far as it needs.
+TEST(JsonPrint, StopsTextThatSharingExpandsPastItsBound) {
+  const vkt_binary bomb = shared_string_bomb(19, 30000);
+  ASSERT_LT(bomb.size(), 40000u);
+  VKTVerifyReport report;
+  ASSERT_TRUE(VKTObject::verify(bomb, &report)) << report.reason;
+  EXPECT_EQ(report.values, (vkt_u64(1) << 20) - 1);
+  VKTObject object(bomb);
+  struct Case {
+    vkt_u64 maxExpansion, allowance;
+    size_t largestText;  // bound plus one value's overshoot
+  };
+  const Case cases[] = {
+      {100, vkt_u64(8) << 20, (size_t(8) << 20) + 30100},
+      {1000, 0, bomb.size() * 1000 + 30100},
+  };
+  for (const Case& c : cases) {
+    VKTJsonPrintOptions options;
+    options.maxExpansion = c.maxExpansion;
+    options.expansionAllowance = c.allowance;
+    std::string out;
+    VKTJsonError error;
+    EXPECT_FALSE(vkt_json_print(object.root(), &out, &error, options));
+    EXPECT_TRUE(error.tooLarge);
+    EXPECT_NE(error.message.find("times the image's size"), std::string::npos);
+    EXPECT_EQ(error.path.rfind("[0][0]", 0), 0u) << error.path;
+    EXPECT_LT(out.size(), c.largestText);
+  }
+  const vkt_binary small = shared_string_bomb(10, 30000);
+  VKTObject whole(small);
+  VKTJsonPrintOptions lifted;
+  lifted.maxExpansion = 0;
+  std::string out;
+  VKTJsonError error;
+  EXPECT_TRUE(vkt_json_print(whole.root(), &out, &error, lifted));
+  EXPECT_EQ(out.size(), size_t(30002 + 1) * 1024 + 2 * 1023 - 1);
 }
 
 }  // namespace

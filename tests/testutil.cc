@@ -123,3 +123,17 @@ vkt_binary written_key_table(const std::vector<std::string>& keys) {
   return section(VKTWriterObject().createImage(root), HEADER_OFST_KEY_ENTITY,
                  HEADER_OFST_ROOT_VALUE);
 }
+
+vkt_binary shared_string_bomb(int levels, size_t length) {
+  ImageParts parts;
+  parts.keyTable = empty_key_table();
+  parts.root.clear();
+  for (int i = 0; i < levels; ++i) {
+    concat_binary(parts.root, hex("20 0D 02 0D 00 00"));  // [child, child]
+  }
+  concat_binary(parts.root, hex("15 00"));  // string 0
+  parts.stringOffsets = hex("0D 01 0D 00");
+  parts.strings.assign(length, 'x');
+  parts.strings.push_back(0);
+  return parts.assemble();
+}

@@ -114,4 +114,9 @@ vkt_binary written_root(const VKTWriterValue& root, bool optimize = true);
 // The key table of an image whose root object has these member names.
 vkt_binary written_key_table(const std::vector<std::string>& keys);
 
+// An image whose root holds 2^levels references, through `levels` nested
+// pairs of one shared array, to one string of `length` bytes: a few KB that
+// stand for length x 2^levels bytes of text.
+vkt_binary shared_string_bomb(int levels, size_t length);
+
 #endif  // VKT_TESTS_TESTUTIL_H_

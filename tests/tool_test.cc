@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "gtest/gtest.h"
+#include "testutil.h"
 #include "vkt.h"
 #include "vkt_json.h"
 
@@ -372,6 +373,44 @@ TEST_F(ToolTest, HeavilySharedImagesReadBack) {
   const Outcome info = vkt({"info", image});
   EXPECT_NE(info.out.find("values       1343211"), std::string::npos);
   EXPECT_NE(info.out.find("not measured"), std::string::npos) << info.out;
+}
+
+// A 30 KB image that stands for 16 GB of text: printing stops at its bound
+// with exit 1 (it used to end in an uncaught bad_alloc), info leaves the
+// sharing figure out, and a lifted bound prints a smaller bomb whole.
+TEST_F(ToolTest, SharingBombsStopWithAClearError) {
+  const vkt_binary bomb = shared_string_bomb(19, 30000);
+  write_file(at("bomb.vkt"), std::string(bomb.begin(), bomb.end()));
+  struct Case {
+    std::vector<std::string> args;
+    int code;
+    const char* message;
+  };
+  const Case cases[] = {
+      {{"unpack", at("bomb.vkt"), "-o", at("bomb.json")},
+       1,
+       "times the image's size"},
+      {{"get", at("bomb.vkt"), "[0]"}, 1, "--max-expansion N raises"},
+      {{"get", at("bomb.vkt"), "[0]", "--max-expansion", "x"},
+       2,
+       "--max-expansion takes a whole number"},
+      {{"info", at("bomb.vkt")}, 0, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.args[0]);
+    const Outcome r = vkt(c.args);
+    EXPECT_EQ(r.code, c.code) << r.err;
+    EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+  }
+  EXPECT_NE(::access(at("bomb.json").c_str(), F_OK), 0);
+  EXPECT_NE(vkt({"info", at("bomb.vkt")}).out.find("not measured"),
+            std::string::npos);
+  const vkt_binary small = shared_string_bomb(10, 30000);
+  write_file(at("small.vkt"), std::string(small.begin(), small.end()));
+  const Outcome whole =
+      vkt({"unpack", at("small.vkt"), "--max-expansion", "0"});
+  EXPECT_EQ(whole.code, 0) << whole.err;
+  EXPECT_EQ(whole.out.size(), size_t(30002 + 1) * 1024 + 2 * 1023);
 }
 
 }  // namespace

@@ -201,6 +201,7 @@ TEST(Verify, ReportsWhatTheImageHolds) {
   EXPECT_EQ(report.bstreams, 1u);
   EXPECT_EQ(report.values, 1u + 1 + 2 * 3 + 4);  // root, a, pairs, others
   EXPECT_EQ(report.depth, 3u);
+  EXPECT_EQ(report.keyNameBytes, 5u * 2);  // five one-letter names and NULs
 
   VKTObject object(image);
   EXPECT_FALSE(object.root()["s"].isBoundStream());
@@ -223,3 +224,50 @@ TEST(Verify, ReportsWhatTheImageHolds) {
   EXPECT_EQ(report.values, 0u);
   EXPECT_EQ(report.keys, 0u);
 }
+
+namespace {
+
+// A trie whose one leaf is spelt by 254 steps of 'a', packed tight (each
+// base is its position + 1 - 'a', so it wraps), and `names` tail entries
+// that all name that leaf: 16.8 MB of table for 4 GiB of names.
+vkt_binary long_names_key_table(vkt_u32 names) {
+  const vkt_u32 kSteps = 254;
+  std::vector<vkt_u32> base(kSteps + 2), check(kSteps + 2, 0);
+  for (vkt_u32 x = 0; x < kSteps; ++x) {
+    base[x] = x + 1 - 'a';
+    check[x + 1] = x;
+  }
+  base[kSteps] = kSteps + 1;  // the terminator's step to the leaf
+  check[kSteps + 1] = kSteps;
+  base[kSteps + 1] = 0;  // the leaf: key tag 0
+  std::vector<vkt_u32> tail(names, kSteps + 1);
+  vkt_binary table;
+  for (const std::vector<vkt_u32>* a : {&base, &check, &tail}) {
+    const size_t at = table.size();
+    table.resize(at + unsigned_array_size(*a));
+    generate_unsigned_array(&table[at], *a);
+  }
+  return table;
+}
+
+// Summed in 32 bits, the names' bytes with their NULs wrapped and the
+// decoded name block came out too small; the image passed verify.
+TEST(Verify, RefusesKeyNamesPastFourGiB) {
+  ImageParts parts;
+  parts.keyTable = long_names_key_table(1000);
+  vkt_binary image = parts.assemble();
+  VKTVerifyReport report;
+  ASSERT_TRUE(VKTObject::verify(image, &report)) << report.reason;
+  EXPECT_EQ(report.keyNameBytes, 1000u * 255);
+  VKTObject object(image);
+  object.decodeKeyNames();
+  EXPECT_EQ(object.root().type(), VKT_TYPE_NULL);
+  EXPECT_EQ(VKTInternal::getKey(object, 999), std::string(254, 'a'));
+
+  parts.keyTable = long_names_key_table(16843100);  // 255 x this > 2^32
+  image = parts.assemble();
+  EXPECT_FALSE(VKTObject::verify(image, &report));
+  EXPECT_STREQ(report.reason, "key names too long in total");
+}
+
+}  // namespace

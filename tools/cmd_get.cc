@@ -12,13 +12,15 @@ int cmd_get(const Args& args) {
   if (!parse_path(path, &steps, &error)) {
     usage_error("bad PATH '" + path + "': " + error);
   }
-  const CheckedImage image(args.positional[0]);
+  const VKTJsonPrintOptions options = print_options(args);
+  const CheckedImage image(args.positional[0], args.has("copy"));
   VKTValue value;
   const size_t found = resolve_path(image.root(), steps, &value);
   if (found < steps.size()) {
     fail(image.name(), "no value at " + path.substr(0, steps[found].end));
   }
-  const std::string text = print_value(image.name(), value, args);
+  set_activity(image.name(), "printing");
+  const std::string text = print_value(image.name(), value, options);
   write_output("-", text.data(), text.size());
   return 0;
 }

@@ -43,8 +43,11 @@ bool worth_measuring(const CheckedImage& image) {
 Sharing measure_sharing(const CheckedImage& image) {
   Sharing result{false, 0, 0};
   if (!worth_measuring(image)) return result;
+  // The strings the tree copies stay within a few times the image.
+  vkt_u64 budget = 2 * vkt_u64(image.object().size()) + (vkt_u64(64) << 20);
+  VKTWriterValue tree;
+  if (!tree_from_image(image.root(), &budget, &tree)) return result;
   result.measured = true;
-  const VKTWriterValue tree = tree_from_image(image.root());
   for (bool optimize : {true, false}) {
     VKTWriterObject writer;
     writer.setOptimize(optimize);
@@ -89,7 +92,9 @@ Info gather(const CheckedImage& image) {
             obj.endian() == VKT_ENDIAN_BIG,
             obj.sections(),
             image.report(),
-            measure_sharing(image)};
+            {false, 0, 0}};
+  set_activity(image.name(), "measuring sharing");
+  info.sharing = measure_sharing(image);
   const vkt_u32 headerSize = info.sections.front().offset;
   info.sections.insert(info.sections.begin(),
                        VKTSection{"header", 0, headerSize});
@@ -167,7 +172,7 @@ void print_json(const Info& in) {
 }  // namespace
 
 int cmd_info(const Args& args) {
-  const CheckedImage image(args.positional[0]);
+  const CheckedImage image(args.positional[0], args.has("copy"));
   const Info info = gather(image);
   if (args.has("json")) {
     print_json(info);

@@ -7,11 +7,19 @@
 int cmd_unpack(const Args& args) {
   const std::string out = args.value("output", "-");
   refuse_same_file(args.positional[0], out);
-  CheckedImage image(args.positional[0]);
-  image.decodeKeyNames();
+  const VKTJsonPrintOptions options = print_options(args);
+  CheckedImage image(args.positional[0], args.has("copy"));
   Progress progress(image.name(), image.object().size());
+  // Names decoded once make the print faster. Sharing can make the names
+  // alone far larger than the image; those are rebuilt as they are printed,
+  // and the print's own bound stops the text.
+  if (within_expansion(options, image.object().size(),
+                       image.report().keyNameBytes)) {
+    progress.stage("decoding key names");
+    image.decodeKeyNames();
+  }
   progress.stage("printing");
-  const std::string text = print_value(image.name(), image.root(), args);
+  const std::string text = print_value(image.name(), image.root(), options);
   progress.stage("writing");
   write_output(out, text.data(), text.size());
   return 0;

@@ -6,7 +6,7 @@
 #include "tool.h"
 
 int cmd_verify(const Args& args) {
-  const CheckedImage image(args.positional[0]);
+  const CheckedImage image(args.positional[0], args.has("copy"));
   if (!args.has("quiet")) std::printf("%s: ok\n", image.name().c_str());
   return 0;
 }

@@ -3,6 +3,7 @@
 #include "files.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,6 +22,43 @@ namespace {
 
 std::string os_error() { return std::strerror(errno); }
 
+std::string sActivityFile;
+std::string sActivity;
+
+// What the SIGBUS handler needs, kept where it can read it without
+// allocating: the message for the mapped input, and the temporary output
+// to remove. Plain arrays: a handler may only call async-signal-safe code.
+char sInputChanged[4200];
+size_t sInputChangedSize = 0;
+char sTempOutput[4096];
+
+void on_input_changed(int) {
+  if (sTempOutput[0] != '\0') ::unlink(sTempOutput);
+  const ssize_t ignored =
+      ::write(STDERR_FILENO, sInputChanged, sInputChangedSize);
+  (void)ignored;
+  ::_exit(1);
+}
+
+// From here on a SIGBUS (a mapped page past the file's new end) is
+// reported as the input changing under the tool.
+void watch_mapped_input(const std::string& name) {
+  const std::string text =
+      "vkt: " + name + ": input changed while being read\n";
+  sInputChangedSize =
+      text.size() < sizeof(sInputChanged) ? text.size() : sizeof(sInputChanged);
+  std::memcpy(sInputChanged, text.data(), sInputChangedSize);
+  struct sigaction action;
+  std::memset(&action, 0, sizeof(action));
+  action.sa_handler = on_input_changed;
+  ::sigaction(SIGBUS, &action, nullptr);
+}
+
+void remember_temp_output(const std::string& path) {
+  if (path.size() >= sizeof(sTempOutput)) return;
+  std::memcpy(sTempOutput, path.c_str(), path.size() + 1);
+}
+
 // Closes a descriptor when the scope ends, unless it is one of ours to keep.
 struct FdCloser {
   int fd;
@@ -31,7 +69,18 @@ struct FdCloser {
 
 }  // namespace
 
-InputFile::InputFile(const std::string& path) : mName(path) {
+void set_activity(const std::string& file, const char* what) {
+  sActivityFile = file;
+  sActivity = what;
+}
+
+std::string out_of_memory_message() {
+  if (sActivity.empty()) return "out of memory";
+  return sActivityFile + ": out of memory while " + sActivity;
+}
+
+InputFile::InputFile(const std::string& path, bool copy) : mName(path) {
+  set_activity(path, "reading");
   int fd = STDIN_FILENO;
   if (!is_std_stream(path)) {
     fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -43,7 +92,8 @@ InputFile::InputFile(const std::string& path) : mName(path) {
   if (S_ISDIR(st.st_mode)) fail(path, std::strerror(EISDIR));
   // Some regular files (under /proc, say) report size 0 and still hold
   // bytes: those are read like a pipe.
-  if (!S_ISREG(st.st_mode) || st.st_size == 0 || !map(fd, size_t(st.st_size))) {
+  if (copy || !S_ISREG(st.st_mode) || st.st_size == 0 ||
+      !map(fd, size_t(st.st_size))) {
     readAll(fd);
   }
 }
@@ -65,6 +115,7 @@ bool InputFile::map(int fd, size_t size) {
     ::munmap(base, total);
     return false;
   }
+  watch_mapped_input(mName);
   mMap = base;
   mMapSize = total;
   mData = static_cast<vkt_u8*>(base);
@@ -124,11 +175,13 @@ class TempFile {
     mPath = (slash == std::string::npos ? "./" : dir) + "." + base + ".XXXXXX";
     mFd = ::mkstemp(&mPath[0]);
     if (mFd < 0) fail(name, os_error());
+    remember_temp_output(mPath);
     ::fchmod(mFd, mode);  // mkstemp makes the file private
   }
   ~TempFile() {
     if (mFd >= 0) ::close(mFd);
     if (!mRenamed) ::unlink(mPath.c_str());
+    remember_temp_output("");
   }
   int fd() const { return mFd; }
   void commit() {
@@ -210,6 +263,7 @@ Progress::~Progress() {
 }
 
 void Progress::stage(const char* what) {
+  set_activity(mName, what);
   if (!mOn) return;
   std::fprintf(stderr, "\r\033[Kvkt: %s: %s (%zu MB)...", mName.c_str(), what,
                mBytes >> 20);

@@ -10,14 +10,19 @@
 
 // A whole input in memory: a regular file is mapped (privately, so that
 // writes stay ours), anything else ("-" for stdin, a pipe) is read in large
-// blocks. At least kPadding readable bytes follow the data, so the JSON
-// parser can work on it without a copy. Failures throw ToolError naming
-// the path as given.
+// blocks, and so is a regular file when `copy` asks for a private copy. At
+// least kPadding readable bytes follow the data, so the JSON parser can work
+// on it without a copy. Failures throw ToolError naming the path as given.
+//
+// A mapped file cut short while the tool runs would end it with SIGBUS: the
+// tool then says "FILE: input changed while being read", removes its
+// temporary output and exits 1. Bytes rewritten in place after they were
+// checked are not seen by the checks; only a copy guards against that.
 class InputFile {
  public:
   static const size_t kPadding;  // VKT_JSON_PADDING
 
-  explicit InputFile(const std::string& path);
+  explicit InputFile(const std::string& path, bool copy = false);
   ~InputFile();
   InputFile(const InputFile&) = delete;
   InputFile& operator=(const InputFile&) = delete;
@@ -57,9 +62,17 @@ void write_output(const std::string& path, const void* data, size_t size);
 // name): writing it would replace what the user gave with the result.
 void refuse_same_file(const std::string& in, const std::string& out);
 
+// What the tool is doing now ("FILE: printing"), for the messages of
+// failures that cannot say it where they happen: running out of memory, or
+// the input changing under the tool. Progress::stage sets it.
+void set_activity(const std::string& file, const char* what);
+// "FILE: out of memory while printing" (or "out of memory" before any stage).
+std::string out_of_memory_message();
+
 // Tells a person at a terminal what a long run is doing: stage names on
 // stderr for inputs above kThreshold bytes, when stderr is a terminal;
-// silent otherwise. The line is cleared when the object goes.
+// silent otherwise. The line is cleared when the object goes. Every stage
+// is also recorded with set_activity.
 class Progress {
  public:
   static const size_t kThreshold = size_t(50) << 20;

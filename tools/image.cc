@@ -43,7 +43,8 @@ vkt_u32 read_le(const vkt_u8* p, size_t width) {
 
 }  // namespace
 
-CheckedImage::CheckedImage(const std::string& path) : mFile(path) {
+CheckedImage::CheckedImage(const std::string& path, bool copy)
+    : mFile(path, copy) {
   if (mFile.size() > 0xFFFFFFFFu) fail(path, "too large for a vkt image");
   Progress progress(path, mFile.size());
   progress.stage("verifying");

@@ -11,10 +11,11 @@
 // Reads the file at `path`, tells apart the ways it can fail to be an image
 // (not one at all, an unknown version, filtered, cut short, damaged), then
 // decodes and verifies it and opens it in place. Throws ToolError naming
-// `path`. Once constructed every view of root() is safe to read.
+// `path`. Once constructed every view of root() is safe to read. `copy`
+// reads the file into memory instead of mapping it (see InputFile).
 class CheckedImage {
  public:
-  explicit CheckedImage(const std::string& path);
+  explicit CheckedImage(const std::string& path, bool copy = false);
   CheckedImage(const CheckedImage&) = delete;
   CheckedImage& operator=(const CheckedImage&) = delete;
 

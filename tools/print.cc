@@ -1,18 +1,48 @@
 #include "print.h"
 
-#include "vkt_json.h"
+#include <cerrno>
+#include <cstdlib>  // strtoull
 
-std::string print_value(const std::string& file, const VKTValue& value,
-                        const Args& args) {
+VKTJsonPrintOptions print_options(const Args& args) {
   VKTJsonPrintOptions options;
   options.pretty = args.has("pretty");
   options.strict = !args.has("lax");
+  if (args.has("max-expansion")) {
+    const std::string text = args.value("max-expansion", "");
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long ratio = std::strtoull(text.c_str(), &end, 10);
+    if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0) {
+      usage_error(
+          "--max-expansion takes a whole number (0 lifts the bound), "
+          "not '" +
+          text + "'");
+    }
+    options.maxExpansion = ratio;
+  }
+  return options;
+}
+
+bool within_expansion(const VKTJsonPrintOptions& options, vkt_u64 imageSize,
+                      vkt_u64 bytes) {
+  if (options.maxExpansion == 0 || bytes <= options.expansionAllowance) {
+    return true;
+  }
+  return imageSize != 0 && bytes / imageSize < options.maxExpansion;
+}
+
+std::string print_value(const std::string& file, const VKTValue& value,
+                        const VKTJsonPrintOptions& options) {
   std::string text;
   VKTJsonError error;
   if (!vkt_json_print(value, &text, &error, options)) {
     std::string what = error.message;
     if (!error.path.empty()) what += " at " + error.path;
-    if (options.strict) what += " (--lax writes it anyway)";
+    if (error.tooLarge) {
+      what += " (--max-expansion N raises the bound, 0 lifts it)";
+    } else if (options.strict) {
+      what += " (--lax writes it anyway)";
+    }
     fail(file, what);
   }
   text += '\n';

@@ -6,11 +6,20 @@
 
 #include "tool.h"
 #include "vkt.h"
+#include "vkt_json.h"
 
-// `value` as JSON with a newline at the end, pretty with --pretty, lax with
-// --lax. REQUIRES: a value of a verified image held whole in memory. Throws
-// ToolError naming `file` when the value cannot be printed.
+// --pretty, --lax and --max-expansion as print options.
+VKTJsonPrintOptions print_options(const Args& args);
+
+// True when `bytes` of output made from an image of `imageSize` bytes stay
+// within the expansion bound of `options`.
+bool within_expansion(const VKTJsonPrintOptions& options, vkt_u64 imageSize,
+                      vkt_u64 bytes);
+
+// `value` as JSON with a newline at the end. REQUIRES: a value of a verified
+// image held whole in memory. Throws ToolError naming `file` when the value
+// cannot be printed.
 std::string print_value(const std::string& file, const VKTValue& value,
-                        const Args& args);
+                        const VKTJsonPrintOptions& options);
 
 #endif  // VKT_TOOLS_PRINT_H_

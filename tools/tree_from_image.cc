@@ -22,38 +22,46 @@ void set_stream(const VKTValue& value, VKTWriterValue* out) {
 
 }  // namespace
 
-VKTWriterValue tree_from_image(const VKTValue& value) {
-  VKTWriterValue out;
+bool tree_from_image(const VKTValue& value, vkt_u64* budget,
+                     VKTWriterValue* out) {
   switch (value.type()) {
     case VKT_TYPE_NULL:
       break;
     case VKT_TYPE_BOOL:
-      out.setBool(value.asBool());
+      out->setBool(value.asBool());
       break;
     case VKT_TYPE_INTEGER:
-      set_integer(value.asLongInt(), &out);
+      set_integer(value.asLongInt(), out);
       break;
     case VKT_TYPE_FLOAT:
-      out.setDouble(value.asDouble());
+      out->setDouble(value.asDouble());
       break;
-    case VKT_TYPE_STRING:
-      out.setString(value.asString());
+    case VKT_TYPE_STRING: {
+      const std::string text = value.asString();
+      if (text.size() > *budget) return false;
+      *budget -= text.size();
+      out->setString(text);
       break;
+    }
     case VKT_TYPE_STREAM:
-      set_stream(value, &out);
+      set_stream(value, out);
       break;
     case VKT_TYPE_ARRAY:
-      out.toArray();
+      out->toArray();
       for (VKTValue element : value.elements()) {
-        out.append(tree_from_image(element));
+        VKTWriterValue child;
+        if (!tree_from_image(element, budget, &child)) return false;
+        out->append(child);
       }
       break;
     case VKT_TYPE_OBJECT:
-      out.toObject();
+      out->toObject();
       for (const VKTMember& m : value.members()) {
-        out.append(std::string(m.name), tree_from_image(m.value));
+        VKTWriterValue child;
+        if (!tree_from_image(m.value, budget, &child)) return false;
+        out->append(std::string(m.name), child);
       }
       break;
   }
-  return out;
+  return true;
 }

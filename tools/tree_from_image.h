@@ -10,6 +10,11 @@
 // tree) with the alignment they have and their bound flag. REQUIRES: a
 // verified image held whole in memory; the recursion is as deep as its
 // nesting, which verify bounds.
-VKTWriterValue tree_from_image(const VKTValue& value);
+//
+// Sharing can make an image's values far larger than the image: the string
+// bytes copied are taken from *budget, and the rebuild gives up (false, *out
+// partial) once they would pass it.
+bool tree_from_image(const VKTValue& value, vkt_u64* budget,
+                     VKTWriterValue* out);
 
 #endif  // VKT_TOOLS_TREE_FROM_IMAGE_H_

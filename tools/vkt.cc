@@ -3,9 +3,12 @@
 // Exit codes: 0 done, 1 a file could not be read, converted or written,
 // 2 a wrong command line.
 #include <cstdio>
-#include <cstring>  // strcmp
+#include <cstring>    // strcmp
+#include <new>        // bad_alloc
+#include <stdexcept>  // length_error
 #include <string>
 
+#include "files.h"
 #include "tool.h"
 
 namespace {
@@ -15,14 +18,19 @@ const Option sPackOptions[] = {{"output", 'o', true},
                                {"endian", '\0', true},
                                {"lax", '\0', false},
                                {nullptr, '\0', false}};
-const Option sPrintOptions[] = {{"output", 'o', true},
-                                {"pretty", '\0', false},
-                                {"lax", '\0', false},
-                                {nullptr, '\0', false}};
-const Option sGetOptions[] = {
-    {"pretty", '\0', false}, {"lax", '\0', false}, {nullptr, '\0', false}};
-const Option sInfoOptions[] = {{"json", '\0', false}, {nullptr, '\0', false}};
-const Option sVerifyOptions[] = {{"quiet", 'q', false}, {nullptr, '\0', false}};
+const Option sPrintOptions[] = {
+    {"output", 'o', true}, {"pretty", '\0', false},
+    {"lax", '\0', false},  {"max-expansion", '\0', true},
+    {"copy", '\0', false}, {nullptr, '\0', false}};
+const Option sGetOptions[] = {{"pretty", '\0', false},
+                              {"lax", '\0', false},
+                              {"max-expansion", '\0', true},
+                              {"copy", '\0', false},
+                              {nullptr, '\0', false}};
+const Option sInfoOptions[] = {
+    {"json", '\0', false}, {"copy", '\0', false}, {nullptr, '\0', false}};
+const Option sVerifyOptions[] = {
+    {"quiet", 'q', false}, {"copy", '\0', false}, {nullptr, '\0', false}};
 
 struct Command {
   const char* name;
@@ -45,29 +53,38 @@ const Command sCommands[] = {
      "  --lax              accept duplicate names (the last wins), integers\n"
      "                     beyond 64 bits (as doubles) and NUL in strings\n"},
     {"unpack", cmd_unpack, sPrintOptions, 1,
-     "unpack IN.vkt [-o OUT.json] [--pretty] [--lax]",
+     "unpack IN.vkt [-o OUT.json] [--pretty] [--lax] [--max-expansion N]",
      "Prints the whole image as JSON. Streams and bstreams become\n"
      "{\"$stream\": \"<base64>\", \"align\": N, \"bound\": true}, which pack\n"
      "reads back.\n"
      "  -o, --output FILE  write there (default: standard output)\n"
      "  --pretty           indent two spaces, one member or element a line\n"
      "  --lax              print non-finite floats as null and replace bytes\n"
-     "                     that are not UTF-8, instead of failing\n"},
+     "                     that are not UTF-8, instead of failing\n"
+     "  --max-expansion N  fail once the text passes N times the image's\n"
+     "                     size (after its first 8 MiB): sharing can make a\n"
+     "                     small image stand for a huge text. Default 100;\n"
+     "                     0 lifts the bound\n"
+     "  --copy             read the image into memory instead of mapping it,\n"
+     "                     so that a program rewriting the file meanwhile\n"
+     "                     cannot change what is read after the checks\n"},
     {"info", cmd_info, sInfoOptions, 1, "info IN.vkt [--json]",
      "Shows version, flags, byte order, sections, table sizes, depth, the\n"
      "number of values and what sibling sharing saves.\n"
-     "  --json  one JSON object instead of text\n"},
+     "  --json  one JSON object instead of text\n"
+     "  --copy  read the image into memory instead of mapping it\n"},
     {"verify", cmd_verify, sVerifyOptions, 1, "verify IN.vkt [-q]",
      "Checks that every read of the image stays inside it. Prints\n"
      "\"IN.vkt: ok\" and exits 0 when it does; else says why and where, and\n"
      "exits 1.\n"
-     "  -q, --quiet  print nothing on success\n"},
+     "  -q, --quiet  print nothing on success\n"
+     "  --copy       read the image into memory instead of mapping it\n"},
     {"get", cmd_get, sGetOptions, 2, "get IN.vkt PATH [--pretty] [--lax]",
      "Prints one value as JSON, found by lookups in place.\n"
      "PATH: names and indexes, e.g. statuses[3].user.screen_name; a name\n"
      "holding . [ ] or \" is quoted with JSON escapes: a[\"x.y\"][0].\n"
      "An empty PATH or . is the whole image.\n"
-     "  --pretty, --lax  as for unpack\n"},
+     "  --pretty, --lax, --max-expansion, --copy  as for unpack\n"},
 };
 
 const char* const sUsageTail =
@@ -150,6 +167,14 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
     std::fprintf(stderr, "vkt: %s\n", e.message.c_str());
     return e.code;
+  } catch (const std::bad_alloc&) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "vkt: %s\n", out_of_memory_message().c_str());
+    return kExitFailure;
+  } catch (const std::length_error&) {  // a size past what a vector holds
+    std::fflush(stdout);
+    std::fprintf(stderr, "vkt: %s\n", out_of_memory_message().c_str());
+    return kExitFailure;
   }
   if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
     std::fprintf(stderr, "vkt: -: cannot write to standard output\n");

@@ -156,6 +156,21 @@ static inline bool in_image(vkt_u64 offset, vkt_u64 length, vkt_u64 size) {
   return length <= size && offset <= size - length;
 }
 
+// The one way to add up sizes read from an image (name lengths, counts times
+// widths, offsets plus lengths): *total += count * width, in 64 bits, and
+// refused (false, *total unchanged) when the result would pass `limit`. No
+// product or sum is formed that could wrap, so a caller that sizes a block or
+// a 32-bit index from the total never sees a small number stand for a huge
+// one. Bare `+` and `*` on image fields are for bounds already checked.
+static inline bool checked_mul_add(vkt_u64 count, vkt_u64 width, vkt_u64 limit,
+                                   vkt_u64* total) {
+  if (*total > limit) return false;
+  const vkt_u64 room = limit - *total;
+  if (width != 0 && count > room / width) return false;
+  *total += count * width;
+  return true;
+}
+
 // ---------------------------------------------------------------------------
 // Value encoding: one id byte, then a payload whose width the id fixes.
 // ---------------------------------------------------------------------------

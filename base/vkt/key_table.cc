@@ -250,6 +250,10 @@ VKTKey VKTObject::prepareKey(const char* name) const {
   return findKey(name, &tag, nullptr) ? VKTKey(tag) : VKTKey();
 }
 
+// The block's NUL-closed names and their starts. The total is summed in 64
+// bits and must fit the 32-bit starts: a table whose names would not (only a
+// hostile image has one; verify refuses it) is left undecoded, and walks
+// rebuild each name from the table as they do without this call.
 void VKTObject::decodeKeyNames() {
   if (hasKeyNames()) return;
   vkt_u32 count;
@@ -263,18 +267,18 @@ void VKTObject::decodeKeyNames() {
     count = t.tail.valueNum;
   }
   // Lengths first, so the block is allocated once.
-  mKeyNameStarts.resize(size_t(count) + 1);
-  vkt_u32 total = 0;
+  std::vector<vkt_u32> starts(size_t(count) + 1);
+  vkt_u64 total = 0;
   for (vkt_u32 tag = 0; tag < count; ++tag) {
-    mKeyNameStarts[tag] = total;
-    total += (mVersion == 1 ? vkt_u32(std::strlen(sortedKey(tag)))
-                            : climbKey(tag, [](char) {})) +
-             1;
+    starts[tag] = vkt_u32(total);
+    const vkt_u64 length = mVersion == 1 ? std::strlen(sortedKey(tag))
+                                         : climbKey(tag, [](char) {});
+    if (!checked_mul_add(1, length + 1, 0xFFFFFFFF, &total)) return;
   }
-  mKeyNameStarts[count] = total;
-  mKeyNames.resize(total);
+  starts[count] = vkt_u32(total);
+  mKeyNames.resize(size_t(total));
   for (vkt_u32 tag = 0; tag < count; ++tag) {
-    char* end = mKeyNames.data() + mKeyNameStarts[tag + 1] - 1;  // the NUL
+    char* end = mKeyNames.data() + starts[tag + 1] - 1;  // the NUL
     if (mVersion == 1) {
       const char* s = sortedKey(tag);
       std::memcpy(end - std::strlen(s), s, std::strlen(s));
@@ -282,6 +286,7 @@ void VKTObject::decodeKeyNames() {
       climbKey(tag, [&end](char c) { *--end = c; });
     }
   }
+  mKeyNameStarts.swap(starts);
 }
 
 // ---------------------------------------------------------------------------

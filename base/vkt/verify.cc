@@ -59,6 +59,7 @@ bool ImageVerifier::run(bool plainOnly) {
     mReport->bstreams = mBStreamCount;
     mReport->values = mValues;
     mReport->depth = mDepth;
+    mReport->keyNameBytes = mKeyNameBytes;
   }
   return true;
 }
@@ -136,7 +137,6 @@ bool ImageVerifier::checkSortedKeys() {
   }
   mKeyCount = offsets.valueNum;
   const vkt_u32 entitySize = entity.end - entity.begin;
-  vkt_u64 total = 0;  // bytes of all names, as getMemberNames may copy them
   for (vkt_u32 k = 0; k < mKeyCount; ++k) {
     const vkt_u32 at = get_unsigned_array(&offsets, k);
     if (!require(at < entitySize, "key offset outside the key entity",
@@ -148,13 +148,21 @@ bool ImageVerifier::checkSortedKeys() {
     if (!require(nul != nullptr, "key without NUL", entity.begin + at)) {
       return false;
     }
-    total += vkt_u64(static_cast<const vkt_u8*>(nul) - s);
-    if (!require(total <= mLimits.maxValues, "key names too long in total",
-                 entity.begin + at)) {
+    if (!addKeyName(vkt_u64(static_cast<const vkt_u8*>(nul) - s),
+                    entity.begin + at)) {
       return false;
     }
   }
   return true;
+}
+
+// Names count against the values budget, and with one NUL each they must
+// fit the 32-bit starts of the block decodeKeyNames makes of them.
+bool ImageVerifier::addKeyName(vkt_u64 length, vkt_u32 at) {
+  return require(checked_mul_add(1, length, mLimits.maxValues, &mKeyNames),
+                 "key names too long in total", at) &&
+         require(checked_mul_add(1, length + 1, 0xFFFFFFFF, &mKeyNameBytes),
+                 "key names too long in total", at);
 }
 
 // base | check | tail: base and check of one length, and every climb from a
@@ -187,7 +195,6 @@ bool ImageVerifier::checkKeyClimbs(const unsigned_array& check,
   std::vector<vkt_u32> depth(check.valueNum, kUnknown);
   std::vector<vkt_u32> path;
   depth[0] = 0;
-  vkt_u64 total = 0;
   const vkt_u32 n = check.valueNum;
   const vkt_u32 at = mOffsets[SECTION_KEY_ENTITY];
   for (vkt_u32 k = 0; k < tail.valueNum; ++k) {
@@ -210,9 +217,9 @@ bool ImageVerifier::checkKeyClimbs(const unsigned_array& check,
     for (vkt_u32 d = depth[x]; !path.empty(); path.pop_back()) {
       depth[path.back()] = ++d;
     }
-    total += depth[get_unsigned_array(&check, get_unsigned_array(&tail, k))];
-    if (!require(total <= mLimits.maxValues, "key names too long in total",
-                 mOffsets[SECTION_KEY_ENTITY])) {
+    if (!addKeyName(
+            depth[get_unsigned_array(&check, get_unsigned_array(&tail, k))],
+            mOffsets[SECTION_KEY_ENTITY])) {
       return false;
     }
   }

@@ -53,6 +53,7 @@ class ImageVerifier {
   bool checkSortedKeys();
   bool checkDoubleArrayKeys();
   bool checkKeyClimbs(const unsigned_array& check, const unsigned_array& tail);
+  bool addKeyName(vkt_u64 length, vkt_u32 at);
   bool checkStrings();
   bool checkPayloadTable(vkt_u32 offsets, vkt_u32 sizes, vkt_u32 entity,
                          vkt_u32* count);
@@ -73,6 +74,8 @@ class ImageVerifier {
   vkt_u32 mBStreamCount = 0;
   vkt_u64 mValues = 0;  // the walk's totals, for the report
   vkt_u32 mDepth = 0;
+  vkt_u64 mKeyNames = 0;      // bytes of all names, against maxValues
+  vkt_u64 mKeyNameBytes = 0;  // the same with one NUL each
 };
 
 // Inline: the value walk calls it once or twice per container.
@@ -95,9 +98,13 @@ inline bool ImageVerifier::packedArray(byte_range r, vkt_u64 at,
   a->valueNum = parse_unsigned(p);
   a->valueSize = p[head - 1] - UNSIGNED_ID_BIAS;
   a->values = p + head;
-  const vkt_u64 length = head + vkt_u64(a->valueNum) * a->valueSize;
+  vkt_u64 length = head;
+  if (!require(checked_mul_add(a->valueNum, a->valueSize, room, &length),
+               "packed array outside its section", at)) {
+    return false;
+  }
   a->size = vkt_u32(length);
-  return require(length <= room, "packed array outside its section", at);
+  return true;
 }
 
 }  // namespace vkt_internal
