@@ -9,9 +9,19 @@
 
 #include "full_walk.h"
 #include "vkt.h"
+#include "vkt/format.h"
 
 // Inputs above this size only slow the search down.
 const size_t kMaxInput = 1 << 16;
+
+// Clears the filter bits and seals the header checksum of a mutated image,
+// so that mutations get past decode and reach the sections.
+inline void seal_header(vkt_u8* p, size_t size) {
+  if (size < HEADER_SIZE) return;
+  const vkt_u32 version = read_16bit_unsigned(p + HEADER_OFST_VERSION);
+  p[HEADER_OFST_FLAGS] &= vkt_u8(~FLAGS_FILTER_BITS);
+  write_32bit_unsigned(p + HEADER_OFST_CHECKSUM, header_checksum(p, version));
+}
 
 inline void decode_verify_walk(vkt_u8* p, size_t size) {
   if (!VKTObject::decode(p, vkt_size(size))) return;

@@ -1,0 +1,45 @@
+// What the tool does with an image it is given: a sealed mutation that
+// verify accepts (with the tool's limits) is printed as JSON with the
+// printer's default bound, strictly and laxly, with key names rebuilt per
+// member and then decoded once. No print may read outside the image, and
+// none may produce more text than the bound allows.
+#include <cstring>
+#include <string>
+
+#include "fuzz_common.h"
+#include "vkt_json.h"
+
+namespace {
+
+void print_root(const VKTObject& object, bool strict) {
+  VKTJsonPrintOptions options;
+  options.strict = strict;
+  std::string text;
+  VKTJsonError error;
+  vkt_json_print(object.root(), &text, &error, options);
+  // The bound, plus one value's overshoot: at most a string of the whole
+  // image escaped six bytes a byte, or its stream in base64.
+  const size_t bound = (size_t(8) << 20) + 6 * size_t(object.size()) + 64;
+  if (text.size() > bound) std::abort();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size > kMaxInput) return 0;
+  std::unique_ptr<vkt_u8[]> copy(new vkt_u8[size]);
+  if (size != 0) std::memcpy(copy.get(), data, size);
+  seal_header(copy.get(), size);
+  VKTVerifyLimits limits;
+  limits.maxValues = vkt_u64(1) << 26;  // as much sharing as the tool allows
+  if (!VKTObject::decode(copy.get(), vkt_size(size)) ||
+      !VKTObject::verify(copy.get(), vkt_size(size), nullptr, &limits)) {
+    return 0;
+  }
+  VKTObject object(copy.get(), vkt_u32(size), VKT_ALLOC_REFER);
+  print_root(object, true);
+  print_root(object, false);
+  object.decodeKeyNames();
+  print_root(object, true);
+  return 0;
+}
