@@ -129,12 +129,33 @@ struct VKTVerifyLimits {
   vkt_size maxImageSize = 0xFFFFFFFF;
 };
 
+// The kind of fault that made a check refuse an image, for a program that
+// tells its users what to do about it.
+enum vkt_fault {
+  VKT_FAULT_NONE = 0,
+  VKT_FAULT_NOT_AN_IMAGE = 1,  // no vkt magic: some other file
+  VKT_FAULT_VERSION = 2,       // a version this library does not read
+  VKT_FAULT_FILTERED = 3,      // filter bits set: decode it with its filter
+  VKT_FAULT_TRUNCATED = 4,     // shorter than its header says: cut short
+  VKT_FAULT_CHECKSUM = 5,      // the header's checksum does not match
+  VKT_FAULT_DAMAGED = 6,       // any other fault in the bytes
+  VKT_FAULT_LIMIT = 7,         // sound as far as read, but past the limits
+};
+
 // Why VKTObject::verify refused an image. `reason` is a short fixed text with
 // static lifetime ("" when the image passed); `offset` is the image byte at
 // which the failing check looked (0 for checks of the whole image).
 struct VKTVerifyReport {
   const char* reason = "";
   vkt_size offset = 0;
+  vkt_fault fault = VKT_FAULT_NONE;
+  // The version in the header, once the magic has been read (else 0).
+  vkt_u32 version = 0;
+  // Where the image ends: after a pass, the end of its last stream payload
+  // (the stream entity's start when it has none), so that bytes from there
+  // up to the size given belong to something else; for VKT_FAULT_TRUNCATED,
+  // the byte the header names beyond the size given.
+  vkt_u64 end = 0;
 
   // What the image holds, filled when verify answers true (zero otherwise):
   // the entries of the key, string, stream and bstream tables; the values a
@@ -154,8 +175,25 @@ struct VKTVerifyReport {
   vkt_u64 keyNameBytes = 0;
 };
 
+// The sections of an image, in file order. Versions 1 to 3 have no bstream
+// sections.
+enum vkt_section {
+  VKT_SECTION_KEY_OFFSET_ARRAY = 0,  // version 1: key offsets; else a marker
+  VKT_SECTION_KEY_ENTITY = 1,        // version 1: key strings; else the trie
+  VKT_SECTION_ROOT_VALUE = 2,
+  VKT_SECTION_STRING_OFFSET_ARRAY = 3,
+  VKT_SECTION_STRING_ENTITY = 4,
+  VKT_SECTION_BSTREAM_OFFSET_ARRAY = 5,
+  VKT_SECTION_BSTREAM_SIZE_ARRAY = 6,
+  VKT_SECTION_BSTREAM_ENTITY = 7,
+  VKT_SECTION_STREAM_OFFSET_ARRAY = 8,
+  VKT_SECTION_STREAM_SIZE_ARRAY = 9,
+  VKT_SECTION_STREAM_ENTITY = 10,
+};
+
 // One section of an image, as VKTObject::sections lists it.
 struct VKTSection {
+  vkt_section id;
   const char* name;  // "root value", "stream entity", ...: static text
   vkt_u32 offset;    // from the image's first byte, as the header says
   // Bytes up to the next section or the image's end, the zero bytes that
@@ -284,6 +322,18 @@ class VKTValue {
   // in the source. The caller owns it, deletes it, and must do so before the
   // bytes it reads go (before a purge, before the VKTObject dies).
   VKTReadStream* buildStreamReader() const;
+
+  // The checks of an image read without a whole-image verify (see
+  // VKTObject::verifyTables): verifyStep checks this value's own bytes (a
+  // scalar's payload and tag, a container's arrays; constant time, except
+  // for a version-1 object, whose member records are all checked);
+  // verify checks this value and everything below it, with VKTObject::
+  // verify's limits (null: the defaults), in time and memory that follow
+  // what lies below it. Both answer true for the null view and fill
+  // *report (when not null) as VKTObject::verify does.
+  bool verifyStep(VKTVerifyReport* report = nullptr) const;
+  bool verify(VKTVerifyReport* report = nullptr,
+              const VKTVerifyLimits* limits = nullptr) const;
 
   // Containers.
   vkt_size size() const;
@@ -660,6 +710,28 @@ class VKTObject {
   // header says. Use only the object, and views from it, after a true answer.
   bool verify(VKTVerifyReport* report = nullptr,
               const VKTVerifyLimits* limits = nullptr) const;
+
+  // Reading an image without checking all of it first, so that one value
+  // costs what its path costs. verifyTables checks what every lookup reads
+  // before it reaches a value: header, section offsets, the key table and
+  // the string, stream and bstream tables, in time and memory that follow
+  // those tables, not the values (as verify, run decode first on a filtered
+  // image). An image that passed it may be opened in any memory mode, and
+  // then:
+  //   - root() and every view that an operation hands out are unchecked:
+  //     pass each to VKTValue::verifyStep or VKTValue::verify before any
+  //     other call on it;
+  //   - after verifyStep, the view's own operations (type, the as* and
+  //     stream accessors, size, at, findMember, isMember, getMemberNames,
+  //     elements, members) read inside the image; the views they give are
+  //     unchecked again;
+  //   - after VKTValue::verify, the view and every view reached from it are
+  //     as safe as on an image that verify accepted, with the same limits.
+  // The report tells the table sizes and where the image ends; its values
+  // and depth stay 0.
+  static bool verifyTables(const vkt_u8* p, vkt_size size,
+                           VKTVerifyReport* report = nullptr,
+                           const VKTVerifyLimits* limits = nullptr);
 
   VKTValue root() const { return VKTValue(this, mRootValuePtr); }
 

@@ -55,7 +55,7 @@ const char kReplacement[] = "\xEF\xBF\xBD";
 // each string's first byte (starts_inside_character).
 bool string_entity_is_utf8(const VKTObject& object) {
   for (const VKTSection& s : object.sections()) {
-    if (std::strcmp(s.name, "string entity") != 0) continue;
+    if (s.id != VKT_SECTION_STRING_ENTITY) continue;
     const char* p = reinterpret_cast<const char*>(object.image()) + s.offset;
     return simdjson::validate_utf8(p, s.size);
   }

@@ -90,6 +90,39 @@ inline vkt_u64 walk_object(VKTObject* object) {
   return sum;
 }
 
+// The checked path on an image that passed only verifyTables: each view
+// passes verifyStep before anything else reads it, and one that fails is
+// left alone. Answers whether every step it took passed.
+inline bool walk_checked(VKTValue v, WalkState* state, int depth,
+                         vkt_u64* sum) {
+  if (!v.verifyStep()) return false;
+  *sum += v.type() + v.asBool() + vkt_u64(v.asLongInt()) +
+          vkt_u64(v.asDouble() != 0) + v.isBoundStream();
+  const char* s = v.asString();
+  *sum += touch(s, std::strlen(s));
+  const vkt_u8* payload = v.asStream();
+  if (payload != nullptr) *sum += touch(payload, v.streamSize());
+  if (depth > 64 || !state->seen.insert(v).second) return true;
+  bool ok = true;
+  const vkt_u32 n = vkt_u32(v.size());
+  for (vkt_u32 i = 0; i < n; ++i) {
+    ok = walk_checked(v[i], state, depth + 1, sum) && ok;
+  }
+  vkt_members names;
+  v.getMemberNames(&names);
+  for (const std::string& name : names) {
+    VKTValue member;
+    if (v.findMember(name, &member)) {
+      ok = walk_checked(member, state, depth + 1, sum) && ok;
+    }
+  }
+  for (VKTValue e : v.elements()) *sum += e == v;  // views, not read
+  for (const VKTMember& m : v.members()) {
+    *sum += touch(m.name.data(), m.name.size()) + (m.value == v);
+  }
+  return ok;
+}
+
 // Opens a verified image in the ownership modes that `modes` selects (bit
 // per vkt_alloc_type; bit 5: through a read stream), walks each, purges where
 // that is possible and walks again.

@@ -128,6 +128,7 @@ TEST(RoundTrip, RandomTreesReadBackInEveryConfiguration) {
       ASSERT_TRUE(VKTObject::decode(image, &forDecode));
       VKTVerifyReport report;
       ASSERT_TRUE(VKTObject::verify(image, &report)) << report.reason;
+      EXPECT_EQ(report.end, image.size());    // nothing behind the image
       for (int mode = 0; mode < 5; ++mode) {  // DUPLICATE to PURGE_REFER
         const bool owned = mode == VKT_ALLOC_OWN || mode == VKT_ALLOC_PURGE;
         vkt_u8* buffer = owned ? new vkt_u8[image.size()] : image.data();

@@ -154,7 +154,7 @@ TEST_F(ToolTest, StreamsSurviveUnpackAndPack) {
             0);
   EXPECT_EQ(read_file(at("streams3.vkt")), read_file(image));
 
-  const Outcome info = vkt({"info", image});
+  const Outcome info = vkt({"info", image, "--sharing"});
   ASSERT_EQ(info.code, 0) << info.err;
   for (const char* line :
        {"streams      1\n", "bstreams     1\n", "version      4\n", "saves"}) {
@@ -258,7 +258,9 @@ TEST_F(ToolTest, BadInputsFailCleanly) {
       {"pack", "", nullptr, 1, ""},
       {"unpack", "", nullptr, 1, "not a vkt image (empty file)"},
       {"unpack", good.substr(0, 50), nullptr, 1,
-       "truncated image: only 50 bytes"},
+       "truncated image: 50 bytes, but its header names byte"},
+      {"unpack", good.substr(0, 30), nullptr, 1,
+       "truncated image: only 30 bytes"},
       {"unpack", good.substr(0, good.size() - 1), nullptr, 1,
        "truncated image: " + std::to_string(good.size() - 1) +
            " bytes, but its header names byte " + std::to_string(good.size())},
@@ -370,7 +372,7 @@ TEST_F(ToolTest, HeavilySharedImagesReadBack) {
   const std::string cube = repeat(repeat(repeat("0")));
   const std::string image = pack("cube", cube);
   EXPECT_EQ(vkt({"unpack", image}).out, cube + "\n");
-  const Outcome info = vkt({"info", image});
+  const Outcome info = vkt({"info", image, "--sharing"});
   EXPECT_NE(info.out.find("values       1343211"), std::string::npos);
   EXPECT_NE(info.out.find("not measured"), std::string::npos) << info.out;
 }
@@ -394,7 +396,7 @@ TEST_F(ToolTest, SharingBombsStopWithAClearError) {
       {{"get", at("bomb.vkt"), "[0]", "--max-expansion", "x"},
        2,
        "--max-expansion takes a whole number"},
-      {{"info", at("bomb.vkt")}, 0, ""},
+      {{"info", at("bomb.vkt"), "--sharing"}, 0, ""},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.args[0]);
@@ -403,7 +405,7 @@ TEST_F(ToolTest, SharingBombsStopWithAClearError) {
     EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
   }
   EXPECT_NE(::access(at("bomb.json").c_str(), F_OK), 0);
-  EXPECT_NE(vkt({"info", at("bomb.vkt")}).out.find("not measured"),
+  EXPECT_NE(vkt({"info", at("bomb.vkt"), "--sharing"}).out.find("not measured"),
             std::string::npos);
   const vkt_binary small = shared_string_bomb(10, 30000);
   write_file(at("small.vkt"), std::string(small.begin(), small.end()));

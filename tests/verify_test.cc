@@ -4,6 +4,8 @@
 // corruption_test.cc.
 #include <gtest/gtest.h>
 
+#include <utility>  // as_const
+
 #include "full_walk.h"
 #include "testutil.h"
 
@@ -69,22 +71,26 @@ const struct { vkt_binary ImageParts::*section; const char *bytes, *reason; } sS
 
 // The bytes of the valid image changed after assembly, and the reason.
 // clang-format off
-const struct { void (*change)(vkt_binary*); const char* reason; } sByteCases[] = {
-    {[](vkt_binary* b) { set_field(b, HEADER_OFST_ROOT_VALUE, read_32bit_unsigned(&(*b)[HEADER_OFST_STRING_OFFSET_ARRAY]) + 1); }, "sections out of order"},
-    {[](vkt_binary* b) { set_field(b, HEADER_OFST_STREAM_ENTITY, vkt_u32(b->size() + 1)); }, "section beyond the image"},
-    {[](vkt_binary* b) { b->pop_back(); }, "payload outside its entity"},
-    {[](vkt_binary* b) { b->resize(HEADER_OFST_ROOT_VALUE); }, "image shorter than a header"},
-    {[](vkt_binary* b) { (*b)[8] ^= 1; }, "header checksum"},
-    {[](vkt_binary* b) { (*b)[HEADER_OFST_FLAGS] = VKT_FLAGS_FILTER_INFO; }, "filter bits set: decode first"},
-    {[](vkt_binary* b) { (*b)[HEADER_OFST_VERSION] = 5; }, "version"},
-    {[](vkt_binary* b) { (*b)[0] = 'X'; }, "magic"},
+const struct { void (*change)(vkt_binary*); const char* reason; vkt_fault fault; } sByteCases[] = {
+    {[](vkt_binary* b) { set_field(b, HEADER_OFST_ROOT_VALUE, read_32bit_unsigned(&(*b)[HEADER_OFST_STRING_OFFSET_ARRAY]) + 1); }, "sections out of order", VKT_FAULT_DAMAGED},
+    {[](vkt_binary* b) { set_field(b, HEADER_OFST_STREAM_ENTITY, vkt_u32(b->size() + 1)); }, "section beyond the image", VKT_FAULT_TRUNCATED},
+    {[](vkt_binary* b) { b->pop_back(); }, "payload outside its entity", VKT_FAULT_TRUNCATED},
+    {[](vkt_binary* b) { b->resize(HEADER_OFST_ROOT_VALUE); }, "image shorter than its header", VKT_FAULT_TRUNCATED},
+    {[](vkt_binary* b) { b->resize(5); }, "image shorter than a header", VKT_FAULT_TRUNCATED},
+    {[](vkt_binary* b) { b->assign({'{', '}'}); }, "magic", VKT_FAULT_NOT_AN_IMAGE},
+    {[](vkt_binary* b) { (*b)[8] ^= 1; }, "header checksum", VKT_FAULT_CHECKSUM},
+    {[](vkt_binary* b) { (*b)[HEADER_OFST_FLAGS] = VKT_FLAGS_FILTER_INFO; }, "filter bits set: decode first", VKT_FAULT_FILTERED},
+    {[](vkt_binary* b) { (*b)[HEADER_OFST_VERSION] = 5; }, "version", VKT_FAULT_VERSION},
+    {[](vkt_binary* b) { (*b)[0] = 'X'; }, "magic", VKT_FAULT_NOT_AN_IMAGE},
 };
 // clang-format on
 
-void expect_refused(const vkt_binary& image, const char* reason) {
+void expect_refused(const vkt_binary& image, const char* reason,
+                    vkt_fault fault = VKT_FAULT_DAMAGED) {
   VKTVerifyReport report;
   EXPECT_FALSE(VKTObject::verify(image, &report));
   EXPECT_STREQ(report.reason, reason);
+  EXPECT_EQ(report.fault, fault);
 }
 
 }  // namespace
@@ -95,13 +101,15 @@ TEST(Verify, RefusesEachFaultWithItsReason) {
     SCOPED_TRACE(c.bytes);
     ImageParts parts = valid_parts();
     parts.*c.section = hex(c.bytes);
-    expect_refused(parts.assemble(), c.reason);
+    VKTVerifyReport report;
+    EXPECT_FALSE(VKTObject::verify(parts.assemble(), &report));
+    EXPECT_STREQ(report.reason, c.reason);
   }
   for (const auto& c : sByteCases) {
     SCOPED_TRACE(c.reason);
     vkt_binary image = valid_parts().assemble();
     c.change(&image);
-    expect_refused(image, c.reason);
+    expect_refused(image, c.reason, c.fault);
   }
   ImageParts parts = valid_parts();
   parts.root = hex("20 0D 02 0D 00 01 01 15 07");  // string tag 7, second
@@ -268,6 +276,60 @@ TEST(Verify, RefusesKeyNamesPastFourGiB) {
   image = parts.assemble();
   EXPECT_FALSE(VKTObject::verify(image, &report));
   EXPECT_STREQ(report.reason, "key names too long in total");
+}
+
+}  // namespace
+
+namespace {
+
+// Bytes behind an image (another image, say) are not the image's: verify
+// accepts it and tells where it ends, and so does verifyTables.
+TEST(Verify, TellsWhereTheImageEnds) {
+  const vkt_binary image = valid_parts().assemble();
+  vkt_binary twice = image;
+  twice.insert(twice.end(), image.begin(), image.end());
+  vkt_binary cut = image;
+  cut.pop_back();  // into the last stream payload
+  VKTVerifyReport report;
+  for (const vkt_binary* bytes : {&image, &std::as_const(twice)}) {
+    ASSERT_TRUE(VKTObject::verify(*bytes, &report)) << report.reason;
+    EXPECT_EQ(report.end, image.size());
+    ASSERT_TRUE(VKTObject::verifyTables(bytes->data(), vkt_size(bytes->size()),
+                                        &report));
+    EXPECT_EQ(report.end, image.size());
+  }
+  EXPECT_FALSE(VKTObject::verify(cut, &report));
+  EXPECT_EQ(report.fault, VKT_FAULT_TRUNCATED);
+  EXPECT_EQ(report.end, image.size());  // the byte the cut took
+}
+
+// The checked path reads what it touches: a value whose bytes are damaged
+// is refused where the path meets it, its sibling still reads, and the
+// check of the whole root agrees with verify.
+TEST(Verify, CheckedPathRefusesOnlyWhatItMeets) {
+  VKTWriterValue root;
+  root["good"][0] = "fine";
+  root["good"][1] = 7;
+  root["bad"][0] = 1;
+  root["bad"][1] = 2;
+  vkt_binary image = VKTWriterObject().createImage(root);
+  VKTObject clean(image);
+  const vkt_size at =
+      vkt_size(VKTInternal::ptr(clean.root()["bad"]) - clean.image());
+  image[at + 2] = 0x7F;  // the count of "bad"'s offsets: far too many
+  VKTVerifyReport report;
+  EXPECT_FALSE(VKTObject::verify(image, &report));
+  ASSERT_TRUE(VKTObject::verifyTables(image.data(), vkt_size(image.size())));
+  const VKTObject object(image.data(), vkt_u32(image.size()), VKT_ALLOC_REFER);
+  const VKTValue r = object.root();
+  ASSERT_TRUE(r.verifyStep());
+  const VKTValue good = r["good"];
+  ASSERT_TRUE(good.verify(&report)) << report.reason;
+  EXPECT_EQ(report.values, 3u);
+  EXPECT_STREQ(good[0].asString(), "fine");
+  EXPECT_FALSE(r["bad"].verifyStep(&report));
+  EXPECT_EQ(report.offset, at + 1);
+  EXPECT_FALSE(r.verify());
 }
 
 }  // namespace

@@ -1,4 +1,6 @@
-// vkt get IN.vkt PATH: one value as JSON, reached by lookups in place.
+// vkt get IN.vkt PATH: one value as JSON, reached by lookups in place. Only
+// what the lookups touch is checked, then the value printed: the cost
+// follows the path and the value, not the image.
 #include "files.h"
 #include "image.h"
 #include "path.h"
@@ -13,12 +15,16 @@ int cmd_get(const Args& args) {
     usage_error("bad PATH '" + path + "': " + error);
   }
   const VKTJsonPrintOptions options = print_options(args);
-  const CheckedImage image(args.positional[0], args.has("copy"));
+  const CheckedImage image(args.positional[0], args.has("copy"),
+                           CheckedImage::kTables);
   VKTValue value;
-  const size_t found = resolve_path(image.root(), steps, &value);
+  VKTVerifyReport report;
+  const size_t found = resolve_path(image.root(), steps, &value, &report);
+  if (report.fault != VKT_FAULT_NONE) image.refuse(report);
   if (found < steps.size()) {
     fail(image.name(), "no value at " + path.substr(0, steps[found].end));
   }
+  image.checkValue(value);
   set_activity(image.name(), "printing");
   const std::string text = print_value(image.name(), value, options);
   write_output("-", text.data(), text.size());

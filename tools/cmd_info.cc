@@ -23,6 +23,7 @@ class CountingSink : public VKTWriteStream {
 };
 
 struct Sharing {
+  bool asked;  // --sharing
   bool measured;
   vkt_u64 shared;
   vkt_u64 unshared;
@@ -41,7 +42,7 @@ bool worth_measuring(const CheckedImage& image) {
 // Writes the image's tree again with and without sibling sharing, in the
 // same version as the image (an endian mark forces version 4).
 Sharing measure_sharing(const CheckedImage& image) {
-  Sharing result{false, 0, 0};
+  Sharing result{true, false, 0, 0};
   if (!worth_measuring(image)) return result;
   // The strings the tree copies stay within a few times the image.
   vkt_u64 budget = 2 * vkt_u64(image.object().size()) + (vkt_u64(64) << 20);
@@ -74,30 +75,44 @@ std::string flags_text(vkt_u32 flags) {
   return text.empty() ? "none" : text;
 }
 
+// A stretch of the image as info lists it: the header, then each section.
+struct Part {
+  const char* name;
+  vkt_u32 offset, size;
+};
+
 struct Info {
   std::string file;
   vkt_u32 size, version, flags;
   bool bigEndian;
-  std::vector<VKTSection> sections;
+  std::vector<Part> sections;
   VKTVerifyReport report;
   Sharing sharing;
+  vkt_u64 trailing;
 };
 
-Info gather(const CheckedImage& image) {
+Info gather(const CheckedImage& image, bool sharing) {
   const VKTObject& obj = image.object();
   Info info{image.name(),
             obj.size(),
             obj.version(),
-            image.storedFlags(),
+            obj.version() >= 3 ? obj.flags() : 0,
             obj.endian() == VKT_ENDIAN_BIG,
-            obj.sections(),
+            {},
             image.report(),
-            {false, 0, 0}};
-  set_activity(image.name(), "measuring sharing");
-  info.sharing = measure_sharing(image);
-  const vkt_u32 headerSize = info.sections.front().offset;
-  info.sections.insert(info.sections.begin(),
-                       VKTSection{"header", 0, headerSize});
+            {false, false, 0, 0},
+            0};
+  info.trailing = image.trailingBytes();
+  if (sharing) {
+    Progress progress(image.name(), image.object().size());
+    progress.stage("measuring sharing");
+    info.sharing = measure_sharing(image);
+  }
+  const std::vector<VKTSection> sections = obj.sections();
+  info.sections.push_back({"header", 0, sections.front().offset});
+  for (const VKTSection& s : sections) {
+    info.sections.push_back({s.name, s.offset, s.size});
+  }
   return info;
 }
 
@@ -115,7 +130,7 @@ void print_text(const Info& in) {
   std::printf("%-12s %s (a mark only: the bytes are little-endian)\n",
               "byte order", in.bigEndian ? "big" : "little");
   std::printf("%-12s %-22s %10s %10s\n", "sections", "", "offset", "size");
-  for (const VKTSection& s : in.sections) {
+  for (const Part& s : in.sections) {
     std::printf("%-12s %-22s %10u %10u\n", "", s.name, s.offset, s.size);
   }
   std::printf("%-12s %u\n%-12s %u\n%-12s %u\n%-12s %u\n", "keys", r.keys,
@@ -123,9 +138,14 @@ void print_text(const Info& in) {
               r.bstreams);
   std::printf("%-12s %llu\n%-12s %u\n", "values",
               static_cast<unsigned long long>(r.values), "depth", r.depth);
+  if (in.trailing != 0) {
+    std::printf("%-12s %llu bytes after the image's end\n", "trailing",
+                static_cast<unsigned long long>(in.trailing));
+  }
   if (!in.sharing.measured) {
-    std::printf("%-12s not measured: the values expand far beyond the image\n",
-                "sharing");
+    std::printf("%-12s not measured: %s\n", "sharing",
+                in.sharing.asked ? "the values expand far beyond the image"
+                                 : "--sharing measures it");
     return;
   }
   const vkt_u64 saved = in.sharing.unshared > in.sharing.shared
@@ -151,15 +171,16 @@ void print_json(const Info& in) {
       quoted(in.file).c_str(), in.size, in.version, in.flags,
       in.bigEndian ? "big" : "little");
   for (size_t i = 0; i < in.sections.size(); ++i) {
-    const VKTSection& s = in.sections[i];
+    const Part& s = in.sections[i];
     std::printf("%s{\"name\":\"%s\",\"offset\":%u,\"size\":%u}",
                 i == 0 ? "" : ",", s.name, s.offset, s.size);
   }
   std::printf(
       "],\"keys\":%u,\"strings\":%u,\"streams\":%u,\"bstreams\":%u,"
-      "\"values\":%llu,\"depth\":%u,",
+      "\"values\":%llu,\"depth\":%u,\"trailing_bytes\":%llu,",
       r.keys, r.strings, r.streams, r.bstreams,
-      static_cast<unsigned long long>(r.values), r.depth);
+      static_cast<unsigned long long>(r.values), r.depth,
+      static_cast<unsigned long long>(in.trailing));
   if (in.sharing.measured) {
     std::printf("\"size_shared\":%llu,\"size_unshared\":%llu}\n",
                 static_cast<unsigned long long>(in.sharing.shared),
@@ -172,8 +193,9 @@ void print_json(const Info& in) {
 }  // namespace
 
 int cmd_info(const Args& args) {
-  const CheckedImage image(args.positional[0], args.has("copy"));
-  const Info info = gather(image);
+  const CheckedImage image(args.positional[0], args.has("copy"),
+                           CheckedImage::kWhole);
+  const Info info = gather(image, args.has("sharing"));
   if (args.has("json")) {
     print_json(info);
   } else {

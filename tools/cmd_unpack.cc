@@ -8,7 +8,8 @@ int cmd_unpack(const Args& args) {
   const std::string out = args.value("output", "-");
   refuse_same_file(args.positional[0], out);
   const VKTJsonPrintOptions options = print_options(args);
-  CheckedImage image(args.positional[0], args.has("copy"));
+  CheckedImage image(args.positional[0], args.has("copy"),
+                     CheckedImage::kWhole);
   Progress progress(image.name(), image.object().size());
   // Names decoded once make the print faster. Sharing can make the names
   // alone far larger than the image; those are rebuilt as they are printed,

@@ -8,14 +8,20 @@
 #include "files.h"
 #include "vkt.h"
 
-// Reads the file at `path`, tells apart the ways it can fail to be an image
-// (not one at all, an unknown version, filtered, cut short, damaged), then
-// decodes and verifies it and opens it in place. Throws ToolError naming
-// `path`. Once constructed every view of root() is safe to read. `copy`
-// reads the file into memory instead of mapping it (see InputFile).
+// Reads the file at `path` (mapped, or copied into memory with `copy`, see
+// InputFile), checks it and opens it in place. Throws ToolError naming
+// `path` with what is wrong in plain words: not an image at all, an unknown
+// version, filtered, cut short, damaged, or past the tool's limits.
+//
+// kWhole verifies the whole image: every view of root() is safe to read.
+// kTables checks only the header and tables (VKTObject::verifyTables): each
+// view must pass VKTValue::verifyStep or verify before it is read, which
+// checkValue does for a value about to be printed.
 class CheckedImage {
  public:
-  explicit CheckedImage(const std::string& path, bool copy = false);
+  enum Check { kWhole, kTables };
+
+  CheckedImage(const std::string& path, bool copy, Check check = kWhole);
   CheckedImage(const CheckedImage&) = delete;
   CheckedImage& operator=(const CheckedImage&) = delete;
 
@@ -25,18 +31,19 @@ class CheckedImage {
   // Decodes every key name once, for walks over the whole image: printing
   // then hands out names without rebuilding each from the key table.
   void decodeKeyNames() { mObject->decodeKeyNames(); }
-  // What verify counted in the image.
+  // What the check counted in the image (values and depth: kWhole only).
   const VKTVerifyReport& report() const { return mReport; }
-  // The flags word as stored (0 below version 3).
-  vkt_u32 storedFlags() const { return mFlags; }
+  // Bytes of the file behind the image's end.
+  vkt_u64 trailingBytes() const { return mFile.size() - mReport.end; }
+  // Checks `value` and everything below it with the tool's limits; throws
+  // as the constructor does when it fails.
+  void checkValue(const VKTValue& value) const;
+  // Throws the message for a refusal that `report` describes.
+  [[noreturn]] void refuse(const VKTVerifyReport& report) const;
 
  private:
-  void checkHeader();
-  void checkSectionsInFile();
-
   InputFile mFile;
-  vkt_u32 mVersion = 0;
-  vkt_u32 mFlags = 0;
+  VKTVerifyLimits mLimits;
   VKTVerifyReport mReport;
   std::unique_ptr<VKTObject> mObject;
 };

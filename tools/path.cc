@@ -194,9 +194,10 @@ bool parse_path(const std::string& path, std::vector<PathStep>* steps,
 }
 
 size_t resolve_path(VKTValue root, const std::vector<PathStep>& steps,
-                    VKTValue* value) {
+                    VKTValue* value, VKTVerifyReport* report) {
   *value = root;
   for (size_t i = 0; i < steps.size(); ++i) {
+    if (report != nullptr && !value->verifyStep(report)) return i;
     if (!step_into(steps[i], value)) return i;
   }
   return steps.size();

@@ -29,8 +29,11 @@ bool parse_path(const std::string& path, std::vector<PathStep>* steps,
                 std::string* error);
 
 // Follows `steps` from `root` by lookups in place. Answers how many steps
-// were found: steps.size() when *value is the value named.
+// were found: steps.size() when *value is the value named. With `report`
+// (an image checked by VKTObject::verifyTables only), each value passes
+// VKTValue::verifyStep before a step is taken from it; a refusal stops the
+// walk there and fills *report.
 size_t resolve_path(VKTValue root, const std::vector<PathStep>& steps,
-                    VKTValue* value);
+                    VKTValue* value, VKTVerifyReport* report = nullptr);
 
 #endif  // VKT_TOOLS_PATH_H_

@@ -27,8 +27,10 @@ const Option sGetOptions[] = {{"pretty", '\0', false},
                               {"max-expansion", '\0', true},
                               {"copy", '\0', false},
                               {nullptr, '\0', false}};
-const Option sInfoOptions[] = {
-    {"json", '\0', false}, {"copy", '\0', false}, {nullptr, '\0', false}};
+const Option sInfoOptions[] = {{"json", '\0', false},
+                               {"sharing", '\0', false},
+                               {"copy", '\0', false},
+                               {nullptr, '\0', false}};
 const Option sVerifyOptions[] = {
     {"quiet", 'q', false}, {"copy", '\0', false}, {nullptr, '\0', false}};
 
@@ -68,11 +70,14 @@ const Command sCommands[] = {
      "  --copy             read the image into memory instead of mapping it,\n"
      "                     so that a program rewriting the file meanwhile\n"
      "                     cannot change what is read after the checks\n"},
-    {"info", cmd_info, sInfoOptions, 1, "info IN.vkt [--json]",
+    {"info", cmd_info, sInfoOptions, 1, "info IN.vkt [--json] [--sharing]",
      "Shows version, flags, byte order, sections, table sizes, depth, the\n"
-     "number of values and what sibling sharing saves.\n"
-     "  --json  one JSON object instead of text\n"
-     "  --copy  read the image into memory instead of mapping it\n"},
+     "number of values and any bytes behind the image's end.\n"
+     "  --json     one JSON object instead of text\n"
+     "  --sharing  also measure what sibling sharing saves, by writing the\n"
+     "             values again with and without it (about as long as a\n"
+     "             pack)\n"
+     "  --copy     read the image into memory instead of mapping it\n"},
     {"verify", cmd_verify, sVerifyOptions, 1, "verify IN.vkt [-q]",
      "Checks that every read of the image stays inside it. Prints\n"
      "\"IN.vkt: ok\" and exits 0 when it does; else says why and where, and\n"

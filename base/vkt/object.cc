@@ -152,7 +152,7 @@ std::vector<VKTSection> VKTObject::sections() const {
     const vkt_u32 offset = header_field(mHeader, sSectionTable[s].field);
     // Each section runs to the next one's start.
     if (!result.empty()) result.back().size = offset - result.back().offset;
-    result.push_back({sSectionTable[s].name, offset, 0});
+    result.push_back({vkt_section(s), sSectionTable[s].name, offset, 0});
   }
   result.back().size = mImageSize - result.back().offset;
   return result;

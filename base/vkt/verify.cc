@@ -42,29 +42,53 @@ ImageVerifier::ImageVerifier(const vkt_u8* header, const vkt_u8* image,
   if (mReport != nullptr) *mReport = VKTVerifyReport();
 }
 
-bool ImageVerifier::fail(const char* reason, vkt_u64 offset) {
+bool ImageVerifier::fail(const char* reason, vkt_u64 offset, vkt_fault fault) {
   if (mReport != nullptr) {
     mReport->reason = reason;
     mReport->offset = vkt_size(offset);
+    mReport->fault = fault;
+    mReport->version = mVersion;
   }
   return false;
 }
 
+// A fault that a cut-short file explains, told apart from damage: the
+// header (sealed by its checksum from version 3 on) names byte `end` of an
+// image that has fewer.
+bool ImageVerifier::failTruncated(const char* reason, vkt_u64 offset,
+                                  vkt_u64 end) {
+  const bool sealed = mVersion >= 3;
+  fail(reason, offset, sealed ? VKT_FAULT_TRUNCATED : VKT_FAULT_DAMAGED);
+  if (mReport != nullptr && sealed) mReport->end = end;
+  return false;
+}
+
+void ImageVerifier::report() const {
+  if (mReport == nullptr) return;
+  mReport->version = mVersion;
+  mReport->end = mEnd;
+  mReport->keys = mKeyCount;
+  mReport->strings = mStringCount;
+  mReport->streams = mStreamCount;
+  mReport->bstreams = mBStreamCount;
+  mReport->values = mValues;
+  mReport->depth = mDepth;
+  mReport->keyNameBytes = mKeyNameBytes;
+}
+
 bool ImageVerifier::run(bool plainOnly) {
-  if (!checks(plainOnly)) return false;
-  if (mReport != nullptr) {
-    mReport->keys = mKeyCount;
-    mReport->strings = mStringCount;
-    mReport->streams = mStreamCount;
-    mReport->bstreams = mBStreamCount;
-    mReport->values = mValues;
-    mReport->depth = mDepth;
-    mReport->keyNameBytes = mKeyNameBytes;
-  }
+  if (!checkTables(plainOnly) || !checkValues()) return false;
+  report();
   return true;
 }
 
-bool ImageVerifier::checks(bool plainOnly) {
+bool ImageVerifier::runTables(bool plainOnly) {
+  if (!checkTables(plainOnly)) return false;
+  report();
+  return true;
+}
+
+bool ImageVerifier::checkTables(bool plainOnly) {
   return checkHeader(plainOnly) && checkSections() &&
          (mVersion == 1 ? checkSortedKeys() : checkDoubleArrayKeys()) &&
          checkStrings() &&
@@ -73,33 +97,44 @@ bool ImageVerifier::checks(bool plainOnly) {
                            &mBStreamCount) &&
          checkPayloadTable(SECTION_STREAM_OFFSET_ARRAY,
                            SECTION_STREAM_SIZE_ARRAY, SECTION_STREAM_ENTITY,
-                           &mStreamCount) &&
-         checkValues();
+                           &mStreamCount);
 }
 
+// Magic first, so that any other file is told as such; then the version,
+// the header's length, and (from version 3) the flags and the checksum.
 bool ImageVerifier::checkHeader(bool plainOnly) {
-  if (!require(mImageSize >= HEADER_SIZE_VER2 && mInMemory >= HEADER_SIZE_VER2,
-               "image shorter than a header", 0) ||
-      !require(mImageSize <= mLimits.maxImageSize, "image above the size limit",
-               0) ||
-      !require(std::memcmp(mHeader, MAGIC_NUMBER, MAGIC_NUMBER_LENGTH) == 0,
-               "magic", HEADER_OFST_MAGICNUMBER)) {
+  const vkt_u32 magic =
+      mInMemory < MAGIC_NUMBER_LENGTH ? mInMemory : MAGIC_NUMBER_LENGTH;
+  if (!require(mImageSize != 0 && mInMemory != 0 &&
+                   std::memcmp(mHeader, MAGIC_NUMBER, magic) == 0,
+               "magic", HEADER_OFST_MAGICNUMBER, VKT_FAULT_NOT_AN_IMAGE) ||
+      !require(mInMemory >= HEADER_OFST_VERSION + 2,
+               "image shorter than a header", 0, VKT_FAULT_TRUNCATED)) {
     return false;
   }
   mVersion = read_16bit_unsigned(mHeader + HEADER_OFST_VERSION);
   if (!require(mVersion >= 1 && mVersion <= CURRENT_VERSION, "version",
-               HEADER_OFST_VERSION) ||
-      !require(header_size_of_version(mVersion) <= mInMemory,
-               "image shorter than its header", 0)) {
+               HEADER_OFST_VERSION, VKT_FAULT_VERSION)) {
+    return false;
+  }
+  const vkt_u32 headerSize = header_size_of_version(mVersion);
+  if (headerSize > mInMemory || headerSize > mImageSize) {
+    fail("image shorter than its header", 0, VKT_FAULT_TRUNCATED);
+    if (mReport != nullptr) mReport->end = headerSize;
+    return false;
+  }
+  if (!require(mImageSize <= mLimits.maxImageSize, "image above the size limit",
+               0, VKT_FAULT_LIMIT)) {
     return false;
   }
   if (mVersion < 3) return true;  // no flags word, no checksum
   const vkt_u32 flags = read_16bit_unsigned(mHeader + HEADER_OFST_FLAGS);
   return require(!plainOnly || (flags & FLAGS_FILTER_BITS) == 0,
-                 "filter bits set: decode first", HEADER_OFST_FLAGS) &&
+                 "filter bits set: decode first", HEADER_OFST_FLAGS,
+                 VKT_FAULT_FILTERED) &&
          require(header_checksum(mHeader, mVersion) ==
                      field_of(mHeader, HEADER_OFST_CHECKSUM),
-                 "header checksum", HEADER_OFST_CHECKSUM);
+                 "header checksum", HEADER_OFST_CHECKSUM, VKT_FAULT_CHECKSUM);
 }
 
 // Offsets ascend in file order from the end of the header; the stream
@@ -110,10 +145,11 @@ bool ImageVerifier::checkSections() {
     if (!section_present(s, mVersion)) continue;
     const vkt_u32 field = sSectionTable[s].field;
     mOffsets[s] = field_of(mHeader, field);
-    if (!require(mOffsets[s] >= previous, "sections out of order", field) ||
-        !require(mOffsets[s] <= mImageSize, "section beyond the image",
-                 field)) {
+    if (!require(mOffsets[s] >= previous, "sections out of order", field)) {
       return false;
+    }
+    if (mOffsets[s] > mImageSize) {
+      return failTruncated("section beyond the image", field, mOffsets[s]);
     }
     previous = mOffsets[s];
   }
@@ -268,15 +304,76 @@ bool ImageVerifier::checkPayloadTable(vkt_u32 offsetSection,
                mOffsets[sizeSection])) {
     return false;
   }
+  // The image ends with the last stream payload: the largest payload end.
+  const bool last = entitySection == SECTION_STREAM_ENTITY;
   const vkt_u32 entitySize = entity.end - entity.begin;
   for (vkt_u32 t = 0; t < offsets.valueNum; ++t) {
-    if (!require(in_image(get_unsigned_array(&offsets, t),
-                          get_unsigned_array(&sizes, t), entitySize),
-                 "payload outside its entity", mOffsets[offsetSection])) {
-      return false;
+    const vkt_u64 end = vkt_u64(get_unsigned_array(&offsets, t)) +
+                        get_unsigned_array(&sizes, t);  // 33 bits at most
+    if (end > entitySize) {
+      if (last) {
+        return failTruncated("payload outside its entity",
+                             mOffsets[offsetSection], entity.begin + end);
+      }
+      return fail("payload outside its entity", mOffsets[offsetSection]);
+    }
+    if (last && entity.begin + end > mEnd) mEnd = entity.begin + end;
+  }
+  if (last && entity.begin > mEnd) mEnd = entity.begin;
+  *count = offsets.valueNum;
+  return true;
+}
+
+// After verifyTables accepted the image, its offsets and table counts are
+// read again as they stand: constant time for each checked step.
+void ImageVerifier::loadTables() {
+  mVersion = read_16bit_unsigned(mHeader + HEADER_OFST_VERSION);
+  for (vkt_u32 s = 0; s < SECTION_COUNT; ++s) {
+    if (section_present(s, mVersion)) {
+      mOffsets[s] = field_of(mHeader, sSectionTable[s].field);
     }
   }
-  *count = offsets.valueNum;
+  auto count = [this](vkt_u32 s, vkt_u32 skip) {
+    const vkt_u8* p = mImage + mOffsets[s];
+    unsigned_array a;
+    for (vkt_u32 i = 0; i <= skip; ++i, p += a.size) {
+      setup_unsigned_array(&a, p);
+    }
+    return a.valueNum;
+  };
+  mKeyCount = mVersion == 1 ? count(SECTION_KEY_OFFSET_ARRAY, 0)
+                            : count(SECTION_KEY_ENTITY, 2);  // the tail
+  mStringCount = count(SECTION_STRING_OFFSET_ARRAY, 0);
+  mStreamCount = count(SECTION_STREAM_OFFSET_ARRAY, 0);
+  mBStreamCount = section_present(SECTION_BSTREAM_OFFSET_ARRAY, mVersion)
+                      ? count(SECTION_BSTREAM_OFFSET_ARRAY, 0)
+                      : 0;
+}
+
+bool ImageVerifier::runStep(vkt_u64 pos) {
+  loadTables();
+  const byte_range region = section(SECTION_ROOT_VALUE);
+  if (!require(within(region, pos, 1), "value outside the value section",
+               pos)) {
+    return false;
+  }
+  const vkt_u32 at = vkt_u32(pos);
+  if (mImage[at] != ID_ARRAY && mImage[at] != ID_OBJECT) {
+    return checkScalar(region, at);
+  }
+  ValueFrame frame;
+  return openContainer(region, at, &frame, false);
+}
+
+bool ImageVerifier::runValue(vkt_u64 pos) {
+  loadTables();
+  const byte_range region = section(SECTION_ROOT_VALUE);
+  if (!require(within(region, pos, 1), "value outside the value section",
+               pos) ||
+      !checkSubtree(vkt_u32(pos))) {
+    return false;
+  }
+  report();
   return true;
 }
 
@@ -296,7 +393,11 @@ bool VKTObject::verify(const vkt_u8* p, vkt_size size, VKTVerifyReport* report,
 bool VKTObject::verify(const vkt_binary& image, VKTVerifyReport* report,
                        const VKTVerifyLimits* limits) {
   if (image.size() > 0xFFFFFFFFu) {
-    if (report != nullptr) *report = VKTVerifyReport{"image above 4 GiB", 0};
+    if (report != nullptr) {
+      *report = VKTVerifyReport();
+      report->reason = "image above 4 GiB";
+      report->fault = VKT_FAULT_LIMIT;
+    }
     return false;
   }
   return verify(image.data(), vkt_size(image.size()), report, limits);
@@ -308,4 +409,25 @@ bool VKTObject::verify(VKTVerifyReport* report,
   return ImageVerifier(mHeader, mImage, frontPartSize(), mImageSize, limits,
                        report)
       .run(false);
+}
+
+bool VKTObject::verifyTables(const vkt_u8* p, vkt_size size,
+                             VKTVerifyReport* report,
+                             const VKTVerifyLimits* limits) {
+  return ImageVerifier(p, p, size, size, limits, report).runTables(true);
+}
+
+bool VKTValue::verifyStep(VKTVerifyReport* report) const {
+  if (mObj == nullptr) return true;  // the null view reads nothing
+  return ImageVerifier(mObj->mHeader, mObj->mImage, mObj->frontPartSize(),
+                       mObj->mImageSize, nullptr, report)
+      .runStep(vkt_u64(mPtr - mObj->mImage));
+}
+
+bool VKTValue::verify(VKTVerifyReport* report,
+                      const VKTVerifyLimits* limits) const {
+  if (mObj == nullptr) return true;
+  return ImageVerifier(mObj->mHeader, mObj->mImage, mObj->frontPartSize(),
+                       mObj->mImageSize, limits, report)
+      .runValue(vkt_u64(mPtr - mObj->mImage));
 }

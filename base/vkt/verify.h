@@ -19,6 +19,17 @@ struct byte_range {
   vkt_u32 end;
 };
 
+// A container on the value walk's stack.
+struct ValueFrame {
+  vkt_u32 pos;   // the container's id byte
+  vkt_u32 area;  // first byte of its entity area
+  bool records;  // version-1 object: offsets lead to (key, value) records
+  unsigned_array offsets;
+  vkt_u32 next;    // index of the next child
+  vkt_u64 visits;  // values below it so far, each reference counted
+  vkt_u32 height;  // deepest child container so far
+};
+
 class ImageVerifier {
  public:
   // `header` is the plain header (the image's own first bytes, or an opened
@@ -30,12 +41,22 @@ class ImageVerifier {
 
   // `plainOnly` refuses a header whose flags still ask for a filter.
   bool run(bool plainOnly);
+  // The header, sections and tables only: what every lookup reads before
+  // it reaches a value.
+  bool runTables(bool plainOnly);
+  // The value at `pos` and everything below it, after runTables.
+  bool runValue(vkt_u64 pos);
+  // Its own bytes only (a container's arrays, a scalar's payload and tag),
+  // after runTables.
+  bool runStep(vkt_u64 pos);
 
  private:
   // The gate: records the first failure and answers false.
-  bool fail(const char* reason, vkt_u64 offset);
-  bool require(bool ok, const char* reason, vkt_u64 offset) {
-    return ok || fail(reason, offset);
+  bool fail(const char* reason, vkt_u64 offset,
+            vkt_fault fault = VKT_FAULT_DAMAGED);
+  bool require(bool ok, const char* reason, vkt_u64 offset,
+               vkt_fault fault = VKT_FAULT_DAMAGED) {
+    return ok || fail(reason, offset, fault);
   }
   // `length` bytes at image offset `offset` lie inside `r`.
   static bool within(byte_range r, vkt_u64 offset, vkt_u64 length) {
@@ -46,7 +67,7 @@ class ImageVerifier {
   // inside `r`; sets up *a when it is.
   bool packedArray(byte_range r, vkt_u64 at, unsigned_array* a);
 
-  bool checks(bool plainOnly);
+  bool checkTables(bool plainOnly);
   bool checkHeader(bool plainOnly);
   bool checkSections();
   byte_range section(vkt_u32 s) const;
@@ -57,7 +78,28 @@ class ImageVerifier {
   bool checkStrings();
   bool checkPayloadTable(vkt_u32 offsets, vkt_u32 sizes, vkt_u32 entity,
                          vkt_u32* count);
-  bool checkValues();  // verify_values.cc
+  bool failTruncated(const char* reason, vkt_u64 offset, vkt_u64 end);
+  void report() const;
+  void loadTables();
+
+  // verify_values.cc
+  bool checkValues();
+  bool checkSubtree(vkt_u32 start);
+  template <class Marks>
+  bool checkValuesFrom(byte_range region, vkt_u32 start);
+  template <class Marks>
+  bool checkGraph(byte_range region, vkt_u32 start, Marks* marks);
+  template <class Marks>
+  bool countShared(byte_range region, vkt_u32 start, Marks* marks);
+  bool checkScalar(byte_range region, vkt_u32 pos);
+  bool checkMemberKeys(const unsigned_array& keys, vkt_u64 at);
+  bool checkRecords(byte_range region, const ValueFrame& f);
+  bool openContainer(byte_range region, vkt_u32 pos, ValueFrame* f,
+                     bool checkKeys = true);
+  bool nextChild(byte_range region, ValueFrame* f, vkt_u32* child);
+  bool addToParent(ValueFrame* parent, vkt_u64 visits, vkt_u32 height,
+                   vkt_u32 pos);
+  bool finishWalk(vkt_u64 visits, vkt_u32 height, vkt_u32 pos);
 
   const vkt_u8* mHeader;
   const vkt_u8* mImage;
@@ -72,6 +114,7 @@ class ImageVerifier {
   vkt_u32 mStringCount = 0;
   vkt_u32 mStreamCount = 0;
   vkt_u32 mBStreamCount = 0;
+  vkt_u64 mEnd = 0;     // end of the last stream payload
   vkt_u64 mValues = 0;  // the walk's totals, for the report
   vkt_u32 mDepth = 0;
   vkt_u64 mKeyNames = 0;      // bytes of all names, against maxValues

@@ -1,36 +1,30 @@
-// VKTObject::verify, second half: the walk over every value reachable from
-// the root.
+// VKTObject::verify, second half: the walk over every value reachable from a
+// starting value (the root, for a whole image).
 //
 // A child always lies behind its container's id byte (its offset counts from
 // the entity area, which follows the container's arrays), so the values form
-// a graph without cycles whose edges lead to higher positions. The walk is
+// a graph without cycles whose edges lead to higher positions. Two passes,
 // depth-first with an explicit stack that never holds more than maxDepth
-// containers. A container is checked once: when it is reached again, its
-// memo (values below it, counting shared ones each time, and its height)
-// stands in for another walk, so the cost is linear in distinct values.
-// Scalars are checked wherever they are reached, in constant time each.
-#include <memory>
+// containers, keep the memory to a few bits per byte (verify_marks.h):
+//
+//   1. checkGraph checks every container when it is first reached and every
+//      scalar wherever it is reached, marking containers reached again.
+//      Without such a container the graph is a tree, and its counts of
+//      values and height are the answer.
+//   2. countShared, only when something is shared, counts values as a walk
+//      over every reference meets them and the depth through shared
+//      containers, remembering a count for each shared container only.
+//
+// Both passes cost time linear in the distinct values.
 #include <new>  // bad_alloc
 #include <vector>
 
 #include "vkt/verify.h"
+#include "vkt/verify_marks.h"
 
 namespace vkt_internal {
 
 namespace {
-
-struct Frame {
-  vkt_u32 pos;   // the container's id byte
-  vkt_u32 area;  // first byte of its entity area
-  bool records;  // version-1 object: offsets lead to (key, value) records
-  unsigned_array offsets;
-  vkt_u32 next;    // index of the next child
-  vkt_u64 visits;  // values below it so far, each reached one counted
-  vkt_u32 height;  // deepest child container so far
-};
-
-// Memo of a finished container: visits in the low 56 bits, height above.
-const int kHeightShift = 56;
 
 bool is_container_id(vkt_u32 id) { return id == ID_ARRAY || id == ID_OBJECT; }
 
@@ -40,159 +34,248 @@ bool is_key_tag_id(vkt_u32 id) {
 
 }  // namespace
 
-bool ImageVerifier::checkValues() {
-  const byte_range region = section(SECTION_ROOT_VALUE);
-  const vkt_u32 regionSize = region.end - region.begin;
-  // Written before it is read: a memo is read only where `done` is set.
-  // The library throws nothing, so a failed allocation is a refusal.
-  std::unique_ptr<vkt_u64[]> memo;
-  try {
-    memo.reset(new vkt_u64[regionSize == 0 ? 1 : regionSize]);
-  } catch (const std::bad_alloc&) {
-    return fail("no memory for the value memo", region.begin);
-  }
-  std::vector<vkt_u64> done(regionSize / 64 + 1, 0);
-  // Frames are filled in place: a frame built aside and copied in costs a
-  // stalled store forward per container.
-  std::vector<Frame> stack(mLimits.maxDepth + 1);
-  size_t depth = 0;  // frames in use
-  const vkt_u64 maxValues = mLimits.maxValues;
-
-  // A scalar: a value id, its payload inside the section, its tag below
-  // its table's count.
-  auto scalar = [&](vkt_u32 pos, vkt_u32 id) {
-    const vkt_u32 size = sIdValueSizeTable[id_of(mImage + pos)];
-    if (!require(size != 0, "not a value id", pos) ||
-        !require(within(region, pos, size), "value outside the value section",
-                 pos)) {
-      return false;
-    }
-    const vkt_u8* p = mImage + pos;
-    switch (sIdTypeTable[id]) {
-      case TYPE_STRING:
-        return require(parse_string(p) < mStringCount, "string tag", pos);
-      case TYPE_STREAM:
-        return require(parse_stream(p) < mStreamCount, "stream tag", pos);
-      case TYPE_BSTREAM:
-        return require(parse_bstream(p) < mBStreamCount, "bstream tag", pos);
-      default:
-        return true;
-    }
-  };
-
-  // A container: its arrays inside the section, member keys ascending and
-  // below the key count, version-1 records well-formed. Pushes its frame.
-  auto open = [&](vkt_u32 pos) {
-    Frame& f = stack[depth++];
-    f.pos = pos;
-    f.next = 0;
-    f.visits = 0;
-    f.height = 0;
-    vkt_u64 at = vkt_u64(pos) + 1;
-    if (mImage[pos] == ID_OBJECT && mVersion != 1) {
-      unsigned_array keys;
-      if (!packedArray(region, at, &keys)) return false;
-      for (vkt_u32 i = 0, previous = 0; i < keys.valueNum; ++i) {
-        const vkt_u32 tag = get_unsigned_array(&keys, i);
-        if (!require(tag < mKeyCount, "member key tag", at) ||
-            !require(i == 0 || previous < tag, "member keys not ascending",
-                     at)) {
-          return false;
-        }
-        previous = tag;
-      }
-      at += keys.size;
-      if (!packedArray(region, at, &f.offsets) ||
-          !require(f.offsets.valueNum == keys.valueNum,
-                   "member key and offset arrays differ", at)) {
-        return false;
-      }
-    } else if (!packedArray(region, at, &f.offsets)) {
-      return false;
-    }
-    f.area = vkt_u32(at + f.offsets.size);
-    f.records = mImage[pos] == ID_OBJECT && mVersion == 1;
-    vkt_u32 previous = 0;
-    for (vkt_u32 i = 0; f.records && i < f.offsets.valueNum; ++i) {
-      const vkt_u64 rec = vkt_u64(f.area) + get_unsigned_array(&f.offsets, i);
-      if (!require(within(region, rec, 1) && is_key_tag_id(mImage[rec]),
-                   "member record", f.area) ||
-          !require(within(region, rec, get_value_size(mImage + rec)),
-                   "member record", rec)) {
-        return false;
-      }
-      const vkt_u32 tag = parse_key(mImage + rec);
-      if (!require(tag < mKeyCount, "member key tag", rec) ||
-          !require(i == 0 || previous < tag, "member keys not ascending",
-                   rec)) {
-        return false;
-      }
-      previous = tag;
-    }
-    return true;
-  };
-
-  // Adds a finished value to the container on top of the stack.
-  auto add = [&](vkt_u64 visits, vkt_u32 height, vkt_u32 pos) {
-    Frame& top = stack[depth - 1];
-    top.visits += visits;
-    if (height > top.height) top.height = height;
-    return require(top.visits <= maxValues, "too many values (sharing)", pos);
-  };
-
-  const vkt_u32 root = region.begin;
-  if (!require(regionSize != 0, "empty root value", root)) return false;
-  if (!is_container_id(mImage[root])) {
-    mValues = 1;
-    return scalar(root, mImage[root]);
-  }
-  if (!require(mLimits.maxDepth >= 1, "nesting too deep", root) ||
-      !open(root)) {
+// A scalar: a value id, its payload inside the section, its tag below its
+// table's count.
+bool ImageVerifier::checkScalar(byte_range region, vkt_u32 pos) {
+  const vkt_u8* p = mImage + pos;
+  const vkt_u32 size = sIdValueSizeTable[id_of(p)];
+  if (!require(size != 0, "not a value id", pos) ||
+      !require(within(region, pos, size), "value outside the value section",
+               pos)) {
     return false;
   }
+  switch (sIdTypeTable[*p]) {
+    case TYPE_STRING:
+      return require(parse_string(p) < mStringCount, "string tag", pos);
+    case TYPE_STREAM:
+      return require(parse_stream(p) < mStreamCount, "stream tag", pos);
+    case TYPE_BSTREAM:
+      return require(parse_bstream(p) < mBStreamCount, "bstream tag", pos);
+    default:
+      return true;
+  }
+}
+
+// An object's key array: tags below the key count, strictly ascending, as
+// the binary search of a lookup needs them.
+bool ImageVerifier::checkMemberKeys(const unsigned_array& keys, vkt_u64 at) {
+  for (vkt_u32 i = 0, previous = 0; i < keys.valueNum; ++i) {
+    const vkt_u32 tag = get_unsigned_array(&keys, i);
+    if (!require(tag < mKeyCount, "member key tag", at) ||
+        !require(i == 0 || previous < tag, "member keys not ascending", at)) {
+      return false;
+    }
+    previous = tag;
+  }
+  return true;
+}
+
+// A version-1 object's offsets lead to (key tag, value) records: each key
+// tag whole inside the section, below the key count and ascending.
+bool ImageVerifier::checkRecords(byte_range region, const ValueFrame& f) {
+  for (vkt_u32 i = 0, previous = 0; i < f.offsets.valueNum; ++i) {
+    const vkt_u64 rec = vkt_u64(f.area) + get_unsigned_array(&f.offsets, i);
+    if (!require(within(region, rec, 1) && is_key_tag_id(mImage[rec]),
+                 "member record", f.area) ||
+        !require(within(region, rec, get_value_size(mImage + rec)),
+                 "member record", rec)) {
+      return false;
+    }
+    const vkt_u32 tag = parse_key(mImage + rec);
+    if (!require(tag < mKeyCount, "member key tag", rec) ||
+        !require(i == 0 || previous < tag, "member keys not ascending", rec)) {
+      return false;
+    }
+    previous = tag;
+  }
+  return true;
+}
+
+// A container's arrays lie inside the section and agree; fills *f. Without
+// `checkKeys` member key tags are left to the lookups, which bound them.
+bool ImageVerifier::openContainer(byte_range region, vkt_u32 pos, ValueFrame* f,
+                                  bool checkKeys) {
+  f->pos = pos;
+  f->next = 0;
+  f->visits = 0;
+  f->height = 0;
+  f->records = mImage[pos] == ID_OBJECT && mVersion == 1;
+  vkt_u64 at = vkt_u64(pos) + 1;
+  if (mImage[pos] == ID_OBJECT && mVersion != 1) {
+    unsigned_array keys;
+    if (!packedArray(region, at, &keys) ||
+        (checkKeys && !checkMemberKeys(keys, at))) {
+      return false;
+    }
+    at += keys.size;
+    if (!packedArray(region, at, &f->offsets) ||
+        !require(f->offsets.valueNum == keys.valueNum,
+                 "member key and offset arrays differ", at)) {
+      return false;
+    }
+  } else if (!packedArray(region, at, &f->offsets)) {
+    return false;
+  }
+  f->area = vkt_u32(at + f->offsets.size);
+  return !f->records || checkRecords(region, *f);
+}
+
+// The position of the next child of *f, which lies inside the section.
+bool ImageVerifier::nextChild(byte_range region, ValueFrame* f,
+                              vkt_u32* child) {
+  vkt_u64 at = vkt_u64(f->area) + get_unsigned_array(&f->offsets, f->next++);
+  if (f->records) at += get_value_size(mImage + at);
+  if (!require(within(region, at, 1), "child outside the value section",
+               f->pos)) {
+    return false;
+  }
+  *child = vkt_u32(at);
+  return true;
+}
+
+// Adds a finished value to the container below it on the stack.
+bool ImageVerifier::addToParent(ValueFrame* parent, vkt_u64 visits,
+                                vkt_u32 height, vkt_u32 pos) {
+  parent->visits += visits;
+  if (height > parent->height) parent->height = height;
+  return require(parent->visits <= mLimits.maxValues,
+                 "too many values (sharing)", pos, VKT_FAULT_LIMIT);
+}
+
+bool ImageVerifier::finishWalk(vkt_u64 visits, vkt_u32 height, vkt_u32 pos) {
+  mValues = visits;
+  mDepth = height;
+  return require(visits <= mLimits.maxValues, "too many values (sharing)", pos,
+                 VKT_FAULT_LIMIT);
+}
+
+// Pass one: checks each container once and each scalar where it is reached.
+template <class Marks>
+bool ImageVerifier::checkGraph(byte_range region, vkt_u32 start, Marks* marks) {
+  std::vector<ValueFrame> stack(mLimits.maxDepth + 1);
+  marks->reach(start - region.begin);
+  if (!require(mLimits.maxDepth >= 1, "nesting too deep", start,
+               VKT_FAULT_LIMIT) ||
+      !openContainer(region, start, &stack[0])) {
+    return false;
+  }
+  size_t depth = 1;  // frames in use
   for (;;) {
-    Frame& top = stack[depth - 1];
+    ValueFrame& top = stack[depth - 1];
     if (top.next == top.offsets.valueNum) {
       const vkt_u64 visits = top.visits + 1;
       const vkt_u32 height = top.height + 1;
-      const vkt_u32 pos = top.pos;
-      memo[pos - root] = visits | vkt_u64(height) << kHeightShift;
-      done[(pos - root) / 64] |= vkt_u64(1) << ((pos - root) % 64);
-      if (--depth == 0) {
-        mValues = visits;
-        mDepth = height;
-        return require(visits <= maxValues, "too many values (sharing)", pos);
-      }
-      if (!add(visits, height, pos)) return false;
-      continue;
-    }
-    vkt_u64 child =
-        vkt_u64(top.area) + get_unsigned_array(&top.offsets, top.next++);
-    if (top.records) child += get_value_size(mImage + child);
-    if (!require(within(region, child, 1), "child outside the value section",
-                 top.pos)) {
-      return false;
-    }
-    const vkt_u32 pos = vkt_u32(child);
-    const vkt_u32 id = mImage[pos];
-    if (!is_container_id(id)) {
-      if (!scalar(pos, id) || !add(1, 0, pos)) return false;
-      continue;
-    }
-    const vkt_u32 index = pos - root;
-    if (done[index / 64] >> (index % 64) & 1) {
-      const vkt_u32 height = vkt_u32(memo[index] >> kHeightShift);
-      if (!require(depth + height <= mLimits.maxDepth, "nesting too deep",
-                   pos) ||
-          !add(memo[index] & ((vkt_u64(1) << kHeightShift) - 1), height, pos)) {
+      if (--depth == 0) return finishWalk(visits, height, top.pos);
+      if (!addToParent(&stack[depth - 1], visits, height, top.pos)) {
         return false;
       }
       continue;
     }
-    if (!require(depth < mLimits.maxDepth, "nesting too deep", pos) ||
-        !open(pos)) {
+    vkt_u32 pos;
+    if (!nextChild(region, &top, &pos)) return false;
+    if (!is_container_id(mImage[pos])) {
+      if (!checkScalar(region, pos) || !addToParent(&top, 1, 0, pos)) {
+        return false;
+      }
+      continue;
+    }
+    // A container reached again was checked already; pass two counts it.
+    if (!marks->reach(pos - region.begin)) continue;
+    if (!require(depth < mLimits.maxDepth, "nesting too deep", pos,
+                 VKT_FAULT_LIMIT) ||
+        !openContainer(region, pos, &stack[depth++])) {
       return false;
     }
+  }
+}
+
+// Pass two: every reference counted, each shared container walked once and
+// then stood in for by its memo. Everything read was checked by pass one.
+template <class Marks>
+bool ImageVerifier::countShared(byte_range region, vkt_u32 start,
+                                Marks* marks) {
+  std::vector<ValueFrame> stack(mLimits.maxDepth + 1);
+  openContainer(region, start, &stack[0]);
+  size_t depth = 1;
+  for (;;) {
+    ValueFrame& top = stack[depth - 1];
+    if (top.next == top.offsets.valueNum) {
+      const vkt_u64 visits = top.visits + 1;
+      const vkt_u32 height = top.height + 1;
+      const vkt_u32 index = top.pos - region.begin;
+      if (marks->shared(index))
+        marks->setMemo(index, make_memo(visits, height));
+      if (--depth == 0) return finishWalk(visits, height, top.pos);
+      if (!addToParent(&stack[depth - 1], visits, height, top.pos)) {
+        return false;
+      }
+      continue;
+    }
+    vkt_u32 pos;
+    nextChild(region, &top, &pos);
+    if (!is_container_id(mImage[pos])) {
+      if (!addToParent(&top, 1, 0, pos)) return false;
+      continue;
+    }
+    const vkt_u32 index = pos - region.begin;
+    const vkt_u64 memo = marks->shared(index) ? marks->memo(index) : 0;
+    if (memo != 0) {
+      if (!require(depth + memo_height(memo) <= mLimits.maxDepth,
+                   "nesting too deep", pos, VKT_FAULT_LIMIT) ||
+          !addToParent(&top, memo_visits(memo), memo_height(memo), pos)) {
+        return false;
+      }
+      continue;
+    }
+    if (!require(depth < mLimits.maxDepth, "nesting too deep", pos,
+                 VKT_FAULT_LIMIT)) {
+      return false;
+    }
+    openContainer(region, pos, &stack[depth++]);
+  }
+}
+
+template <class Marks>
+bool ImageVerifier::checkValuesFrom(byte_range region, vkt_u32 start) {
+  if (!require(within(region, start, 1), "value outside the value section",
+               start)) {
+    return false;
+  }
+  if (!is_container_id(mImage[start])) {
+    mValues = 1;
+    mDepth = 0;
+    return checkScalar(region, start);
+  }
+  Marks marks;
+  if (!require(marks.init(region.end - region.begin),
+               "no memory for the value walk", start, VKT_FAULT_LIMIT) ||
+      !checkGraph(region, start, &marks)) {
+    return false;
+  }
+  if (!marks.anyShared()) return true;
+  return require(marks.indexShared(), "no memory for the value walk", start,
+                 VKT_FAULT_LIMIT) &&
+         countShared(region, start, &marks);
+}
+
+// The library throws nothing: memory that cannot be had is a refusal.
+bool ImageVerifier::checkValues() {
+  const byte_range region = section(SECTION_ROOT_VALUE);
+  if (!require(region.end != region.begin, "empty root value", region.begin)) {
+    return false;
+  }
+  try {
+    return checkValuesFrom<SectionMarks>(region, region.begin);
+  } catch (const std::bad_alloc&) {
+    return fail("no memory for the value walk", region.begin, VKT_FAULT_LIMIT);
+  }
+}
+
+bool ImageVerifier::checkSubtree(vkt_u32 start) {
+  try {
+    return checkValuesFrom<SparseMarks>(section(SECTION_ROOT_VALUE), start);
+  } catch (const std::bad_alloc&) {
+    return fail("no memory for the value walk", start, VKT_FAULT_LIMIT);
   }
 }
 
