@@ -119,23 +119,30 @@ class JsonPrinter {
     if (limit < kUnbounded - pos_) end_ = pos_ + limit;
   }
 
+  // Hands the text to `sink` in pieces of about kPiece bytes instead of
+  // keeping it whole in *out, which becomes the scratch buffer.
+  void streamTo(VKTWriteStream* sink) { sink_ = sink; }
+
   bool print(const VKTValue& v) {
     if (v.object() != nullptr) bound(v.object()->size());
     // A whole image prints to about its own size; start there. Its strings
     // are checked in one pass over the string entity, which a single value
     // (`vkt get`) is not worth.
     if (v.object() != nullptr && v == v.root()) {
-      ensure(size_t(v.object()->size()) + v.object()->size() / 2);
+      const size_t whole = size_t(v.object()->size()) + v.object()->size() / 2;
+      ensure(sink_ != nullptr && whole > 2 * kPiece ? 2 * kPiece : whole);
       stringsValid_ = string_entity_is_utf8(*v.object());
     }
     const bool ok = value(v, nullptr, 0);
+    if (ok && sink_ != nullptr) flush();
     out_->resize(pos_);
     return ok;
   }
 
  private:
   bool value(const VKTValue& v, const PathStep* path, vkt_u32 depth) {
-    if (pos_ > end_) return tooLarge(path);
+    if (flushed_ + pos_ > end_) return tooLarge(path);
+    if (sink_ != nullptr && pos_ >= kPiece) flush();
     switch (v.type()) {
       case VKT_TYPE_BOOL:
         if (v.asBool()) {
@@ -411,6 +418,17 @@ class JsonPrinter {
     if (size < pos_ + n) size = pos_ + n;
     out_->resize(size);
   }
+  // The text so far to the sink, in writes its 32-bit sizes can take.
+  void flush() {
+    const vkt_u8* p = reinterpret_cast<const vkt_u8*>(out_->data());
+    for (size_t done = 0; done < pos_;) {
+      const size_t n = pos_ - done < kPiece ? pos_ - done : kPiece;
+      sink_->Write(p + done, vkt_u32(n));
+      done += n;
+    }
+    flushed_ += pos_;
+    pos_ = 0;
+  }
   char* cursor() { return &(*out_)[0] + pos_; }
   void put(char c) {
     ensure(1);
@@ -447,7 +465,10 @@ class JsonPrinter {
 
   std::string* out_;
   static constexpr vkt_u64 kUnbounded = ~vkt_u64(0);
-  size_t pos_;  // end of the text; out_ holds scratch bytes behind it
+  static constexpr size_t kPiece = size_t(1) << 20;
+  VKTWriteStream* sink_ = nullptr;
+  vkt_u64 flushed_ = 0;  // bytes handed to sink_
+  size_t pos_;           // end of the text; out_ holds scratch bytes behind it
   vkt_u64 end_ = kUnbounded;  // printing stops once pos_ passes it
   const VKTJsonPrintOptions& options_;
   VKTJsonError* error_;
@@ -460,6 +481,14 @@ class JsonPrinter {
 bool vkt_json_print(const VKTValue& value, std::string* out,
                     VKTJsonError* error, const VKTJsonPrintOptions& options) {
   JsonPrinter printer(out, options, error);
+  return printer.print(value);
+}
+
+bool vkt_json_print(const VKTValue& value, VKTWriteStream* sink,
+                    VKTJsonError* error, const VKTJsonPrintOptions& options) {
+  std::string buffer;
+  JsonPrinter printer(&buffer, options, error);
+  printer.streamTo(sink);
   return printer.print(value);
 }
 

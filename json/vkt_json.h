@@ -104,6 +104,14 @@ bool vkt_json_print(const VKTValue& value, std::string* out,
                     VKTJsonError* error,
                     const VKTJsonPrintOptions& options = VKTJsonPrintOptions());
 
+// The same text handed to `sink` in pieces of about 1 MiB as it is made,
+// so that a whole image prints in memory that does not grow with its text.
+// On failure the sink holds a partial text. Whatever the sink's Write
+// throws passes through.
+bool vkt_json_print(const VKTValue& value, VKTWriteStream* sink,
+                    VKTJsonError* error,
+                    const VKTJsonPrintOptions& options = VKTJsonPrintOptions());
+
 // The "align" that print gives a stream or bstream value: the largest power
 // of two up to 65536 that divides its payload's offset in the image; 1 for
 // any other value or when the payload is not in memory.

@@ -416,3 +416,93 @@ TEST_F(ToolTest, SharingBombsStopWithAClearError) {
 }
 
 }  // namespace
+
+namespace {
+
+// An image cut short while unpack reads it: a mapped page past the new end
+// would end the tool with SIGBUS; it says what happened and exits 1. The
+// output goes to a FIFO, so the test can cut the image once printing runs.
+TEST_F(ToolTest, InputCutWhileBeingReadEndsWithAMessage) {
+  VKTWriterValue root;
+  for (vkt_u32 i = 0; i < 100000; ++i) {
+    root[i] = "value " + std::to_string(i) + std::string(40, 'x');
+  }
+  const vkt_binary image = VKTWriterObject().createImage(root);
+  const std::string in = at("cut.vkt"), fifo = at("cut.fifo");
+  write_file(in, std::string(image.begin(), image.end()));
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const std::string command =
+      "(" + shell_quoted(VKT_TOOL_PATH) + " unpack " + shell_quoted(in) +
+      " -o " + shell_quoted(fifo) + " 2>" + shell_quoted(at("cut.err")) +
+      "; echo $? >" + shell_quoted(at("cut.code")) + ") &";
+  ASSERT_EQ(std::system(command.c_str()), 0);
+  const int fd = ::open(fifo.c_str(), O_RDONLY);
+  ASSERT_GE(fd, 0);
+  char buffer[65536];
+  ASSERT_GT(::read(fd, buffer, sizeof(buffer)), 0);
+  ASSERT_EQ(::truncate(in.c_str(), 100), 0);
+  while (::read(fd, buffer, sizeof(buffer)) > 0) {
+  }
+  ::close(fd);
+  for (int i = 0; i < 200 && read_file(at("cut.code")).empty(); ++i) {
+    ::usleep(50000);
+  }
+  EXPECT_EQ(read_file(at("cut.code")), "1\n");
+  EXPECT_EQ(read_file(at("cut.err")),
+            "vkt: " + in + ": input changed while being read\n");
+}
+
+}  // namespace
+
+namespace {
+
+// Each command reads what it needs: get checks only its path and the value
+// it prints, so damage elsewhere does not stop it; info shows the layout of
+// a damaged image before it names the fault; verify counts the bytes
+// behind an image, which the other commands leave alone.
+TEST_F(ToolTest, CommandsReadWhatTheyTouch) {
+  const vkt_binary clean =
+      library_image(R"({"good":{"a":"fine"},"bad":[1,2]})", true, nullptr);
+  const VKTObject object(clean);
+  vkt_binary damaged = clean;
+  damaged[VKTInternal::ptr(object.root()["bad"]) - object.image() + 2] = 0x7F;
+  write_file(at("damaged.vkt"), std::string(damaged.begin(), damaged.end()));
+  const std::string one(clean.begin(), clean.end());
+  write_file(at("twice.vkt"), one + one);
+  struct Case {
+    std::vector<std::string> args;
+    int code;
+    std::string out, err;
+  };
+  const Case cases[] = {
+      {{"get", at("damaged.vkt"), "good.a"}, 0, "\"fine\"\n", ""},
+      {{"get", at("damaged.vkt"), "bad[0]"},
+       1,
+       "",
+       "damaged image: packed array outside its section"},
+      {{"get", at("damaged.vkt"), "."}, 1, "", "damaged image"},
+      {{"unpack", at("damaged.vkt")}, 1, "", "damaged image"},
+      {{"info", at("damaged.vkt")},
+       1,
+       "values       damaged: packed array",
+       "damaged image: packed array outside its section"},
+      {{"verify", at("twice.vkt")},
+       1,
+       "",
+       std::to_string(one.size()) + " bytes after the image's end"},
+      {{"info", at("twice.vkt")},
+       0,
+       "trailing     " + std::to_string(one.size()) + " bytes",
+       ""},
+      {{"get", at("twice.vkt"), "good.a"}, 0, "\"fine\"\n", ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.args[0] + " " + c.args[1]);
+    const Outcome r = vkt(c.args);
+    EXPECT_EQ(r.code, c.code) << r.err;
+    EXPECT_NE(r.out.find(c.out), std::string::npos) << r.out;
+    EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
+  }
+}
+
+}  // namespace

@@ -32,8 +32,7 @@ struct Sharing {
 // Rewriting costs time and memory in the values a walk visits, which
 // sharing can make far more than the image's bytes (verify allows 256 per
 // byte): beyond this the figure is left out rather than the tool stalling.
-bool worth_measuring(const CheckedImage& image) {
-  const vkt_u64 values = image.report().values;
+bool worth_measuring(const CheckedImage& image, vkt_u64 values) {
   const vkt_u64 kMaxValues = 100000000;
   return values <= kMaxValues &&
          values <= 2 * vkt_u64(image.object().size()) + 1000000;
@@ -41,9 +40,9 @@ bool worth_measuring(const CheckedImage& image) {
 
 // Writes the image's tree again with and without sibling sharing, in the
 // same version as the image (an endian mark forces version 4).
-Sharing measure_sharing(const CheckedImage& image) {
+Sharing measure_sharing(const CheckedImage& image, vkt_u64 values) {
   Sharing result{true, false, 0, 0};
-  if (!worth_measuring(image)) return result;
+  if (!worth_measuring(image, values)) return result;
   // The strings the tree copies stay within a few times the image.
   vkt_u64 budget = 2 * vkt_u64(image.object().size()) + (vkt_u64(64) << 20);
   VKTWriterValue tree;
@@ -86,7 +85,9 @@ struct Info {
   vkt_u32 size, version, flags;
   bool bigEndian;
   std::vector<Part> sections;
-  VKTVerifyReport report;
+  VKTVerifyReport report;  // tables
+  VKTVerifyReport values;  // the walk from the root: values and depth
+  bool valuesOk;
   Sharing sharing;
   vkt_u64 trailing;
 };
@@ -100,13 +101,18 @@ Info gather(const CheckedImage& image, bool sharing) {
             obj.endian() == VKT_ENDIAN_BIG,
             {},
             image.report(),
+            {},
+            false,
             {false, false, 0, 0},
             0};
   info.trailing = image.trailingBytes();
-  if (sharing) {
+  // The header and tables were checked; the values are checked here, so
+  // that a damaged image still shows its layout before the fault.
+  info.valuesOk = image.verifyValue(image.root(), &info.values);
+  if (sharing && info.valuesOk) {
     Progress progress(image.name(), image.object().size());
     progress.stage("measuring sharing");
-    info.sharing = measure_sharing(image);
+    info.sharing = measure_sharing(image, info.values.values);
   }
   const std::vector<VKTSection> sections = obj.sections();
   info.sections.push_back({"header", 0, sections.front().offset});
@@ -136,8 +142,14 @@ void print_text(const Info& in) {
   std::printf("%-12s %u\n%-12s %u\n%-12s %u\n%-12s %u\n", "keys", r.keys,
               "strings", r.strings, "streams", r.streams, "bstreams",
               r.bstreams);
-  std::printf("%-12s %llu\n%-12s %u\n", "values",
-              static_cast<unsigned long long>(r.values), "depth", r.depth);
+  if (!in.valuesOk) {
+    std::printf("%-12s damaged: %s at byte %u\n", "values", in.values.reason,
+                in.values.offset);
+  } else {
+    std::printf("%-12s %llu\n%-12s %u\n", "values",
+                static_cast<unsigned long long>(in.values.values), "depth",
+                in.values.depth);
+  }
   if (in.trailing != 0) {
     std::printf("%-12s %llu bytes after the image's end\n", "trailing",
                 static_cast<unsigned long long>(in.trailing));
@@ -177,9 +189,10 @@ void print_json(const Info& in) {
   }
   std::printf(
       "],\"keys\":%u,\"strings\":%u,\"streams\":%u,\"bstreams\":%u,"
-      "\"values\":%llu,\"depth\":%u,\"trailing_bytes\":%llu,",
+      "\"values\":%s,\"depth\":%s,\"trailing_bytes\":%llu,",
       r.keys, r.strings, r.streams, r.bstreams,
-      static_cast<unsigned long long>(r.values), r.depth,
+      in.valuesOk ? std::to_string(in.values.values).c_str() : "null",
+      in.valuesOk ? std::to_string(in.values.depth).c_str() : "null",
       static_cast<unsigned long long>(in.trailing));
   if (in.sharing.measured) {
     std::printf("\"size_shared\":%llu,\"size_unshared\":%llu}\n",
@@ -194,12 +207,13 @@ void print_json(const Info& in) {
 
 int cmd_info(const Args& args) {
   const CheckedImage image(args.positional[0], args.has("copy"),
-                           CheckedImage::kWhole);
+                           CheckedImage::kTables);
   const Info info = gather(image, args.has("sharing"));
   if (args.has("json")) {
     print_json(info);
   } else {
     print_text(info);
   }
+  if (!info.valuesOk) image.refuse(info.values);
   return 0;
 }

@@ -1,4 +1,5 @@
-// vkt unpack IN.vkt [-o OUT.json]: a whole image as JSON text.
+// vkt unpack IN.vkt [-o OUT.json]: a whole image as JSON text, written as
+// it is made.
 #include "files.h"
 #include "image.h"
 #include "print.h"
@@ -20,8 +21,6 @@ int cmd_unpack(const Args& args) {
     image.decodeKeyNames();
   }
   progress.stage("printing");
-  const std::string text = print_value(image.name(), image.root(), options);
-  progress.stage("writing");
-  write_output(out, text.data(), text.size());
+  write_value(image.name(), image.root(), options, out);
   return 0;
 }

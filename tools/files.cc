@@ -201,10 +201,14 @@ class TempFile {
   bool mRenamed = false;
 };
 
+typedef std::function<void(const OutputPiece&)> Producer;
+
 void replace_file(const std::string& target, const std::string& name,
-                  mode_t mode, const void* data, size_t size) {
+                  mode_t mode, const Producer& produce) {
   TempFile temp(target, name, mode);
-  write_all(temp.fd(), name, data, size);
+  produce([&](const void* data, size_t size) {
+    write_all(temp.fd(), name, data, size);
+  });
   temp.commit();
 }
 
@@ -223,24 +227,34 @@ std::string resolved(const std::string& path) {
 // over it would take its place; an existing file is replaced with its
 // permissions kept and, through a link, the link left as it was.
 void write_output(const std::string& path, const void* data, size_t size) {
+  write_output(path, [&](const OutputPiece& put) { put(data, size); });
+}
+
+void write_output(const std::string& path, const Producer& produce) {
+  auto to = [&](int fd) {
+    produce([&](const void* data, size_t size) {
+      write_all(fd, path, data, size);
+    });
+  };
   if (is_std_stream(path)) {
-    write_all(STDOUT_FILENO, path, data, size);
+    std::fflush(stdout);  // what stdio holds goes first
+    to(STDOUT_FILENO);
     return;
   }
   struct stat st;
   if (::stat(path.c_str(), &st) != 0) {
     const mode_t mask = ::umask(0);
     ::umask(mask);
-    replace_file(path, path, 0666 & ~mask, data, size);
+    replace_file(path, path, 0666 & ~mask, produce);
   } else if (S_ISDIR(st.st_mode)) {
     fail(path, std::strerror(EISDIR));
   } else if (S_ISREG(st.st_mode)) {
-    replace_file(resolved(path), path, st.st_mode & 07777, data, size);
+    replace_file(resolved(path), path, st.st_mode & 07777, produce);
   } else {
     const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
     if (fd < 0) fail(path, os_error());
     FdCloser closer{fd};
-    write_all(fd, path, data, size);
+    to(fd);
   }
 }
 

@@ -3,6 +3,7 @@
 #define VKT_TOOLS_FILES_H_
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -57,6 +58,14 @@ inline bool is_std_stream(const std::string& path) { return path == "-"; }
 // permissions, and a link to one stays a link. A device or pipe is written
 // in place. Throws ToolError naming `path`.
 void write_output(const std::string& path, const void* data, size_t size);
+
+// Takes one piece of an output.
+typedef std::function<void(const void* data, size_t size)> OutputPiece;
+// As above, with the bytes made as they are written: `produce` hands them
+// to its argument piece by piece. When it throws, an existing target stays
+// as it was (a device or standard output keeps what it was given).
+void write_output(const std::string& path,
+                  const std::function<void(const OutputPiece&)>& produce);
 
 // Fails naming `out` when it is the file `in` (the same file under any
 // name): writing it would replace what the user gave with the result.

@@ -38,6 +38,10 @@ class CheckedImage {
   // Checks `value` and everything below it with the tool's limits; throws
   // as the constructor does when it fails.
   void checkValue(const VKTValue& value) const;
+  // The same check, answering false with *report filled instead.
+  bool verifyValue(const VKTValue& value, VKTVerifyReport* report) const {
+    return value.verify(report, &mLimits);
+  }
   // Throws the message for a refusal that `report` describes.
   [[noreturn]] void refuse(const VKTVerifyReport& report) const;
 

@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstdlib>  // strtoull
 
+#include "files.h"
+
 VKTJsonPrintOptions print_options(const Args& args) {
   VKTJsonPrintOptions options;
   options.pretty = args.has("pretty");
@@ -31,20 +33,58 @@ bool within_expansion(const VKTJsonPrintOptions& options, vkt_u64 imageSize,
   return imageSize != 0 && bytes / imageSize < options.maxExpansion;
 }
 
+namespace {
+
+[[noreturn]] void fail_print(const std::string& file,
+                             const VKTJsonPrintOptions& options,
+                             const VKTJsonError& error) {
+  std::string what = error.message;
+  if (!error.path.empty()) what += " at " + error.path;
+  if (error.tooLarge) {
+    what += " (--max-expansion N raises the bound, 0 lifts it)";
+  } else if (options.strict) {
+    what += " (--lax writes it anyway)";
+  }
+  fail(file, what);
+}
+
+// Hands the printer's pieces to an output.
+class PieceSink : public VKTWriteStream {
+ public:
+  using VKTWriteStream::Write;
+  explicit PieceSink(const OutputPiece& put) : mPut(put) {}
+  vkt_u32 Offset() const override { return vkt_u32(mSize); }
+  void Write(const vkt_u8* data, vkt_u32 size) override {
+    mPut(data, size);
+    mSize += size;
+  }
+
+ private:
+  const OutputPiece& mPut;
+  vkt_u64 mSize = 0;
+};
+
+}  // namespace
+
 std::string print_value(const std::string& file, const VKTValue& value,
                         const VKTJsonPrintOptions& options) {
   std::string text;
   VKTJsonError error;
   if (!vkt_json_print(value, &text, &error, options)) {
-    std::string what = error.message;
-    if (!error.path.empty()) what += " at " + error.path;
-    if (error.tooLarge) {
-      what += " (--max-expansion N raises the bound, 0 lifts it)";
-    } else if (options.strict) {
-      what += " (--lax writes it anyway)";
-    }
-    fail(file, what);
+    fail_print(file, options, error);
   }
   text += '\n';
   return text;
+}
+
+void write_value(const std::string& file, const VKTValue& value,
+                 const VKTJsonPrintOptions& options, const std::string& out) {
+  write_output(out, [&](const OutputPiece& put) {
+    PieceSink sink(put);
+    VKTJsonError error;
+    if (!vkt_json_print(value, &sink, &error, options)) {
+      fail_print(file, options, error);
+    }
+    put("\n", 1);
+  });
 }

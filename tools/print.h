@@ -22,4 +22,9 @@ bool within_expansion(const VKTJsonPrintOptions& options, vkt_u64 imageSize,
 std::string print_value(const std::string& file, const VKTValue& value,
                         const VKTJsonPrintOptions& options);
 
+// The same text written to `out` (see write_output) as it is made, so that
+// memory does not grow with the text.
+void write_value(const std::string& file, const VKTValue& value,
+                 const VKTJsonPrintOptions& options, const std::string& out);
+
 #endif  // VKT_TOOLS_PRINT_H_
