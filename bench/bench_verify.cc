@@ -4,6 +4,7 @@
 // document.
 #include <benchmark/benchmark.h>
 
+#include "alloc_meter.h"
 #include "corpus.h"
 #include "vkt.h"
 #include "vkt/format.h"
@@ -44,11 +45,15 @@ double walk_values(const VKTValue& v) {
 
 void BM_Verify(benchmark::State& state, const char* name) {
   const vkt_binary image = corpus_image(name);
+  size_t peak = 0;
   for (auto _ : state) {
+    AllocMeter meter;
     benchmark::DoNotOptimize(
         VKTObject::verify(image.data(), vkt_size(image.size())));
+    peak = meter.peak();
   }
   state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(image.size()));
+  state.counters["heap_per_byte"] = double(peak) / double(image.size());
 }
 
 void BM_WalkValues(benchmark::State& state, const char* name) {

@@ -104,6 +104,17 @@ static void expect_value(const VKTValue& v, const Expect& e) {
   }
 }
 
+// Values as a reader walking every reference meets them, and the deepest
+// nesting: what verify's report must say, counted the plain way.
+vkt_u64 count_values(const VKTValue& v, vkt_u32 level, vkt_u32* depth) {
+  vkt_u64 n = 1;
+  const vkt_type t = v.type();
+  if (t != VKT_TYPE_ARRAY && t != VKT_TYPE_OBJECT) return n;
+  if (level + 1 > *depth) *depth = level + 1;
+  for (VKTValue e : v.elements()) n += count_values(e, level + 1, depth);
+  return n;
+}
+
 TEST(RoundTrip, RandomTreesReadBackInEveryConfiguration) {
   for (unsigned tree = 1; tree <= 150 && !HasFailure(); ++tree) {
     TreeMaker maker{std::mt19937(tree), {}};
@@ -128,7 +139,11 @@ TEST(RoundTrip, RandomTreesReadBackInEveryConfiguration) {
       ASSERT_TRUE(VKTObject::decode(image, &forDecode));
       VKTVerifyReport report;
       ASSERT_TRUE(VKTObject::verify(image, &report)) << report.reason;
-      EXPECT_EQ(report.end, image.size());    // nothing behind the image
+      EXPECT_EQ(report.end, image.size());  // nothing behind the image
+      const VKTObject counted(image);
+      vkt_u32 depth = 0;
+      EXPECT_EQ(report.values, count_values(counted.root(), 0, &depth));
+      EXPECT_EQ(report.depth, depth);
       for (int mode = 0; mode < 5; ++mode) {  // DUPLICATE to PURGE_REFER
         const bool owned = mode == VKT_ALLOC_OWN || mode == VKT_ALLOC_PURGE;
         vkt_u8* buffer = owned ? new vkt_u8[image.size()] : image.data();

@@ -9,6 +9,14 @@
 
 namespace vkt_internal {
 
+// The value walk's steps, which run once per value, are folded into its
+// loops: a call per container costs as much as the checks themselves.
+#if defined(__GNUC__)
+#define VKT_ALWAYS_INLINE __attribute__((always_inline))
+#else
+#define VKT_ALWAYS_INLINE
+#endif
+
 inline bool is_width_id(vkt_u32 id) {
   return id >= ID_UNSIGNED8 && id <= ID_UNSIGNED32;
 }
@@ -28,6 +36,7 @@ struct ValueFrame {
   vkt_u32 next;    // index of the next child
   vkt_u64 visits;  // values below it so far, each reference counted
   vkt_u32 height;  // deepest child container so far
+  bool branch;     // a container among its children
 };
 
 class ImageVerifier {
@@ -67,7 +76,7 @@ class ImageVerifier {
   // inside `r`; sets up *a when it is.
   bool packedArray(byte_range r, vkt_u64 at, unsigned_array* a);
 
-  bool checkTables(bool plainOnly);
+  bool checkTables(bool plainOnly, bool allStrings);
   bool checkHeader(bool plainOnly);
   bool checkSections();
   byte_range section(vkt_u32 s) const;
@@ -75,7 +84,8 @@ class ImageVerifier {
   bool checkDoubleArrayKeys();
   bool checkKeyClimbs(const unsigned_array& check, const unsigned_array& tail);
   bool addKeyName(vkt_u64 length, vkt_u32 at);
-  bool checkStrings();
+  bool checkStrings(bool all);
+  bool checkStringOffset(vkt_u32 tag);
   bool checkPayloadTable(vkt_u32 offsets, vkt_u32 sizes, vkt_u32 entity,
                          vkt_u32* count);
   bool failTruncated(const char* reason, vkt_u64 offset, vkt_u64 end);
@@ -97,6 +107,10 @@ class ImageVerifier {
   bool openContainer(byte_range region, vkt_u32 pos, ValueFrame* f,
                      bool checkKeys = true);
   bool nextChild(byte_range region, ValueFrame* f, vkt_u32* child);
+  vkt_u32 leafCount(vkt_u32 pos) const;
+  enum Scan { kFault, kDone, kContainer };
+  template <bool kCheck>
+  Scan scanChildren(byte_range region, ValueFrame* f, vkt_u32* child);
   bool addToParent(ValueFrame* parent, vkt_u64 visits, vkt_u32 height,
                    vkt_u32 pos);
   bool finishWalk(vkt_u64 visits, vkt_u32 height, vkt_u32 pos);
@@ -112,10 +126,14 @@ class ImageVerifier {
   vkt_u32 mOffsets[SECTION_COUNT] = {};
   vkt_u32 mKeyCount = 0;
   vkt_u32 mStringCount = 0;
+  unsigned_array mStringOffsets = {};
+  vkt_u32 mStringEntitySize = 0;
+  bool mStringsChecked = false;  // every offset, or each as it is reached
   vkt_u32 mStreamCount = 0;
   vkt_u32 mBStreamCount = 0;
-  vkt_u64 mEnd = 0;     // end of the last stream payload
-  vkt_u64 mValues = 0;  // the walk's totals, for the report
+  vkt_u64 mEnd = 0;              // end of the last stream payload
+  bool mSharedBranches = false;  // pass one's counts are not the answer
+  vkt_u64 mValues = 0;           // the walk's totals, for the report
   vkt_u32 mDepth = 0;
   vkt_u64 mKeyNames = 0;      // bytes of all names, against maxValues
   vkt_u64 mKeyNameBytes = 0;  // the same with one NUL each
@@ -124,8 +142,9 @@ class ImageVerifier {
 // Inline: the value walk calls it once or twice per container.
 // One pass over the array's head: ids, count, then count x width against
 // what is left of the section. Fills *a as setup_unsigned_array would.
-inline bool ImageVerifier::packedArray(byte_range r, vkt_u64 at,
-                                       unsigned_array* a) {
+VKT_ALWAYS_INLINE inline bool ImageVerifier::packedArray(byte_range r,
+                                                         vkt_u64 at,
+                                                         unsigned_array* a) {
   if (!require(within(r, at, 2), "packed array outside its section", at)) {
     return false;
   }

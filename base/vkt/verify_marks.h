@@ -1,9 +1,10 @@
 // Which containers the value walk has reached, and what it remembers of the
 // ones reached more than once. Two forms with one interface:
 //
-//   SectionMarks  for a whole value section: two bits per byte (reached,
-//                 reached again), then 4 bytes per container reached again,
-//                 found by its rank among them (a 32-bit count per 64 bytes).
+//   SectionMarks  for a whole value section: three bits per byte (reached,
+//                 reached again, holds containers), then in pass two 4 bytes
+//                 per container reached again, found by its rank among them
+//                 (a 32-bit count per 64 bytes).
 //   SparseMarks   for one value of an image not verified whole: hash tables
 //                 that grow with what is reached, so a small subtree of a
 //                 large image costs what it holds.
@@ -16,6 +17,7 @@
 
 #include <memory>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "vkt/format.h"
@@ -36,8 +38,18 @@ class SectionMarks {
     const size_t words = size_t(size) / 64 + 1;
     mReached.reset(new vkt_u64[words]());
     mAgain.reset(new vkt_u64[words]());
+    mBranch.reset(new vkt_u64[words]());
     mWords = words;
     return true;
+  }
+  // A finished container with containers among its children: one reached
+  // again needs pass two, while one whose children are all scalars counts
+  // from its own head.
+  void setBranch(vkt_u32 index) {
+    mBranch[index / 64] |= vkt_u64(1) << (index % 64);
+  }
+  bool branch(vkt_u32 index) const {
+    return mBranch[index / 64] >> (index % 64) & 1;
   }
   // True the first time `index` is reached; marks it shared after that.
   bool reach(vkt_u32 index) {
@@ -93,6 +105,7 @@ class SectionMarks {
 
   std::unique_ptr<vkt_u64[]> mReached;
   std::unique_ptr<vkt_u64[]> mAgain;
+  std::unique_ptr<vkt_u64[]> mBranch;
   size_t mWords = 0;
   vkt_u32 mShared = 0;
   std::unique_ptr<vkt_u32[]> mRanks;
@@ -115,6 +128,8 @@ class SparseMarks {
     auto it = mStates.find(index);
     return it != mStates.end() && it->second;
   }
+  void setBranch(vkt_u32 index) { mBranches.insert(index); }
+  bool branch(vkt_u32 index) const { return mBranches.count(index) != 0; }
   bool indexShared() { return true; }
   vkt_u64 memo(vkt_u32 index) const {
     auto it = mMemos.find(index);
@@ -125,6 +140,7 @@ class SparseMarks {
  private:
   std::unordered_map<vkt_u32, bool> mStates;  // true: reached again
   std::unordered_map<vkt_u32, vkt_u64> mMemos;
+  std::unordered_set<vkt_u32> mBranches;
   vkt_u32 mShared = 0;
 };
 

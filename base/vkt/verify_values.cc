@@ -8,12 +8,14 @@
 // containers, keep the memory to a few bits per byte (verify_marks.h):
 //
 //   1. checkGraph checks every container when it is first reached and every
-//      scalar wherever it is reached, marking containers reached again.
-//      Without such a container the graph is a tree, and its counts of
-//      values and height are the answer.
-//   2. countShared, only when something is shared, counts values as a walk
-//      over every reference meets them and the depth through shared
-//      containers, remembering a count for each shared container only.
+//      scalar wherever it is reached, marking containers reached again. A
+//      container of scalars reached again counts from its own head (its
+//      children and itself, height 1), which covers the sharing the writer
+//      makes most: equal small arrays and objects. Unless a container that
+//      holds containers is reached again, its counts are the answer.
+//   2. countShared, only then, counts values as a walk over every reference
+//      meets them and the depth through shared containers, remembering a
+//      count for each shared container only.
 //
 // Both passes cost time linear in the distinct values.
 #include <new>  // bad_alloc
@@ -36,7 +38,8 @@ bool is_key_tag_id(vkt_u32 id) {
 
 // A scalar: a value id, its payload inside the section, its tag below its
 // table's count.
-bool ImageVerifier::checkScalar(byte_range region, vkt_u32 pos) {
+VKT_ALWAYS_INLINE inline bool ImageVerifier::checkScalar(byte_range region,
+                                                         vkt_u32 pos) {
   const vkt_u8* p = mImage + pos;
   const vkt_u32 size = sIdValueSizeTable[id_of(p)];
   if (!require(size != 0, "not a value id", pos) ||
@@ -46,7 +49,8 @@ bool ImageVerifier::checkScalar(byte_range region, vkt_u32 pos) {
   }
   switch (sIdTypeTable[*p]) {
     case TYPE_STRING:
-      return require(parse_string(p) < mStringCount, "string tag", pos);
+      return require(parse_string(p) < mStringCount, "string tag", pos) &&
+             (mStringsChecked || checkStringOffset(parse_string(p)));
     case TYPE_STREAM:
       return require(parse_stream(p) < mStreamCount, "stream tag", pos);
     case TYPE_BSTREAM:
@@ -93,12 +97,15 @@ bool ImageVerifier::checkRecords(byte_range region, const ValueFrame& f) {
 
 // A container's arrays lie inside the section and agree; fills *f. Without
 // `checkKeys` member key tags are left to the lookups, which bound them.
-bool ImageVerifier::openContainer(byte_range region, vkt_u32 pos, ValueFrame* f,
-                                  bool checkKeys) {
+VKT_ALWAYS_INLINE inline bool ImageVerifier::openContainer(byte_range region,
+                                                           vkt_u32 pos,
+                                                           ValueFrame* f,
+                                                           bool checkKeys) {
   f->pos = pos;
   f->next = 0;
   f->visits = 0;
   f->height = 0;
+  f->branch = false;
   f->records = mImage[pos] == ID_OBJECT && mVersion == 1;
   vkt_u64 at = vkt_u64(pos) + 1;
   if (mImage[pos] == ID_OBJECT && mVersion != 1) {
@@ -133,6 +140,66 @@ bool ImageVerifier::nextChild(byte_range region, ValueFrame* f,
   return true;
 }
 
+// Takes the children of *f from f->next on, in one loop with the offsets'
+// width fixed when compiling: scalars are counted (and with kCheck checked)
+// where they stand, and the first container child stops the loop with its
+// position in *child. Version-1 records take the general way.
+template <bool kCheck>
+ImageVerifier::Scan ImageVerifier::scanChildren(byte_range region,
+                                                ValueFrame* f, vkt_u32* child) {
+  if (f->records) {
+    while (f->next < f->offsets.valueNum) {
+      if (!nextChild(region, f, child)) return kFault;
+      if (is_container_id(mImage[*child])) return kContainer;
+      if (kCheck && !checkScalar(region, *child)) return kFault;
+      ++f->visits;
+    }
+    return kDone;
+  }
+  return with_width(f->offsets.valueSize, [&](auto width) {
+    constexpr vkt_u32 kWidth = decltype(width)::value;
+    const vkt_u8* offsets = f->offsets.values;
+    const vkt_u32 count = f->offsets.valueNum;
+    Scan result = kDone;
+    vkt_u32 i = f->next;
+    vkt_u64 scalars = 0;
+    for (; i < count; ++i) {
+      // Children follow their container, so only the end can be passed.
+      const vkt_u64 at = vkt_u64(f->area) + read_packed<kWidth>(offsets, i);
+      if (kCheck && at >= region.end) {
+        fail("child outside the value section", f->pos);
+        result = kFault;
+        break;
+      }
+      if (is_container_id(mImage[at])) {
+        *child = vkt_u32(at);
+        result = kContainer;
+        ++i;
+        break;
+      }
+      if (kCheck && !checkScalar(region, vkt_u32(at))) {
+        result = kFault;
+        break;
+      }
+      ++scalars;
+    }
+    f->next = i;
+    f->visits += scalars;
+    return result;
+  });
+}
+
+// The children of the checked container at `pos`: its offsets' count.
+vkt_u32 ImageVerifier::leafCount(vkt_u32 pos) const {
+  const vkt_u8* p = mImage + pos + 1;
+  unsigned_array a;
+  setup_unsigned_array(&a, p);
+  if (mImage[pos] == ID_OBJECT && mVersion != 1) {
+    setup_unsigned_array(&a, p + a.size);  // past the keys
+  }
+  return a.valueNum;
+}
+
 // Adds a finished value to the container below it on the stack.
 bool ImageVerifier::addToParent(ValueFrame* parent, vkt_u64 visits,
                                 vkt_u32 height, vkt_u32 pos) {
@@ -162,30 +229,39 @@ bool ImageVerifier::checkGraph(byte_range region, vkt_u32 start, Marks* marks) {
   size_t depth = 1;  // frames in use
   for (;;) {
     ValueFrame& top = stack[depth - 1];
-    if (top.next == top.offsets.valueNum) {
+    vkt_u32 pos;
+    const Scan scan = scanChildren<true>(region, &top, &pos);
+    if (scan == kFault ||
+        !require(top.visits <= mLimits.maxValues, "too many values (sharing)",
+                 top.pos, VKT_FAULT_LIMIT)) {
+      return false;
+    }
+    if (scan == kDone) {
       const vkt_u64 visits = top.visits + 1;
       const vkt_u32 height = top.height + 1;
+      if (top.branch) marks->setBranch(top.pos - region.begin);
       if (--depth == 0) return finishWalk(visits, height, top.pos);
       if (!addToParent(&stack[depth - 1], visits, height, top.pos)) {
         return false;
       }
       continue;
     }
-    vkt_u32 pos;
-    if (!nextChild(region, &top, &pos)) return false;
-    if (!is_container_id(mImage[pos])) {
-      if (!checkScalar(region, pos) || !addToParent(&top, 1, 0, pos)) {
+    top.branch = true;
+    if (!require(depth < mLimits.maxDepth, "nesting too deep", pos,
+                 VKT_FAULT_LIMIT)) {
+      return false;
+    }
+    // A container reached again was checked already. One of scalars counts
+    // from its head; one holding containers leaves the count to pass two.
+    if (!marks->reach(pos - region.begin)) {
+      if (marks->branch(pos - region.begin)) {
+        mSharedBranches = true;
+      } else if (!addToParent(&top, 1 + leafCount(pos), 1, pos)) {
         return false;
       }
       continue;
     }
-    // A container reached again was checked already; pass two counts it.
-    if (!marks->reach(pos - region.begin)) continue;
-    if (!require(depth < mLimits.maxDepth, "nesting too deep", pos,
-                 VKT_FAULT_LIMIT) ||
-        !openContainer(region, pos, &stack[depth++])) {
-      return false;
-    }
+    if (!openContainer(region, pos, &stack[depth++])) return false;
   }
 }
 
@@ -195,11 +271,17 @@ template <class Marks>
 bool ImageVerifier::countShared(byte_range region, vkt_u32 start,
                                 Marks* marks) {
   std::vector<ValueFrame> stack(mLimits.maxDepth + 1);
-  openContainer(region, start, &stack[0]);
+  openContainer(region, start, &stack[0], false);
   size_t depth = 1;
   for (;;) {
     ValueFrame& top = stack[depth - 1];
-    if (top.next == top.offsets.valueNum) {
+    vkt_u32 pos;
+    const Scan scan = scanChildren<false>(region, &top, &pos);
+    if (!require(top.visits <= mLimits.maxValues, "too many values (sharing)",
+                 top.pos, VKT_FAULT_LIMIT)) {
+      return false;
+    }
+    if (scan == kDone) {
       const vkt_u64 visits = top.visits + 1;
       const vkt_u32 height = top.height + 1;
       const vkt_u32 index = top.pos - region.begin;
@@ -209,12 +291,6 @@ bool ImageVerifier::countShared(byte_range region, vkt_u32 start,
       if (!addToParent(&stack[depth - 1], visits, height, top.pos)) {
         return false;
       }
-      continue;
-    }
-    vkt_u32 pos;
-    nextChild(region, &top, &pos);
-    if (!is_container_id(mImage[pos])) {
-      if (!addToParent(&top, 1, 0, pos)) return false;
       continue;
     }
     const vkt_u32 index = pos - region.begin;
@@ -231,7 +307,7 @@ bool ImageVerifier::countShared(byte_range region, vkt_u32 start,
                  VKT_FAULT_LIMIT)) {
       return false;
     }
-    openContainer(region, pos, &stack[depth++]);
+    openContainer(region, pos, &stack[depth++], false);
   }
 }
 
@@ -252,7 +328,7 @@ bool ImageVerifier::checkValuesFrom(byte_range region, vkt_u32 start) {
       !checkGraph(region, start, &marks)) {
     return false;
   }
-  if (!marks.anyShared()) return true;
+  if (!mSharedBranches) return true;
   return require(marks.indexShared(), "no memory for the value walk", start,
                  VKT_FAULT_LIMIT) &&
          countShared(region, start, &marks);
@@ -277,6 +353,34 @@ bool ImageVerifier::checkSubtree(vkt_u32 start) {
   } catch (const std::bad_alloc&) {
     return fail("no memory for the value walk", start, VKT_FAULT_LIMIT);
   }
+}
+
+// The checked path's entry points (verify.cc has the tables' part).
+bool ImageVerifier::runStep(vkt_u64 pos) {
+  loadTables();
+  const byte_range region = section(SECTION_ROOT_VALUE);
+  if (!require(within(region, pos, 1), "value outside the value section",
+               pos)) {
+    return false;
+  }
+  const vkt_u32 at = vkt_u32(pos);
+  if (mImage[at] != ID_ARRAY && mImage[at] != ID_OBJECT) {
+    return checkScalar(region, at);
+  }
+  ValueFrame frame;
+  return openContainer(region, at, &frame, false);
+}
+
+bool ImageVerifier::runValue(vkt_u64 pos) {
+  loadTables();
+  const byte_range region = section(SECTION_ROOT_VALUE);
+  if (!require(within(region, pos, 1), "value outside the value section",
+               pos) ||
+      !checkSubtree(vkt_u32(pos))) {
+    return false;
+  }
+  report();
+  return true;
 }
 
 }  // namespace vkt_internal
