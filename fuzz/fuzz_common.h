@@ -23,11 +23,28 @@ inline void seal_header(vkt_u8* p, size_t size) {
   write_32bit_unsigned(p + HEADER_OFST_CHECKSUM, header_checksum(p, version));
 }
 
+// The checked path on the same bytes: after verifyTables, every step the
+// walk takes is checked before it is read. It must agree with verify: all
+// steps pass on an image verify accepts, and the root's whole check answers
+// as verify does.
+inline void checked_path_walk(const vkt_u8* p, size_t size, bool whole) {
+  if (!VKTObject::verifyTables(p, vkt_size(size))) {
+    if (whole) std::abort();
+    return;
+  }
+  VKTObject object(p, vkt_u32(size), VKT_ALLOC_REFER);
+  full_walk::WalkState state;
+  vkt_u64 sum = 0;
+  const bool steps = full_walk::walk_checked(object.root(), &state, 0, &sum);
+  if (whole && !steps) std::abort();
+  if (object.root().verify() != whole) std::abort();
+}
+
 inline void decode_verify_walk(vkt_u8* p, size_t size) {
   if (!VKTObject::decode(p, vkt_size(size))) return;
-  if (VKTObject::verify(p, vkt_size(size))) {
-    full_walk::walk_image(p, vkt_size(size));
-  }
+  const bool whole = VKTObject::verify(p, vkt_size(size));
+  checked_path_walk(p, size, whole);
+  if (whole) full_walk::walk_image(p, vkt_size(size));
 }
 
 // The stream-backed open of the same bytes, checked by the object itself.

@@ -347,9 +347,15 @@ bool ImageVerifier::checkValues() {
   }
 }
 
+// The root's subtree is the whole section, whose dense marks cost less than
+// hash tables; any other value's may be a small part of it.
 bool ImageVerifier::checkSubtree(vkt_u32 start) {
+  const byte_range region = section(SECTION_ROOT_VALUE);
   try {
-    return checkValuesFrom<SparseMarks>(section(SECTION_ROOT_VALUE), start);
+    if (start == region.begin) {
+      return checkValuesFrom<SectionMarks>(region, start);
+    }
+    return checkValuesFrom<SparseMarks>(region, start);
   } catch (const std::bad_alloc&) {
     return fail("no memory for the value walk", start, VKT_FAULT_LIMIT);
   }
