@@ -2,7 +2,8 @@
 // verify accepts (with the tool's limits) is printed as JSON with the
 // printer's default bound, strictly and laxly, with key names rebuilt per
 // member and then decoded once. No print may read outside the image, and
-// none may produce more text than the bound allows.
+// none may produce more text than the bound allows. Then the full walk of
+// the image sealed harness runs, lookups and the checked path included.
 #include <cstring>
 #include <string>
 
@@ -36,10 +37,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       !VKTObject::verify(copy.get(), vkt_size(size), nullptr, &limits)) {
     return 0;
   }
-  VKTObject object(copy.get(), vkt_u32(size), VKT_ALLOC_REFER);
-  print_root(object, true);
-  print_root(object, false);
-  object.decodeKeyNames();
-  print_root(object, true);
+  {
+    VKTObject object(copy.get(), vkt_u32(size), VKT_ALLOC_REFER);
+    print_root(object, true);
+    print_root(object, false);
+    object.decodeKeyNames();
+    print_root(object, true);
+  }
+  // And every lookup of the full walk, and the checked path beside it.
+  decode_verify_walk(copy.get(), size);
   return 0;
 }
