@@ -694,9 +694,11 @@ class VKTObject {
   // limits->maxDepth, or allocates more than limits->maxValues allows
   // (getMemberNames allocates at most the names' total length).
   //
-  // Costs time linear in the image size; allocates at most about 9 bytes per
-  // byte of the root value section plus 4 per key table position. Never
-  // recurses; reads nothing outside [p, p + size).
+  // Costs time linear in the image size. Allocates 3 bits per byte of the
+  // root value section and 4 bytes per key table position; an image in
+  // which containers of containers are reached more than once also takes
+  // 4 bytes per such container and 1 bit per section byte. Never recurses;
+  // reads nothing outside [p, p + size).
   static bool verify(const vkt_u8* p, vkt_size size);
   static bool verify(const vkt_u8* p, vkt_size size, VKTVerifyReport* report,
                      const VKTVerifyLimits* limits = nullptr);
@@ -716,7 +718,8 @@ class VKTObject {
   // before it reaches a value: header, section offsets, the key table and
   // the string, stream and bstream tables, in time and memory that follow
   // those tables, not the values (as verify, run decode first on a filtered
-  // image). An image that passed it may be opened in any memory mode, and
+  // image; each string's offset is checked when a string value that uses it
+  // is). An image that passed it may be opened in any memory mode, and
   // then:
   //   - root() and every view that an operation hands out are unchecked:
   //     pass each to VKTValue::verifyStep or VKTValue::verify before any
