@@ -506,3 +506,22 @@ TEST_F(ToolTest, CommandsReadWhatTheyTouch) {
 }
 
 }  // namespace
+
+namespace {
+
+// An output whose directory refuses new files fails with exit 1 and leaves
+// the file there as it was. Root writes anywhere, so root skips this.
+TEST_F(ToolTest, OutputIntoAReadOnlyDirectoryFails) {
+  if (::geteuid() == 0) GTEST_SKIP() << "root may write into any directory";
+  const std::string in = pack("ro", "[1]");
+  ::mkdir(at("ro").c_str(), 0755);
+  write_file(at("ro/out.json"), "keep me");
+  ::chmod(at("ro").c_str(), 0555);
+  const Outcome r = vkt({"unpack", in, "-o", at("ro/out.json")});
+  ::chmod(at("ro").c_str(), 0755);
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.err.find("Permission denied"), std::string::npos) << r.err;
+  EXPECT_EQ(read_file(at("ro/out.json")), "keep me");
+}
+
+}  // namespace
