@@ -121,10 +121,18 @@ struct VKTVerifyLimits {
   // Most values that a recursive walk from the root visits, counting an
   // encoding that several elements share once for every element; also the
   // most bytes that the names of all keys take together. 0 means
-  // kValuesPerByte times the image size, so an image whose sharing expands
-  // far beyond its size is refused while real images pass.
+  // VKTVerifyLimits::defaultMaxValues: an image whose sharing expands far
+  // beyond its size is refused, while any tree of up to 64 M values passes
+  // however well it shares. The writer refuses to make an image that this
+  // default would refuse.
   vkt_u64 maxValues = 0;
   static const vkt_u32 kValuesPerByte = 256;
+  static const vkt_u64 kLeastMaxValues = vkt_u64(1) << 26;
+  // kValuesPerByte times the image's size, or kLeastMaxValues if more.
+  static vkt_u64 defaultMaxValues(vkt_u64 imageSize) {
+    const vkt_u64 perByte = kValuesPerByte * imageSize;
+    return perByte > kLeastMaxValues ? perByte : kLeastMaxValues;
+  }
   // Largest image accepted, in bytes.
   vkt_size maxImageSize = 0xFFFFFFFF;
 };

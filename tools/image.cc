@@ -9,16 +9,6 @@ namespace {
 
 const vkt_u32 kNewestVersion = 4;
 
-// As much sharing as a JSON document of about 100 MB can ask for, however
-// small the image it packs into (the default allows 256 values a byte).
-VKTVerifyLimits tool_limits(size_t size) {
-  VKTVerifyLimits limits;
-  const vkt_u64 kLeastMaxValues = vkt_u64(1) << 26;
-  limits.maxValues = vkt_u64(VKTVerifyLimits::kValuesPerByte) * size;
-  if (limits.maxValues < kLeastMaxValues) limits.maxValues = kLeastMaxValues;
-  return limits;
-}
-
 std::string where(const VKTVerifyReport& r) {
   return std::string(r.reason) + " at byte " + std::to_string(r.offset);
 }
@@ -26,7 +16,7 @@ std::string where(const VKTVerifyReport& r) {
 }  // namespace
 
 CheckedImage::CheckedImage(const std::string& path, bool copy, Check check)
-    : mFile(path, copy), mLimits(tool_limits(mFile.size())) {
+    : mFile(path, copy) {
   if (mFile.size() > 0xFFFFFFFFu) fail(path, "too large for a vkt image");
   Progress progress(path, mFile.size());
   progress.stage("verifying");

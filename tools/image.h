@@ -35,7 +35,8 @@ class CheckedImage {
   const VKTVerifyReport& report() const { return mReport; }
   // Bytes of the file behind the image's end.
   vkt_u64 trailingBytes() const { return mFile.size() - mReport.end; }
-  // Checks `value` and everything below it with the tool's limits; throws
+  // Checks `value` and everything below it with the library's default
+  // limits (the tool's too); throws
   // as the constructor does when it fails.
   void checkValue(const VKTValue& value) const;
   // The same check, answering false with *report filled instead.

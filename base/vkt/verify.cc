@@ -36,7 +36,7 @@ ImageVerifier::ImageVerifier(const vkt_u8* header, const vkt_u8* image,
   if (limits != nullptr) mLimits = *limits;
   if (mLimits.maxDepth > VKT_MAX_DEPTH) mLimits.maxDepth = VKT_MAX_DEPTH;
   if (mLimits.maxValues == 0) {
-    mLimits.maxValues = vkt_u64(VKTVerifyLimits::kValuesPerByte) * imageSize;
+    mLimits.maxValues = VKTVerifyLimits::defaultMaxValues(imageSize);
   }
   if (mLimits.maxValues > kMaxValuesCap) mLimits.maxValues = kMaxValuesCap;
   if (mReport != nullptr) *mReport = VKTVerifyReport();
