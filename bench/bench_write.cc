@@ -289,7 +289,10 @@ void BM_WriteStreamFromReader(benchmark::State& state) {
   VKTWriterObject writer;
   for (auto _ : state) {
     CountingSink sink;
-    writer.writeImage(root, sink);
+    if (!writer.writeImage(root, sink)) {
+      state.SkipWithError(writer.error());
+      break;
+    }
     benchmark::DoNotOptimize(sink.count);
   }
   state.SetBytesProcessed(int64_t(state.iterations()) * size);

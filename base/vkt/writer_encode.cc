@@ -41,7 +41,9 @@ vkt_u32 head_hint(size_t count, bool withKeys) {
 
 }  // namespace
 
-void VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
+// Interns what one node names and notes its share of the size hint; a
+// container is only opened here, its elements follow from prepare's stack.
+void VKTWriterValue::prepareNode(VKTWriterObject::Tables& tables) const {
   tables.sizeHint += kSizeHint[mType];
   switch (mType) {
     case TYPE_STRING:
@@ -56,29 +58,64 @@ void VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
                                      s.mStreamAlignment, s.mReader});
       break;
     }
-    case TYPE_ARRAY: {
-      const size_t before = tables.sizeHint;
+    case TYPE_ARRAY:
       tables.sizeHint += head_hint(mArrayInfo->size(), false);
-      for (const VKTWriterValue& element : *mArrayInfo) {
-        element.prepare(tables);
-      }
-      mArrayInfo->mSizeHint = clamp_u32(tables.sizeHint - before);
       break;
-    }
-    case TYPE_OBJECT: {
-      const size_t before = tables.sizeHint;
+    case TYPE_OBJECT:
       tables.sizeHint += head_hint(mObjectInfo->mMembers.size(), true);
       mObjectInfo->sort();
-      for (const Member* member : mObjectInfo->mMembers) {
-        member->mKeyTag = tables.keys.add(member->key());
-        member->mValue.prepare(tables);
-      }
-      mObjectInfo->mSizeHint = clamp_u32(tables.sizeHint - before);
       break;
-    }
     default:
       break;
   }
+}
+
+// Depth first in element order (a member's key before its value), with an
+// explicit stack of open containers that never holds more than
+// VKT_MAX_DEPTH of them.
+bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
+  struct Open {
+    const VKTWriterValue* node;
+    size_t next;    // index of the next element to visit
+    size_t before;  // the size hint when the container was opened
+  };
+  std::vector<Open> open;
+  auto visit = [&](const VKTWriterValue& node) {
+    const size_t before = tables.sizeHint;
+    node.prepareNode(tables);
+    if (node.mType != TYPE_ARRAY && node.mType != TYPE_OBJECT) return true;
+    if (open.size() == VKT_MAX_DEPTH) return false;
+    open.push_back(Open{&node, 0, before});
+    return true;
+  };
+  if (!visit(*this)) return false;
+  while (!open.empty()) {
+    Open& top = open.back();
+    const VKTWriterValue* child = nullptr;
+    if (top.node->mType == TYPE_ARRAY) {
+      const ArrayInfo& array = *top.node->mArrayInfo;
+      if (top.next < array.size()) child = array.begin() + top.next++;
+    } else {
+      const ObjectInfo& object = *top.node->mObjectInfo;
+      if (top.next < object.mMembers.size()) {
+        const Member* member = object.mMembers[top.next++];
+        member->mKeyTag = tables.keys.add(member->key());
+        child = &member->mValue;
+      }
+    }
+    if (child != nullptr) {
+      if (!visit(*child)) return false;
+      continue;
+    }
+    const vkt_u32 hint = clamp_u32(tables.sizeHint - top.before);
+    if (top.node->mType == TYPE_ARRAY) {
+      top.node->mArrayInfo->mSizeHint = hint;
+    } else {
+      top.node->mObjectInfo->mSizeHint = hint;
+    }
+    open.pop_back();
+  }
+  return true;
 }
 
 void VKTWriterValue::createImage(VKTWriterObject::Tables& tables,
@@ -112,6 +149,7 @@ void VKTWriterValue::createImage(VKTWriterObject::Tables& tables,
       break;
     case TYPE_ARRAY:
     case TYPE_OBJECT: {
+      if (tables.tooLarge) return;
       const bool isArray = mType == TYPE_ARRAY;
       const size_t count =
           isArray ? mArrayInfo->size() : mObjectInfo->mMembers.size();
@@ -138,8 +176,12 @@ void VKTWriterValue::createImage(VKTWriterObject::Tables& tables,
       const vkt_u32 entityStart = start + reserved;
       ++tables.depth;
       auto add = [&](const VKTWriterValue& element) {
+        if (tables.tooLarge) return;
         const vkt_u32 begin = vkt_u32(image->size());
         element.createImage(tables, image);
+        // Past 32-bit offsets: the walk winds down and the image is refused.
+        if (image->size() > kMaxImageSize) tables.tooLarge = true;
+        if (tables.tooLarge) return;
         vkt_u32 offset = begin;
         if (tables.optimize) {
           offset = level.siblings.place(*image, begin, vkt_u32(image->size()));
@@ -155,6 +197,7 @@ void VKTWriterValue::createImage(VKTWriterObject::Tables& tables,
         for (const Member* member : mObjectInfo->mMembers) add(member->mValue);
       }
       --tables.depth;
+      if (tables.tooLarge) return;
       // ID | [key array] | offset array, in front of the entity area.
       const vkt_u32 headSize =
           1 + keysSize + unsigned_array_size(level.offsets);

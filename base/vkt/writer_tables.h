@@ -14,6 +14,9 @@
 
 #include "vkt/writer_blocks.h"
 
+// The largest image that 32-bit offsets and sizes address.
+const vkt_u64 kMaxImageSize = 0xFFFFFFFF;
+
 // Distinct entries in first-seen order, found by hash; after number(), the
 // ids in table order and each id's place in it. Traits gives hash(e),
 // equal(a, b) and less(a, b), the table order.
@@ -202,6 +205,8 @@ struct VKTWriterObject::Tables {
   Interner<StreamEntry, StreamTraits> bstreams;
   const bool optimize;  // share equal element images within a container
   std::deque<Level> levels;
+  // Set once the root value passes kMaxImageSize; the walk then stops.
+  bool tooLarge = false;
   size_t depth = 0;     // of the container being written
   size_t sizeHint = 0;  // the root value's likely size, summed by prepare
 };

@@ -3,6 +3,7 @@
 // writer_blocks.h). There is no copy on write: nodes sharing a block see
 // every change made to its contents.
 #include <algorithm>
+#include <vector>
 
 #include "vkt/writer_blocks.h"
 
@@ -80,15 +81,50 @@ void VKTWriterValue::clear() {
       release(mStreamInfo);
       break;
     case TYPE_ARRAY:
-      release(mArrayInfo);
-      break;
     case TYPE_OBJECT:
-      release(mObjectInfo);
+      releaseContainer();
       break;
     default:
       break;
   }
   mType = TYPE_NULL;
+}
+
+void VKTWriterValue::releaseContainer() {
+  // Blocks whose last reference is gone, not yet deleted. Before a block
+  // goes, each container element drops its reference here and is made null,
+  // so the block's own destructor never reaches a container and the call
+  // stack stays flat whatever the depth.
+  struct Dying {
+    bool isArray;
+    void* block;
+  };
+  std::vector<Dying> dying;
+  auto detach = [&dying](VKTWriterValue& node) {
+    const bool isArray = node.mType == TYPE_ARRAY;
+    if (!isArray && node.mType != TYPE_OBJECT) return;
+    void* block = isArray ? static_cast<void*>(node.mArrayInfo)
+                          : static_cast<void*>(node.mObjectInfo);
+    if (--(isArray ? node.mArrayInfo->mRefCount : node.mObjectInfo->mRefCount) <
+        1) {
+      dying.push_back(Dying{isArray, block});
+    }
+    node.mType = TYPE_NULL;
+  };
+  detach(*this);
+  while (!dying.empty()) {
+    const Dying d = dying.back();
+    dying.pop_back();
+    if (d.isArray) {
+      ArrayInfo* block = static_cast<ArrayInfo*>(d.block);
+      for (vkt_u32 i = 0; i < block->mSize; ++i) detach(block->mData[i]);
+      delete block;
+    } else {
+      ObjectInfo* block = static_cast<ObjectInfo*>(d.block);
+      for (Member* m : block->mMembers) detach(m->mValue);
+      delete block;
+    }
+  }
 }
 
 void VKTWriterValue::setInt(vkt_s32 value) {
