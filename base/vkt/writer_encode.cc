@@ -30,6 +30,10 @@ void room_for(vkt_binary* image, size_t more) {
   if (need > image->capacity()) image->reserve(need + image->capacity() / 2);
 }
 
+// Types that prepareNode does more for than add their size hint.
+const vkt_u32 kVisited =
+    1u << TYPE_STRING | 1u << TYPE_STREAM | 1u << TYPE_ARRAY | 1u << TYPE_OBJECT;
+
 vkt_u32 clamp_u32(size_t n) {
   return n > 0xFFFFFFFFu ? 0xFFFFFFFFu : vkt_u32(n);
 }
@@ -72,50 +76,55 @@ void VKTWriterValue::prepareNode(VKTWriterObject::Tables& tables) const {
 
 // Depth first in element order (a member's key before its value), with an
 // explicit stack of open containers that never holds more than
-// VKT_MAX_DEPTH of them.
+// VKT_MAX_DEPTH of them; the elements of one container are taken in a
+// tight loop until one is a container itself.
 bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
   struct Open {
     const VKTWriterValue* node;
     size_t next;    // index of the next element to visit
     size_t before;  // the size hint when the container was opened
   };
-  std::vector<Open> open;
-  auto visit = [&](const VKTWriterValue& node) {
+  Open open[VKT_MAX_DEPTH];
+  size_t depth = 0;  // containers open
+  const VKTWriterValue* node = this;
+  for (;;) {
+    // `node` is a value not yet visited.
     const size_t before = tables.sizeHint;
-    node.prepareNode(tables);
-    if (node.mType != TYPE_ARRAY && node.mType != TYPE_OBJECT) return true;
-    if (open.size() == VKT_MAX_DEPTH) return false;
-    open.push_back(Open{&node, 0, before});
-    return true;
-  };
-  if (!visit(*this)) return false;
-  while (!open.empty()) {
-    Open& top = open.back();
-    const VKTWriterValue* child = nullptr;
-    if (top.node->mType == TYPE_ARRAY) {
-      const ArrayInfo& array = *top.node->mArrayInfo;
-      if (top.next < array.size()) child = array.begin() + top.next++;
-    } else {
-      const ObjectInfo& object = *top.node->mObjectInfo;
-      if (top.next < object.mMembers.size()) {
-        const Member* member = object.mMembers[top.next++];
-        member->mKeyTag = tables.keys.add(member->key());
-        child = &member->mValue;
+    node->prepareNode(tables);
+    if (node->mType == TYPE_ARRAY || node->mType == TYPE_OBJECT) {
+      if (depth == VKT_MAX_DEPTH) return false;
+      open[depth++] = Open{node, 0, before};
+      if (depth > tables.deepest) tables.deepest = depth;
+    }
+    node = nullptr;
+    while (node == nullptr && depth != 0) {
+      Open& top = open[depth - 1];
+      if (top.node->mType == TYPE_ARRAY) {
+        const ArrayInfo& array = *top.node->mArrayInfo;
+        while (top.next < array.size()) {
+          const VKTWriterValue& e = array.begin()[top.next++];
+          if (kVisited >> e.mType & 1) {
+            node = &e;  // interned or opened above
+            break;
+          }
+          tables.sizeHint += kSizeHint[e.mType];
+        }
+        if (node != nullptr) break;
+        array.mSizeHint = clamp_u32(tables.sizeHint - top.before);
+      } else {
+        const ObjectInfo& object = *top.node->mObjectInfo;
+        if (top.next < object.mMembers.size()) {
+          const Member* member = object.mMembers[top.next++];
+          member->mKeyTag = tables.keys.add(member->key());
+          node = &member->mValue;
+          break;
+        }
+        object.mSizeHint = clamp_u32(tables.sizeHint - top.before);
       }
+      --depth;
     }
-    if (child != nullptr) {
-      if (!visit(*child)) return false;
-      continue;
-    }
-    const vkt_u32 hint = clamp_u32(tables.sizeHint - top.before);
-    if (top.node->mType == TYPE_ARRAY) {
-      top.node->mArrayInfo->mSizeHint = hint;
-    } else {
-      top.node->mObjectInfo->mSizeHint = hint;
-    }
-    open.pop_back();
+    if (node == nullptr) return true;
   }
-  return true;
 }
 
 void VKTWriterValue::createImage(VKTWriterObject::Tables& tables,
@@ -153,7 +162,7 @@ void VKTWriterValue::createImage(VKTWriterObject::Tables& tables,
       const bool isArray = mType == TYPE_ARRAY;
       const size_t count =
           isArray ? mArrayInfo->size() : mObjectInfo->mMembers.size();
-      VKTWriterObject::Tables::Level& level = tables.level(tables.depth);
+      VKTWriterObject::Tables::Level& level = tables.levels[tables.depth];
       level.keys.clear();
       level.offsets.clear();
       if (!isArray) {

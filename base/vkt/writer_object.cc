@@ -199,6 +199,7 @@ bool VKTWriterObject::assemble(const VKTWriterValue& root, VKTWriteStream* sink,
     return false;
   }
   tables.number();
+  tables.levels.resize(tables.deepest);
 
   const EntityLayout streams = layout_entity(tables.streams);
   const EntityLayout bstreams = layout_entity(tables.bstreams);

@@ -8,7 +8,6 @@
 #define VKT_WRITER_TABLES_H_
 
 #include <algorithm>
-#include <deque>
 #include <string_view>
 #include <vector>
 
@@ -187,26 +186,23 @@ struct VKTWriterObject::Tables {
     bstreams.number();
   }
 
-  // Scratch space of one container depth; a deque keeps a level's address
-  // while deeper levels are added.
+  // Scratch space of one container depth, one per depth that prepare saw
+  // (levels is sized once, so a level keeps its address).
   struct Level {
     std::vector<vkt_u32> keys;
     std::vector<vkt_u32> offsets;
     SiblingImages siblings;
   };
-  Level& level(size_t depth) {
-    while (levels.size() <= depth) levels.emplace_back();
-    return levels[depth];
-  }
 
   Interner<std::string_view, TextTraits> keys;
   Interner<std::string_view, TextTraits> strings;
   Interner<StreamEntry, StreamTraits> streams;
   Interner<StreamEntry, StreamTraits> bstreams;
   const bool optimize;  // share equal element images within a container
-  std::deque<Level> levels;
+  std::vector<Level> levels;
   // Set once the root value passes kMaxImageSize; the walk then stops.
   bool tooLarge = false;
+  size_t deepest = 0;   // containers open at once, at most, as prepare saw
   size_t depth = 0;     // of the container being written
   size_t sizeHint = 0;  // the root value's likely size, summed by prepare
 };
