@@ -1050,7 +1050,13 @@ class VKTWriterValue {
   // nests deeper than VKT_MAX_DEPTH.
   bool prepare(VKTWriterObject::Tables& tables) const;
   void prepareNode(VKTWriterObject::Tables& tables) const;
-  void createImage(VKTWriterObject::Tables& tables, vkt_binary* image) const;
+  // Appends the node's encoded value to the tables' value buffer.
+  void createImage(VKTWriterObject::Tables& tables) const;
+  void createContainerImage(VKTWriterObject::Tables& tables) const;
+  // Encodes a node that is no container into out[0 ..
+  // SCALAR_BUFFER_SIZE); answers the size of its image.
+  vkt_u32 encodeScalar(const VKTWriterObject::Tables& tables,
+                       vkt_u8* out) const;
 
   vkt_u32 mType;
   union {

@@ -23,16 +23,9 @@ namespace {
 const vkt_u8 kSizeHint[] = {0, 1, 1, 5, 9, 0, 0, 3, 3, 0, 5, 9, 0, 0};
 static_assert(sizeof(kSizeHint) == TYPE_OBJECT + 1, "one entry per type");
 
-// Makes room for `more` bytes. The buffer starts at the size prepare noted,
-// which is seldom far off, so it grows by halves rather than doubling.
-void room_for(vkt_binary* image, size_t more) {
-  const size_t need = image->size() + more;
-  if (need > image->capacity()) image->reserve(need + image->capacity() / 2);
-}
-
 // Types that prepareNode does more for than add their size hint.
-const vkt_u32 kVisited =
-    1u << TYPE_STRING | 1u << TYPE_STREAM | 1u << TYPE_ARRAY | 1u << TYPE_OBJECT;
+const vkt_u32 kVisited = 1u << TYPE_STRING | 1u << TYPE_STREAM |
+                         1u << TYPE_ARRAY | 1u << TYPE_OBJECT;
 
 vkt_u32 clamp_u32(size_t n) {
   return n > 0xFFFFFFFFu ? 0xFFFFFFFFu : vkt_u32(n);
@@ -127,107 +120,117 @@ bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
   }
 }
 
-void VKTWriterValue::createImage(VKTWriterObject::Tables& tables,
-                                 vkt_binary* image) const {
-  vkt_u8 buf[SCALAR_BUFFER_SIZE];
+vkt_u32 VKTWriterValue::encodeScalar(const VKTWriterObject::Tables& tables,
+                                     vkt_u8* out) const {
   switch (mType) {
     case TYPE_BOOL:
-      buf[0] = mBoolValue ? ID_TRUE : ID_FALSE;
+      out[0] = mBoolValue ? ID_TRUE : ID_FALSE;
       break;
     case TYPE_INTEGER:
-      generate_integer(buf, mIntegerValue);
+      generate_integer(out, mIntegerValue);
       break;
     case TYPE_LONG_INTEGER:
-      generate_long_integer(buf, mLongIntegerValue);
+      generate_long_integer(out, mLongIntegerValue);
       break;
     case TYPE_SINGLE:
-      generate_single(buf, mFloatValue);
+      generate_single(out, mFloatValue);
       break;
     case TYPE_DOUBLE:
-      generate_double(buf, mDoubleValue);
+      generate_double(out, mDoubleValue);
       break;
     case TYPE_STRING:
-      generate_string(buf, tables.strings.tag(mStringInfo->mTag));
+      generate_string(out, tables.strings.tag(mStringInfo->mTag));
       break;
     case TYPE_STREAM:
       if (mStreamInfo->mStreamFlags & VKT_STREAM_FLAG_BOUND) {
-        generate_bstream(buf, tables.bstreams.tag(mStreamInfo->mTag));
+        generate_bstream(out, tables.bstreams.tag(mStreamInfo->mTag));
       } else {
-        generate_stream(buf, tables.streams.tag(mStreamInfo->mTag));
+        generate_stream(out, tables.streams.tag(mStreamInfo->mTag));
       }
       break;
-    case TYPE_ARRAY:
-    case TYPE_OBJECT: {
-      if (tables.tooLarge) return;
-      const bool isArray = mType == TYPE_ARRAY;
-      const size_t count =
-          isArray ? mArrayInfo->size() : mObjectInfo->mMembers.size();
-      VKTWriterObject::Tables::Level& level = tables.levels[tables.depth];
-      level.keys.clear();
-      level.offsets.clear();
-      if (!isArray) {
-        for (const Member* member : mObjectInfo->mMembers) {
-          level.keys.push_back(tables.keys.tag(member->mKeyTag));
-        }
-      }
-      if (tables.optimize) level.siblings.reset(count);
-      // Room for the head with offsets as wide as the size prepare noted
-      // asks; a wrong guess slides the entity area once at the end.
-      const vkt_u32 keysSize = isArray ? 0 : unsigned_array_size(level.keys);
-      const vkt_u32 start = vkt_u32(image->size());
-      const vkt_u32 hint =
-          isArray ? mArrayInfo->mSizeHint : mObjectInfo->mSizeHint;
-      const vkt_u32 reserved =
-          1 + keysSize +
-          unsigned_array_size(vkt_u32(count), unsigned_width(hint));
-      room_for(image, reserved);
-      image->resize(start + reserved);
-      const vkt_u32 entityStart = start + reserved;
-      ++tables.depth;
-      auto add = [&](const VKTWriterValue& element) {
-        if (tables.tooLarge) return;
-        const vkt_u32 begin = vkt_u32(image->size());
-        element.createImage(tables, image);
-        // Past 32-bit offsets: the walk winds down and the image is refused.
-        if (image->size() > kMaxImageSize) tables.tooLarge = true;
-        if (tables.tooLarge) return;
-        vkt_u32 offset = begin;
-        if (tables.optimize) {
-          offset = level.siblings.place(*image, begin, vkt_u32(image->size()));
-          if (offset != begin) image->resize(begin);  // stored before
-        }
-        level.offsets.push_back(offset - entityStart);
-      };
-      if (isArray) {
-        for (const VKTWriterValue& element : *mArrayInfo) {
-          add(element);
-        }
-      } else {
-        for (const Member* member : mObjectInfo->mMembers) add(member->mValue);
-      }
-      --tables.depth;
-      if (tables.tooLarge) return;
-      // ID | [key array] | offset array, in front of the entity area.
-      const vkt_u32 headSize =
-          1 + keysSize + unsigned_array_size(level.offsets);
-      if (headSize > reserved) {
-        room_for(image, headSize - reserved);
-        image->insert(image->begin() + entityStart, headSize - reserved, 0);
-      } else if (headSize < reserved) {
-        image->erase(image->begin() + start + headSize,
-                     image->begin() + entityStart);
-      }
-      vkt_u8* p = image->data() + start;
-      *p++ = isArray ? ID_ARRAY : ID_OBJECT;
-      if (!isArray) generate_unsigned_array(p, level.keys);
-      generate_unsigned_array(p + keysSize, level.offsets);
-      return;
-    }
     default:  // TYPE_NULL
-      buf[0] = ID_NULL;
+      out[0] = ID_NULL;
       break;
   }
-  const vkt_u32 size = get_value_size(buf);
-  room_for(image, size);
-  image->insert(image->end(), buf, buf + size);
+  return get_value_size(out);
+}
+
+void VKTWriterValue::createImage(VKTWriterObject::Tables& tables) const {
+  if (mType == TYPE_ARRAY || mType == TYPE_OBJECT) {
+    createContainerImage(tables);
+    return;
+  }
+  vkt_u8 buf[SCALAR_BUFFER_SIZE];
+  tables.value->append(buf, encodeScalar(tables, buf));
+}
+
+// The elements go into the entity area one after another. With sharing on,
+// a scalar is matched by its bytes as two words and a container by its
+// stretch of the buffer; the two never match each other (their first bytes
+// differ), so they are looked up apart.
+void VKTWriterValue::createContainerImage(
+    VKTWriterObject::Tables& tables) const {
+  if (tables.tooLarge) return;
+  ValueBuffer& out = *tables.value;
+  const bool isArray = mType == TYPE_ARRAY;
+  const size_t count =
+      isArray ? mArrayInfo->size() : mObjectInfo->mMembers.size();
+  VKTWriterObject::Tables::Level& level = tables.levels[tables.depth];
+  level.keys.clear();
+  level.offsets.clear();
+  if (!isArray) {
+    for (const Member* member : mObjectInfo->mMembers) {
+      level.keys.push_back(tables.keys.tag(member->mKeyTag));
+    }
+  }
+  if (tables.optimize) {
+    level.siblings.reset(count);
+    level.scalars.reset(count);
+  }
+  // Room for the head with offsets as wide as the size prepare noted asks;
+  // a wrong guess slides the entity area once at the end.
+  const vkt_u32 keysSize = isArray ? 0 : unsigned_array_size(level.keys);
+  const vkt_u32 start = vkt_u32(out.size());
+  const vkt_u32 hint = isArray ? mArrayInfo->mSizeHint : mObjectInfo->mSizeHint;
+  const vkt_u32 reserved =
+      1 + keysSize + unsigned_array_size(vkt_u32(count), unsigned_width(hint));
+  out.resize(start + reserved);
+  const vkt_u32 entityStart = start + reserved;
+  ++tables.depth;
+  auto add = [&](const VKTWriterValue& element) {
+    if (tables.tooLarge) return;
+    const vkt_u32 begin = vkt_u32(out.size());
+    vkt_u32 offset = begin;
+    if (element.mType == TYPE_ARRAY || element.mType == TYPE_OBJECT) {
+      element.createContainerImage(tables);
+      if (tables.optimize && !tables.tooLarge) {
+        offset = level.siblings.place(out.data(), begin, vkt_u32(out.size()));
+        if (offset != begin) out.resize(begin);  // stored before
+      }
+    } else {
+      vkt_u8 buf[SCALAR_BUFFER_SIZE] = {};
+      const vkt_u32 size = element.encodeScalar(tables, buf);
+      if (tables.optimize) offset = level.scalars.place(buf, size, begin);
+      if (offset == begin) out.append(buf, size);
+    }
+    // Past 32-bit offsets: the walk winds down and the image is refused.
+    if (out.size() > kMaxImageSize) tables.tooLarge = true;
+    level.offsets.push_back(offset - entityStart);
+  };
+  if (isArray) {
+    for (const VKTWriterValue& element : *mArrayInfo) add(element);
+  } else {
+    for (const Member* member : mObjectInfo->mMembers) add(member->mValue);
+  }
+  --tables.depth;
+  if (tables.tooLarge) return;
+  // ID | [key array] | offset array, in front of the entity area.
+  const vkt_u32 headSize = 1 + keysSize + unsigned_array_size(level.offsets);
+  if (headSize != reserved) {
+    out.slide(entityStart, std::ptrdiff_t(headSize) - std::ptrdiff_t(reserved));
+  }
+  vkt_u8* p = out.data() + start;
+  *p++ = isArray ? ID_ARRAY : ID_OBJECT;
+  if (!isArray) generate_unsigned_array(p, level.keys);
+  generate_unsigned_array(p + keysSize, level.offsets);
 }

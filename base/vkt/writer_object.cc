@@ -239,7 +239,12 @@ bool VKTWriterObject::assemble(const VKTWriterValue& root, VKTWriteStream* sink,
                 8 * (streams.sizes.size() + bstreams.sizes.size()) + 64;
   }
   if (expected <= kMaxImageSize) image.reserve(expected);
-  if (image.size() <= kMaxImageSize) root.createImage(tables, &image);
+  if (image.size() <= kMaxImageSize) {
+    ValueBuffer value(&image);
+    tables.value = &value;
+    root.createImage(tables);
+    value.finish();
+  }
   const vkt_u64 rootSize = image.size() - headerSize - keySize;
 
   back.stringOffsets = create_unsigned_array(stringOffsets);

@@ -114,6 +114,54 @@ struct StreamTraits {
   }
 };
 
+// The bytes of the root value as the encoding walk builds them: a vector
+// kept at its full size with the bytes in use counted apart, so an append
+// is a plain copy; trimmed to the bytes in use by finish().
+class ValueBuffer {
+ public:
+  explicit ValueBuffer(vkt_binary* bytes)
+      : mBytes(bytes), mUsed(bytes->size()) {}
+  size_t size() const { return mUsed; }
+  vkt_u8* data() { return mBytes->data(); }
+  // Room for `more` bytes behind those in use; answers where they go.
+  vkt_u8* room(size_t more) {
+    if (mUsed + more > mBytes->size()) grow(mUsed + more);
+    return mBytes->data() + mUsed;
+  }
+  void append(const vkt_u8* p, size_t n) {
+    std::memcpy(room(n), p, n);
+    mUsed += n;
+  }
+  // Drops the bytes from `size` on, or adds zero bytes up to it.
+  void resize(size_t size) {
+    if (size > mUsed) std::memset(room(size - mUsed), 0, size - mUsed);
+    mUsed = size;
+  }
+  // Moves the bytes from `pos` on by `n`: zero bytes open at `pos` for a
+  // positive n, the n bytes in front of `pos` close for a negative one.
+  void slide(size_t pos, std::ptrdiff_t n) {
+    if (n > 0) room(size_t(n));
+    vkt_u8* p = mBytes->data();
+    std::memmove(p + pos + n, p + pos, mUsed - pos);
+    if (n > 0) std::memset(p + pos, 0, size_t(n));
+    mUsed += n;
+  }
+  void finish() { mBytes->resize(mUsed); }
+
+ private:
+  // The buffer starts with the capacity prepare's size hint asks, which is
+  // seldom far off, so it first fills that and then grows by halves.
+  void grow(size_t need) {
+    const size_t capacity = mBytes->capacity();
+    size_t size =
+        capacity > mBytes->size() ? capacity : capacity + capacity / 2;
+    if (size < need) size = need;
+    mBytes->resize(size);
+  }
+  vkt_binary* mBytes;
+  size_t mUsed;
+};
+
 // The element images of the container being written at one depth, each
 // stored once: an entry names a stretch of the value buffer by offset and
 // length, so an image is compared where it lies and never copied.
@@ -132,8 +180,7 @@ class SiblingImages {
 
   // The image just written at [begin, end) of `buffer`: answers the offset
   // of an equal image stored before, or `begin` when it is new.
-  vkt_u32 place(const vkt_binary& buffer, vkt_u32 begin, vkt_u32 end) {
-    const vkt_u8* p = buffer.data();
+  vkt_u32 place(const vkt_u8* p, vkt_u32 begin, vkt_u32 end) {
     Stretch image{begin, end - begin, 0};
     if (mSlots.empty()) {  // a few images: compare them, no hash needed
       for (const Stretch& s : mStretches) {
@@ -175,6 +222,66 @@ class SiblingImages {
   std::vector<Stretch> mStretches;
 };
 
+// The scalar element images of the container being written at one depth,
+// each stored once. A scalar's image fits SCALAR_BUFFER_SIZE bytes and is
+// its own key: its bytes as two words, zero past its end, so equal keys are
+// equal images and no bytes are compared. The caller zeroes the buffer that
+// it encodes a scalar into.
+class ScalarImages {
+ public:
+  // Starts a container of at most `count` elements, scanned when small.
+  void reset(size_t count) {
+    mImages.clear();
+    mSlots.clear();
+    if (count <= kScanUpTo) return;
+    size_t slots = 2 * kScanUpTo;
+    while (slots < count * 2) slots *= 2;
+    mSlots.assign(slots, 0);
+  }
+
+  // The `size` bytes of an image that would go at `begin`: answers the
+  // offset of an equal image stored before, or `begin` when it is new.
+  vkt_u32 place(const vkt_u8* bytes, vkt_u32 size, vkt_u32 begin) {
+    static_assert(SCALAR_BUFFER_SIZE == 16, "two words hold a scalar");
+    (void)size;  // the id byte fixes it, and the bytes past it are zero
+    Image image{0, 0, begin};
+    std::memcpy(&image.low, bytes, 8);
+    std::memcpy(&image.high, bytes + 8, 8);
+    if (!mSlots.empty()) return placeHashed(image);
+    for (const Image& s : mImages) {
+      if (s.low == image.low && s.high == image.high) return s.offset;
+    }
+    mImages.push_back(image);
+    return begin;
+  }
+
+ private:
+  static const size_t kScanUpTo = 8;
+  struct Image {
+    vkt_u64 low, high;
+    vkt_u32 offset;
+  };
+
+  vkt_u32 placeHashed(const Image& image) {
+    vkt_u64 h = (image.low ^ image.high * 0xC2B2AE3D27D4EB4Full) *
+                0x9E3779B97F4A7C15ull;
+    h ^= h >> 32;
+    const size_t mask = mSlots.size() - 1;
+    for (size_t i = size_t(h) & mask;; i = (i + 1) & mask) {
+      const vkt_u32 slot = mSlots[i];
+      if (slot == 0) {
+        mImages.push_back(image);
+        mSlots[i] = vkt_u32(mImages.size());
+        return image.offset;
+      }
+      const Image& s = mImages[slot - 1];
+      if (s.low == image.low && s.high == image.high) return s.offset;
+    }
+  }
+  std::vector<vkt_u32> mSlots;  // image index + 1, 0 for a free slot
+  std::vector<Image> mImages;
+};
+
 struct VKTWriterObject::Tables {
   explicit Tables(bool optimize) : optimize(optimize) {}
 
@@ -191,7 +298,8 @@ struct VKTWriterObject::Tables {
   struct Level {
     std::vector<vkt_u32> keys;
     std::vector<vkt_u32> offsets;
-    SiblingImages siblings;
+    SiblingImages siblings;  // containers
+    ScalarImages scalars;
   };
 
   Interner<std::string_view, TextTraits> keys;
@@ -200,6 +308,7 @@ struct VKTWriterObject::Tables {
   Interner<StreamEntry, StreamTraits> bstreams;
   const bool optimize;  // share equal element images within a container
   std::vector<Level> levels;
+  ValueBuffer* value = nullptr;  // the encoding walk's output
   // Set once the root value passes kMaxImageSize; the walk then stops.
   bool tooLarge = false;
   size_t deepest = 0;   // containers open at once, at most, as prepare saw
