@@ -14,6 +14,7 @@
 #define VKT_WRITER_BLOCKS_H_
 
 #include <cstring>
+#include <new>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -87,7 +88,9 @@ struct VKTWriterValue::ArrayInfo {
   ArrayInfo(const ArrayInfo&) = delete;
   ArrayInfo& operator=(const ArrayInfo&) = delete;
   ~ArrayInfo() {
-    if (mData != mInline) delete[] mData;
+    if (mData == mInline) return;
+    for (vkt_u32 i = 0; i < mCapacity; ++i) mData[i].~VKTWriterValue();
+    ::operator delete(mData);
   }
 
   const VKTWriterValue* begin() const { return mData; }
@@ -100,12 +103,19 @@ struct VKTWriterValue::ArrayInfo {
     if (count > mCapacity) {
       size_t capacity = 2 * size_t(mCapacity);
       if (capacity < count) capacity = count;
-      VKTWriterValue* data = new VKTWriterValue[capacity];
-      for (vkt_u32 i = 0; i < mSize; ++i) {
-        data[i].share(mData[i]);  // hands the reference over
-        mData[i].clear();
+      // A node is a kind and a pointer or scalar: moving its bytes moves
+      // its reference, and the old slots are then left without destruction
+      // (the inline ones are made null for their own destructors).
+      VKTWriterValue* data = static_cast<VKTWriterValue*>(
+          ::operator new(capacity * sizeof(VKTWriterValue)));
+      std::memcpy(static_cast<void*>(data), static_cast<void*>(mData),
+                  mSize * sizeof(VKTWriterValue));
+      for (size_t i = mSize; i < capacity; ++i) new (&data[i]) VKTWriterValue;
+      if (mData != mInline) {
+        ::operator delete(mData);
+      } else {
+        for (VKTWriterValue& v : mInline) new (&v) VKTWriterValue;
       }
-      if (mData != mInline) delete[] mData;
       mData = data;
       mCapacity = vkt_u32(capacity);
     }

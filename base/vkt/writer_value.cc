@@ -91,30 +91,41 @@ void VKTWriterValue::clear() {
 }
 
 void VKTWriterValue::releaseContainer() {
-  // Blocks whose last reference is gone, not yet deleted. Before a block
-  // goes, each container element drops its reference here and is made null,
-  // so the block's own destructor never reaches a container and the call
-  // stack stays flat whatever the depth.
+  // Blocks whose last reference is gone, not yet deleted: a few on the call
+  // stack, more in a vector. Before a block goes, each container element
+  // drops its reference here and is made null, so the block's own
+  // destructor never reaches a container and the call stack stays flat
+  // whatever the depth.
   struct Dying {
     bool isArray;
     void* block;
   };
-  std::vector<Dying> dying;
-  auto detach = [&dying](VKTWriterValue& node) {
+  Dying few[16];
+  size_t fewCount = 0;
+  std::vector<Dying> more;
+  auto detach = [&](VKTWriterValue& node) {
     const bool isArray = node.mType == TYPE_ARRAY;
     if (!isArray && node.mType != TYPE_OBJECT) return;
     void* block = isArray ? static_cast<void*>(node.mArrayInfo)
                           : static_cast<void*>(node.mObjectInfo);
     if (--(isArray ? node.mArrayInfo->mRefCount : node.mObjectInfo->mRefCount) <
         1) {
-      dying.push_back(Dying{isArray, block});
+      if (fewCount < 16) {
+        few[fewCount++] = Dying{isArray, block};
+      } else {
+        more.push_back(Dying{isArray, block});
+      }
     }
     node.mType = TYPE_NULL;
   };
   detach(*this);
-  while (!dying.empty()) {
-    const Dying d = dying.back();
-    dying.pop_back();
+  while (fewCount != 0) {
+    Dying d = few[--fewCount];
+    if (!more.empty()) {  // the vector's first, so `few` keeps room
+      few[fewCount++] = d;
+      d = more.back();
+      more.pop_back();
+    }
     if (d.isArray) {
       ArrayInfo* block = static_cast<ArrayInfo*>(d.block);
       for (vkt_u32 i = 0; i < block->mSize; ++i) detach(block->mData[i]);
