@@ -91,16 +91,18 @@ void VKTWriterValue::clear() {
 }
 
 void VKTWriterValue::releaseContainer() {
-  // Blocks whose last reference is gone, not yet deleted: a few on the call
-  // stack, more in a vector. Before a block goes, each container element
-  // drops its reference here and is made null, so the block's own
-  // destructor never reaches a container and the call stack stays flat
-  // whatever the depth.
+  // A walk in element order over the blocks whose last reference is gone,
+  // as a recursive delete would take them, with its stack on the heap past
+  // a few levels. Each container element drops its reference and is made
+  // null before its block goes, so the block's own destructor never
+  // reaches a container and the call stack stays flat whatever the depth.
   struct Dying {
     bool isArray;
     void* block;
+    size_t next;  // index of the next element to look at
   };
-  Dying few[16];
+  const size_t kFew = 16;
+  Dying few[kFew];
   size_t fewCount = 0;
   std::vector<Dying> more;
   auto detach = [&](VKTWriterValue& node) {
@@ -108,32 +110,42 @@ void VKTWriterValue::releaseContainer() {
     if (!isArray && node.mType != TYPE_OBJECT) return;
     void* block = isArray ? static_cast<void*>(node.mArrayInfo)
                           : static_cast<void*>(node.mObjectInfo);
-    if (--(isArray ? node.mArrayInfo->mRefCount : node.mObjectInfo->mRefCount) <
-        1) {
-      if (fewCount < 16) {
-        few[fewCount++] = Dying{isArray, block};
-      } else {
-        more.push_back(Dying{isArray, block});
-      }
-    }
     node.mType = TYPE_NULL;
+    if (--(isArray ? static_cast<ArrayInfo*>(block)->mRefCount
+                   : static_cast<ObjectInfo*>(block)->mRefCount) > 0) {
+      return;
+    }
+    if (fewCount < kFew) {
+      few[fewCount++] = Dying{isArray, block, 0};
+    } else {
+      more.push_back(Dying{isArray, block, 0});
+    }
   };
   detach(*this);
   while (fewCount != 0) {
-    Dying d = few[--fewCount];
-    if (!more.empty()) {  // the vector's first, so `few` keeps room
-      few[fewCount++] = d;
-      d = more.back();
-      more.pop_back();
-    }
-    if (d.isArray) {
-      ArrayInfo* block = static_cast<ArrayInfo*>(d.block);
-      for (vkt_u32 i = 0; i < block->mSize; ++i) detach(block->mData[i]);
-      delete block;
+    Dying& top = more.empty() ? few[fewCount - 1] : more.back();
+    VKTWriterValue* child = nullptr;
+    if (top.isArray) {
+      ArrayInfo* block = static_cast<ArrayInfo*>(top.block);
+      if (top.next < block->mSize) {
+        child = &block->mData[top.next++];
+      } else {
+        delete block;
+      }
     } else {
-      ObjectInfo* block = static_cast<ObjectInfo*>(d.block);
-      for (Member* m : block->mMembers) detach(m->mValue);
-      delete block;
+      ObjectInfo* block = static_cast<ObjectInfo*>(top.block);
+      if (top.next < block->mMembers.size()) {
+        child = &block->mMembers[top.next++]->mValue;
+      } else {
+        delete block;
+      }
+    }
+    if (child != nullptr) {
+      detach(*child);
+    } else if (!more.empty()) {
+      more.pop_back();
+    } else {
+      --fewCount;
     }
   }
 }
