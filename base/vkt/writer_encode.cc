@@ -204,14 +204,17 @@ void VKTWriterValue::createContainerImage(
     if (element.mType == TYPE_ARRAY || element.mType == TYPE_OBJECT) {
       element.createContainerImage(tables);
       if (tables.optimize && !tables.tooLarge) {
-        offset = level.siblings.place(out.data(), begin, vkt_u32(out.size()));
+        offset = level.siblings.place({begin, vkt_u32(out.size()) - begin, 0},
+                                      out.data());
         if (offset != begin) out.resize(begin);  // stored before
       }
     } else {
       vkt_u8 buf[SCALAR_BUFFER_SIZE] = {};
       const vkt_u32 size = element.encodeScalar(tables, buf);
-      if (tables.optimize) offset = level.scalars.place(buf, size, begin);
-      if (offset == begin) out.append(buf, size);
+      if (tables.optimize) {
+        offset = level.scalars.place(ScalarTraits::of(buf, begin), nullptr);
+      }
+      if (offset == begin) out.appendScalar(buf, size);
     }
     // Past 32-bit offsets: the walk winds down and the image is refused.
     if (out.size() > kMaxImageSize) tables.tooLarge = true;

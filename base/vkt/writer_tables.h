@@ -16,6 +16,61 @@
 // The largest image that 32-bit offsets and sizes address.
 const vkt_u64 kMaxImageSize = 0xFFFFFFFF;
 
+// An open-addressing index over entries kept in a vector elsewhere: a slot
+// holds an entry's index + 1, 0 when free; linear probing over a power of
+// two slots, at least twice the entries. One kind serves every lookup of
+// the writer; the owner keeps the entries and their hashes.
+class OpenIndex {
+ public:
+  bool empty() const { return mSlots.empty(); }
+  void clear() {
+    mSlots.clear();
+    mCount = 0;
+  }
+  // Room for `count` entries without growing; the index must be empty.
+  void reserve(size_t count) {
+    size_t slots = 64;
+    while (slots < count * 2) slots *= 2;
+    mSlots.assign(slots, 0);
+  }
+
+  // Among the entries of hash `h`, the index of the one that same(index)
+  // accepts; when there is none, `next` (the index the caller's next entry
+  // will have) is recorded and answered. hashOf(index) gives an entry's
+  // hash when the slots grow.
+  template <typename Same, typename HashOf>
+  vkt_u32 findOrAdd(vkt_u64 h, vkt_u32 next, Same same, HashOf hashOf) {
+    if ((mCount + 1) * 2 > mSlots.size()) grow(hashOf);
+    const size_t mask = mSlots.size() - 1;
+    for (size_t i = size_t(h) & mask;; i = (i + 1) & mask) {
+      const vkt_u32 slot = mSlots[i];
+      if (slot == 0) {
+        mSlots[i] = next + 1;
+        ++mCount;
+        return next;
+      }
+      if (same(slot - 1)) return slot - 1;
+    }
+  }
+
+ private:
+  template <typename HashOf>
+  void grow(HashOf hashOf) {
+    std::vector<vkt_u32> old(mSlots.empty() ? 64 : mSlots.size() * 2, 0);
+    old.swap(mSlots);
+    const size_t mask = mSlots.size() - 1;
+    for (const vkt_u32 slot : old) {
+      if (slot == 0) continue;
+      size_t i = size_t(hashOf(slot - 1)) & mask;
+      while (mSlots[i] != 0) i = (i + 1) & mask;
+      mSlots[i] = slot;
+    }
+  }
+
+  std::vector<vkt_u32> mSlots;
+  size_t mCount = 0;
+};
+
 // Distinct entries in first-seen order, found by hash; after number(), the
 // ids in table order and each id's place in it. Traits gives hash(e),
 // equal(a, b) and less(a, b), the table order.
@@ -23,21 +78,19 @@ template <typename Entry, typename Traits>
 class Interner {
  public:
   vkt_u32 add(const Entry& e) {
-    if ((mEntries.size() + 1) * 2 > mSlots.size()) grow();
     const vkt_u64 h = Traits::hash(e);
-    const size_t mask = mSlots.size() - 1;
-    for (size_t i = size_t(h) & mask;; i = (i + 1) & mask) {
-      const vkt_u32 slot = mSlots[i];
-      if (slot == 0) {
-        mEntries.push_back(e);
-        mHashes.push_back(h);
-        mSlots[i] = vkt_u32(mEntries.size());
-        return mSlots[i] - 1;
-      }
-      if (mHashes[slot - 1] == h && Traits::equal(mEntries[slot - 1], e)) {
-        return slot - 1;
-      }
+    const vkt_u32 next = vkt_u32(mEntries.size());
+    const vkt_u32 id = mIndex.findOrAdd(
+        h, next,
+        [&](vkt_u32 i) {
+          return mHashes[i] == h && Traits::equal(mEntries[i], e);
+        },
+        [this](vkt_u32 i) { return mHashes[i]; });
+    if (id == next) {
+      mEntries.push_back(e);
+      mHashes.push_back(h);
     }
+    return id;
   }
 
   // Sorts once; after this tag(id) is the entry's place in table order.
@@ -57,19 +110,9 @@ class Interner {
   const Entry& sorted(size_t index) const { return mEntries[mOrder[index]]; }
 
  private:
-  void grow() {
-    mSlots.assign(mSlots.empty() ? 64 : mSlots.size() * 2, 0);
-    const size_t mask = mSlots.size() - 1;
-    for (vkt_u32 id = 0; id < mEntries.size(); ++id) {
-      size_t i = size_t(mHashes[id]) & mask;
-      while (mSlots[i] != 0) i = (i + 1) & mask;
-      mSlots[i] = id + 1;
-    }
-  }
-
   std::vector<Entry> mEntries;
   std::vector<vkt_u64> mHashes;
-  std::vector<vkt_u32> mSlots;  // id + 1, 0 for a free slot
+  OpenIndex mIndex;
   std::vector<vkt_u32> mOrder;
   std::vector<vkt_u32> mRank;
 };
@@ -132,6 +175,12 @@ class ValueBuffer {
     std::memcpy(room(n), p, n);
     mUsed += n;
   }
+  // The `n` bytes of a scalar's image at the front of `buf`, copied whole
+  // (the bytes past n land behind the ones in use and stay unused).
+  void appendScalar(const vkt_u8 (&buf)[SCALAR_BUFFER_SIZE], size_t n) {
+    std::memcpy(room(SCALAR_BUFFER_SIZE), buf, SCALAR_BUFFER_SIZE);
+    mUsed += n;
+  }
   // Drops the bytes from `size` on, or adds zero bytes up to it.
   void resize(size_t size) {
     if (size > mUsed) std::memset(room(size - mUsed), 0, size - mUsed);
@@ -163,123 +212,108 @@ class ValueBuffer {
 };
 
 // The element images of the container being written at one depth, each
-// stored once: an entry names a stretch of the value buffer by offset and
-// length, so an image is compared where it lies and never copied.
-class SiblingImages {
+// stored once; Traits says what an image is (Image, with its `offset`), how
+// it hashes and when two are equal. The first few are compared one by one;
+// past kScanUpTo they go into a hash index, which grows with them.
+template <typename Traits>
+class SiblingSet {
  public:
-  // Starts a container of at most `count` elements. A small one is
-  // searched by a scan of the hashes, a larger one through a hash table.
+  typedef typename Traits::Image Image;
+
+  // Starts a container of `count` elements.
   void reset(size_t count) {
-    mStretches.clear();
-    mSlots.clear();
-    if (count <= kScanUpTo) return;
-    size_t slots = 2 * kScanUpTo;
-    while (slots < count * 2) slots *= 2;
-    mSlots.assign(slots, 0);
+    mImages.clear();
+    mIndex.clear();
+    mCount = count;
   }
 
-  // The image just written at [begin, end) of `buffer`: answers the offset
-  // of an equal image stored before, or `begin` when it is new.
-  vkt_u32 place(const vkt_u8* p, vkt_u32 begin, vkt_u32 end) {
-    Stretch image{begin, end - begin, 0};
-    if (mSlots.empty()) {  // a few images: compare them, no hash needed
-      for (const Stretch& s : mStretches) {
-        if (s.length == image.length &&
-            std::memcmp(p + s.offset, p + begin, s.length) == 0) {
-          return s.offset;
-        }
-      }
-      mStretches.push_back(image);
-      return begin;
+  // A new element's image: answers the offset of an equal image stored
+  // before, or the image's own offset when it is new.
+  vkt_u32 place(const Image& image, const vkt_u8* buffer) {
+    if (!mIndex.empty() || mImages.size() == kScanUpTo) {
+      return placeHashed(image, buffer);
     }
-    image.hash = hash_bytes(p + begin, image.length);
-    const size_t mask = mSlots.size() - 1;
-    for (size_t i = size_t(image.hash) & mask;; i = (i + 1) & mask) {
-      const vkt_u32 slot = mSlots[i];
-      if (slot == 0) {
-        mStretches.push_back(image);
-        mSlots[i] = vkt_u32(mStretches.size());
-        return begin;
-      }
-      if (equal(p, mStretches[slot - 1], image)) {
-        return mStretches[slot - 1].offset;
-      }
+    for (const Image& s : mImages) {
+      if (Traits::equal(s, image, buffer)) return s.offset;
     }
+    mImages.push_back(image);
+    return image.offset;
   }
 
  private:
   static const size_t kScanUpTo = 8;
-  struct Stretch {
+
+  vkt_u32 placeHashed(const Image& image, const vkt_u8* buffer) {
+    if (mIndex.empty()) {  // from scanning to the index
+      mIndex.reserve(mCount);
+      for (vkt_u32 i = 0; i < mImages.size(); ++i) {
+        mImages[i].hash = Traits::hash(mImages[i], buffer);
+        mIndex.findOrAdd(
+            mImages[i].hash, i, [](vkt_u32) { return false; },
+            [this](vkt_u32 j) { return mImages[j].hash; });
+      }
+    }
+    Image hashed = image;
+    hashed.hash = Traits::hash(image, buffer);
+    const vkt_u32 next = vkt_u32(mImages.size());
+    const vkt_u32 found = mIndex.findOrAdd(
+        hashed.hash, next,
+        [&](vkt_u32 i) {
+          return mImages[i].hash == hashed.hash &&
+                 Traits::equal(mImages[i], hashed, buffer);
+        },
+        [this](vkt_u32 i) { return mImages[i].hash; });
+    if (found != next) return mImages[found].offset;
+    mImages.push_back(hashed);
+    return hashed.offset;
+  }
+
+  std::vector<Image> mImages;
+  OpenIndex mIndex;
+  size_t mCount = 0;  // elements of the container
+};
+
+// A container's image: a stretch of the value buffer named by offset and
+// length, compared where it lies and never copied.
+struct StretchTraits {
+  struct Image {
     vkt_u32 offset;
     vkt_u32 length;
     vkt_u64 hash;
   };
-  static bool equal(const vkt_u8* p, const Stretch& a, const Stretch& b) {
-    return a.hash == b.hash && a.length == b.length &&
+  static vkt_u64 hash(const Image& a, const vkt_u8* p) {
+    return hash_bytes(p + a.offset, a.length);
+  }
+  static bool equal(const Image& a, const Image& b, const vkt_u8* p) {
+    return a.length == b.length &&
            std::memcmp(p + a.offset, p + b.offset, a.length) == 0;
   }
-  std::vector<vkt_u32> mSlots;  // stretch index + 1, 0 for a free slot
-  std::vector<Stretch> mStretches;
 };
 
-// The scalar element images of the container being written at one depth,
-// each stored once. A scalar's image fits SCALAR_BUFFER_SIZE bytes and is
-// its own key: its bytes as two words, zero past its end, so equal keys are
-// equal images and no bytes are compared. The caller zeroes the buffer that
-// it encodes a scalar into.
-class ScalarImages {
- public:
-  // Starts a container of at most `count` elements, scanned when small.
-  void reset(size_t count) {
-    mImages.clear();
-    mSlots.clear();
-    if (count <= kScanUpTo) return;
-    size_t slots = 2 * kScanUpTo;
-    while (slots < count * 2) slots *= 2;
-    mSlots.assign(slots, 0);
-  }
-
-  // The `size` bytes of an image that would go at `begin`: answers the
-  // offset of an equal image stored before, or `begin` when it is new.
-  vkt_u32 place(const vkt_u8* bytes, vkt_u32 size, vkt_u32 begin) {
-    static_assert(SCALAR_BUFFER_SIZE == 16, "two words hold a scalar");
-    (void)size;  // the id byte fixes it, and the bytes past it are zero
-    Image image{0, 0, begin};
-    std::memcpy(&image.low, bytes, 8);
-    std::memcpy(&image.high, bytes + 8, 8);
-    if (!mSlots.empty()) return placeHashed(image);
-    for (const Image& s : mImages) {
-      if (s.low == image.low && s.high == image.high) return s.offset;
-    }
-    mImages.push_back(image);
-    return begin;
-  }
-
- private:
-  static const size_t kScanUpTo = 8;
+// A scalar's image fits SCALAR_BUFFER_SIZE bytes and is its own key: its
+// bytes as two words, zero past its end (the caller zeroes the buffer it
+// encodes into), so equal words are equal images and no bytes are compared.
+struct ScalarTraits {
   struct Image {
     vkt_u64 low, high;
     vkt_u32 offset;
+    vkt_u64 hash;
   };
-
-  vkt_u32 placeHashed(const Image& image) {
-    vkt_u64 h = (image.low ^ image.high * 0xC2B2AE3D27D4EB4Full) *
-                0x9E3779B97F4A7C15ull;
-    h ^= h >> 32;
-    const size_t mask = mSlots.size() - 1;
-    for (size_t i = size_t(h) & mask;; i = (i + 1) & mask) {
-      const vkt_u32 slot = mSlots[i];
-      if (slot == 0) {
-        mImages.push_back(image);
-        mSlots[i] = vkt_u32(mImages.size());
-        return image.offset;
-      }
-      const Image& s = mImages[slot - 1];
-      if (s.low == image.low && s.high == image.high) return s.offset;
-    }
+  static Image of(const vkt_u8 (&buf)[SCALAR_BUFFER_SIZE], vkt_u32 offset) {
+    static_assert(SCALAR_BUFFER_SIZE == 16, "two words hold a scalar");
+    Image image{0, 0, offset, 0};
+    std::memcpy(&image.low, buf, 8);
+    std::memcpy(&image.high, buf + 8, 8);
+    return image;
   }
-  std::vector<vkt_u32> mSlots;  // image index + 1, 0 for a free slot
-  std::vector<Image> mImages;
+  static vkt_u64 hash(const Image& a, const vkt_u8*) {
+    vkt_u64 h =
+        (a.low ^ a.high * 0xC2B2AE3D27D4EB4Full) * 0x9E3779B97F4A7C15ull;
+    return h ^ (h >> 32);
+  }
+  static bool equal(const Image& a, const Image& b, const vkt_u8*) {
+    return a.low == b.low && a.high == b.high;
+  }
 };
 
 struct VKTWriterObject::Tables {
@@ -298,8 +332,8 @@ struct VKTWriterObject::Tables {
   struct Level {
     std::vector<vkt_u32> keys;
     std::vector<vkt_u32> offsets;
-    SiblingImages siblings;  // containers
-    ScalarImages scalars;
+    SiblingSet<StretchTraits> siblings;  // containers
+    SiblingSet<ScalarTraits> scalars;
   };
 
   Interner<std::string_view, TextTraits> keys;
