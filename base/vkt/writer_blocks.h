@@ -21,9 +21,11 @@
 
 #include "vkt/format.h"
 
+namespace vkt_internal {
+
 // A 64-bit hash of n bytes, eight at a time. Only equality of hashes is
 // used (never their order), so the mixing just has to spread well.
-static inline vkt_u64 hash_bytes(const void* data, size_t n) {
+inline vkt_u64 hash_bytes(const void* data, size_t n) {
   const vkt_u64 kMul = 0x9E3779B97F4A7C15ull;
   const unsigned char* p = static_cast<const unsigned char*>(data);
   vkt_u64 h = n * kMul;
@@ -46,6 +48,8 @@ template <typename T>
 void* allocate_with_text(size_t textSize) {
   return ::operator new(sizeof(T) + textSize + 1);
 }
+
+}  // namespace vkt_internal
 
 struct VKTWriterValue::StringInfo {
   // The caller allocates with allocate_with_text<StringInfo>(text.size()).

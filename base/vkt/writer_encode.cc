@@ -15,6 +15,11 @@
 #include "vkt/packed_array.h"
 #include "vkt/writer_tables.h"
 
+using vkt_internal::kMaxImageSize;
+using vkt_internal::ScalarTraits;
+using vkt_internal::StreamEntry;
+using vkt_internal::ValueBuffer;
+
 namespace {
 
 // A likely size of each value's image by type, for reserving the value

@@ -18,6 +18,10 @@
 #include "vkt/streams.h"
 #include "vkt/writer_tables.h"
 
+using vkt_internal::kMaxImageSize;
+using vkt_internal::StreamEntry;
+using vkt_internal::ValueBuffer;
+
 namespace {
 
 const char* const kTooDeep = "tree nests deeper than 255";
@@ -162,6 +166,45 @@ void seal_header(vkt_u8* header, vkt_u32 version, vkt_u32 flags,
                        header_checksum(header, version));
 }
 
+// The structural sections of the front (key table, root value) and behind
+// it (string tables) go through the filter, one call per section in file
+// order; a reader covers all four in one.
+void filter_sections(VKTFilter* filter, vkt_u32 flags, vkt_u32 version,
+                     vkt_u8* header, vkt_binary* front, vkt_u32 headerSize,
+                     vkt_u64 keySize, BackSections* back) {
+  if (filter == nullptr) return;
+  if (flags & VKT_FLAGS_FILTER_HEADER) filter_header(filter, header, version);
+  if (!(flags & VKT_FLAGS_FILTER_INFO)) return;
+  filter->Filter(front->data() + headerSize, vkt_u32(keySize));
+  filter->Filter(front->data() + headerSize + keySize,
+                 vkt_u32(front->size() - headerSize - keySize));
+  for (vkt_binary* section : {&back->stringOffsets, &back->strings}) {
+    filter->Filter(section->data(), vkt_size(section->size()));
+  }
+}
+
+// Everything behind the front, from the string tables to the last stream
+// payload; `start` is where the image's first byte went in the sink.
+template <typename Table>
+void write_back(VKTWriteStream& writer, const BackSections& back,
+                const Table& bstreamTable, const EntityLayout& bstreams,
+                const Table& streamTable, const EntityLayout& streams,
+                bool ver4, vkt_u64 start,
+                const vkt_u64 offsets[SECTION_COUNT]) {
+  writer.Write(back.stringOffsets);
+  writer.Write(back.strings);
+  if (ver4) {
+    writer.Write(back.bstreamOffsets);
+    writer.Write(back.bstreamSizes);
+    write_entity(writer, bstreamTable, bstreams,
+                 vkt_u32(start + offsets[SECTION_BSTREAM_ENTITY]));
+  }
+  writer.Write(back.streamOffsets);
+  writer.Write(back.streamSizes);
+  write_entity(writer, streamTable, streams,
+               vkt_u32(start + offsets[SECTION_STREAM_ENTITY]));
+}
+
 }  // namespace
 
 VKTWriterObject::VKTWriterObject()
@@ -263,36 +306,13 @@ bool VKTWriterObject::assemble(const VKTWriterValue& root, VKTWriteStream* sink,
 
   vkt_u8 header[HEADER_SIZE];
   seal_header(header, version, flags, offsets);
-  if (structFilter != nullptr) {
-    if (flags & VKT_FLAGS_FILTER_HEADER) {
-      filter_header(structFilter, header, version);
-    }
-    if (flags & VKT_FLAGS_FILTER_INFO) {
-      // One call per section, in file order; a reader covers all four in one.
-      structFilter->Filter(image.data() + headerSize, vkt_u32(keySize));
-      structFilter->Filter(image.data() + headerSize + keySize,
-                           vkt_u32(rootSize));
-      for (vkt_binary* section : {&back.stringOffsets, &back.strings}) {
-        structFilter->Filter(section->data(), vkt_size(section->size()));
-      }
-    }
-  }
+  filter_sections(structFilter, flags, version, header, &image, headerSize,
+                  keySize, &back);
   std::memcpy(image.data(), header, headerSize);
 
   VKTBinaryWriteStream rest(image);
-  VKTWriteStream& writer = sink != nullptr ? *sink : rest;
   if (sink != nullptr) sink->Write(image);
-  writer.Write(back.stringOffsets);
-  writer.Write(back.strings);
-  if (ver4) {
-    writer.Write(back.bstreamOffsets);
-    writer.Write(back.bstreamSizes);
-    write_entity(writer, tables.bstreams, bstreams,
-                 vkt_u32(start + offsets[SECTION_BSTREAM_ENTITY]));
-  }
-  writer.Write(back.streamOffsets);
-  writer.Write(back.streamSizes);
-  write_entity(writer, tables.streams, streams,
-               vkt_u32(start + offsets[SECTION_STREAM_ENTITY]));
+  write_back(sink != nullptr ? *sink : rest, back, tables.bstreams, bstreams,
+             tables.streams, streams, ver4, start, offsets);
   return true;
 }

@@ -13,6 +13,8 @@
 
 #include "vkt/writer_blocks.h"
 
+namespace vkt_internal {
+
 // The largest image that 32-bit offsets and sizes address.
 const vkt_u64 kMaxImageSize = 0xFFFFFFFF;
 
@@ -316,7 +318,14 @@ struct ScalarTraits {
   }
 };
 
+}  // namespace vkt_internal
+
 struct VKTWriterObject::Tables {
+  typedef vkt_internal::Interner<std::string_view, vkt_internal::TextTraits>
+      TextTable;
+  typedef vkt_internal::Interner<vkt_internal::StreamEntry,
+                                 vkt_internal::StreamTraits>
+      StreamTable;
   explicit Tables(bool optimize) : optimize(optimize) {}
 
   // Sorts every table once all entries are in.
@@ -332,17 +341,17 @@ struct VKTWriterObject::Tables {
   struct Level {
     std::vector<vkt_u32> keys;
     std::vector<vkt_u32> offsets;
-    SiblingSet<StretchTraits> siblings;  // containers
-    SiblingSet<ScalarTraits> scalars;
+    vkt_internal::SiblingSet<vkt_internal::StretchTraits> siblings;
+    vkt_internal::SiblingSet<vkt_internal::ScalarTraits> scalars;
   };
 
-  Interner<std::string_view, TextTraits> keys;
-  Interner<std::string_view, TextTraits> strings;
-  Interner<StreamEntry, StreamTraits> streams;
-  Interner<StreamEntry, StreamTraits> bstreams;
+  TextTable keys;
+  TextTable strings;
+  StreamTable streams;
+  StreamTable bstreams;
   const bool optimize;  // share equal element images within a container
   std::vector<Level> levels;
-  ValueBuffer* value = nullptr;  // the encoding walk's output
+  vkt_internal::ValueBuffer* value = nullptr;  // the encoding walk's output
   // Set once the root value passes kMaxImageSize; the walk then stops.
   bool tooLarge = false;
   size_t deepest = 0;   // containers open at once, at most, as prepare saw

@@ -7,6 +7,9 @@
 
 #include "vkt/writer_blocks.h"
 
+using vkt_internal::allocate_with_text;
+using vkt_internal::hash_bytes;
+
 namespace {
 
 // Drops one reference; the last one deletes the block.
