@@ -891,9 +891,9 @@ class VKTWriterObject {
   // Why the last createImage or writeImage refused its tree, as static text,
   // or "" when it succeeded. A tree is refused when it nests deeper than
   // VKT_MAX_DEPTH ("tree nests deeper than 255") or when its image would
-  // pass what 32-bit offsets address, 4 GiB - 1 bytes counted from the
-  // writer's Offset 0 ("image larger than 4 GiB"). Both are found before a
-  // byte is written.
+  // pass what 32-bit offsets and sizes address: 4 GiB - 1 bytes, up to the
+  // last byte as the sink counts it ("image larger than 4 GiB"). Both are
+  // found before a byte is written or a stream payload read.
   const char* error() const { return mError; }
   // Share equal element images within each container (on by default).
   void setOptimize(bool state) { mOptimize = state; }
@@ -1053,8 +1053,8 @@ class VKTWriterValue {
   // Appends the node's encoded value to the tables' value buffer.
   void createImage(VKTWriterObject::Tables& tables) const;
   void createContainerImage(VKTWriterObject::Tables& tables) const;
-  // Encodes a node that is no container into out[0 ..
-  // SCALAR_BUFFER_SIZE); answers the size of its image.
+  // Encodes a node that is no container into out (16 bytes, of which the
+  // image takes at most 9); answers the size of its image.
   vkt_u32 encodeScalar(const VKTWriterObject::Tables& tables,
                        vkt_u8* out) const;
 

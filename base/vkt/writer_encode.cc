@@ -12,6 +12,10 @@
 // elements straight into the value buffer behind room for its head; the
 // offsets' width is known only at the end, and when it differs from the
 // guess the elements slide once.
+//
+// prepare keeps its own stack of open containers and refuses a tree deeper
+// than VKT_MAX_DEPTH, so createImage, which recurses once per container
+// level, runs only on trees it has bounded.
 #include "vkt/packed_array.h"
 #include "vkt/writer_tables.h"
 
@@ -113,7 +117,7 @@ bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
         const ObjectInfo& object = *top.node->mObjectInfo;
         if (top.next < object.mMembers.size()) {
           const Member* member = object.mMembers[top.next++];
-          member->mKeyTag = tables.keys.add(member->key());
+          member->mKeyTag = tables.keyAt(top.next - 1, member->key());
           node = &member->mValue;
           break;
         }

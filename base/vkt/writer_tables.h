@@ -328,6 +328,19 @@ struct VKTWriterObject::Tables {
       StreamTable;
   explicit Tables(bool optimize) : optimize(optimize) {}
 
+  // The id of a member's key, `position` its place in its object. Objects
+  // of one shape (records) repeat their keys place by place, so the last
+  // key seen at each place is tried before the table.
+  vkt_u32 keyAt(size_t position, std::string_view key) {
+    if (position >= kKeyPlaces) return keys.add(key);
+    KeyPlace& last = lastKeys[position];
+    if (last.key.data() == nullptr || last.key != key) {
+      last.key = key;
+      last.id = keys.add(key);
+    }
+    return last.id;
+  }
+
   // Sorts every table once all entries are in.
   void number() {
     keys.number();
@@ -346,6 +359,12 @@ struct VKTWriterObject::Tables {
   };
 
   TextTable keys;
+  struct KeyPlace {
+    std::string_view key;  // null before the first key at this place
+    vkt_u32 id;
+  };
+  static const size_t kKeyPlaces = 32;
+  KeyPlace lastKeys[kKeyPlaces] = {};
   TextTable strings;
   StreamTable streams;
   StreamTable bstreams;
