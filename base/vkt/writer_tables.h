@@ -75,7 +75,9 @@ class OpenIndex {
 
 // Distinct entries in first-seen order, found by hash; after number(), the
 // ids in table order and each id's place in it. Traits gives hash(e),
-// equal(a, b) and less(a, b), the table order.
+// equal(a, b), less(a, b), the table order, and prefix(e), a number whose
+// order agrees with it (a smaller prefix is a smaller entry), so that the
+// sort looks at the entries themselves only on equal prefixes.
 template <typename Entry, typename Traits>
 class Interner {
  public:
@@ -97,13 +99,25 @@ class Interner {
 
   // Sorts once; after this tag(id) is the entry's place in table order.
   void number() {
+    struct Keyed {
+      vkt_u64 prefix;
+      vkt_u32 id;
+    };
+    std::vector<Keyed> keyed(mEntries.size());
+    for (vkt_u32 i = 0; i < keyed.size(); ++i) {
+      keyed[i] = Keyed{Traits::prefix(mEntries[i]), i};
+    }
+    std::sort(keyed.begin(), keyed.end(),
+              [this](const Keyed& a, const Keyed& b) {
+                if (a.prefix != b.prefix) return a.prefix < b.prefix;
+                return Traits::less(mEntries[a.id], mEntries[b.id]);
+              });
     mOrder.resize(mEntries.size());
-    for (vkt_u32 i = 0; i < mOrder.size(); ++i) mOrder[i] = i;
-    std::sort(mOrder.begin(), mOrder.end(), [this](vkt_u32 a, vkt_u32 b) {
-      return Traits::less(mEntries[a], mEntries[b]);
-    });
     mRank.resize(mEntries.size());
-    for (vkt_u32 i = 0; i < mOrder.size(); ++i) mRank[mOrder[i]] = i;
+    for (vkt_u32 i = 0; i < mOrder.size(); ++i) {
+      mOrder[i] = keyed[i].id;
+      mRank[keyed[i].id] = i;
+    }
   }
 
   vkt_u32 tag(vkt_u32 id) const { return mRank[id]; }
@@ -127,6 +141,14 @@ struct TextTraits {
   }
   static bool equal(std::string_view a, std::string_view b) { return a == b; }
   static bool less(std::string_view a, std::string_view b) { return a < b; }
+  // The first eight bytes, the first one highest, zeros past the end.
+  static vkt_u64 prefix(std::string_view s) {
+    vkt_u64 p = 0;
+    for (size_t i = 0; i < 8; ++i) {
+      p = p << 8 | (i < s.size() ? vkt_u8(s[i]) : 0);
+    }
+    return p;
+  }
 };
 
 // One stream payload, not owned. Equal entries are one payload: memory by
@@ -147,6 +169,9 @@ struct StreamTraits {
   }
   static bool equal(const StreamEntry& a, const StreamEntry& b) {
     return !less(a, b) && !less(b, a);
+  }
+  static vkt_u64 prefix(const StreamEntry& e) {
+    return vkt_u64(e.alignment) << 32 | e.size;
   }
   static bool less(const StreamEntry& a, const StreamEntry& b) {
     if (a.alignment != b.alignment) return a.alignment < b.alignment;
