@@ -7,7 +7,7 @@
 //   encode (live bytes above the start, tree included).
 // - Records/n: n synthetic records of 7 fields (id, name, score, active, two
 //   tags, count) built and written; time per record, MB/s of image, heap peak
-//   and its ratio to the image size.
+//   and its ratio to the image size; and the build and the write apart.
 // - The double-array key table builder as the key count grows, a whole image
 //   of a wide object, and a large stream payload copied from a read stream
 //   into a sink that stores nothing.
