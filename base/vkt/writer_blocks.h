@@ -49,6 +49,56 @@ void* allocate_with_text(size_t textSize) {
   return ::operator new(sizeof(T) + textSize + 1);
 }
 
+// An open-addressing index over entries kept in a vector elsewhere: a slot
+// holds an entry's index + 1, 0 when free; linear probing over a power of
+// two slots, at least twice the entries. One kind serves every lookup of
+// the writer; the owner keeps the entries and their hashes.
+class OpenIndex {
+ public:
+  bool empty() const { return mSlots.empty(); }
+  void clear() { mSlots.clear(); }
+  // Room for `count` entries without growing; the index must be empty.
+  void reserve(size_t count) {
+    size_t slots = 64;
+    while (slots < count * 2) slots *= 2;
+    mSlots.assign(slots, 0);
+  }
+
+  // Among the entries of hash `h`, the index of the one that same(index)
+  // accepts; when there is none, `next` (the index the caller's next entry
+  // will have, which is also the number of entries indexed) is recorded
+  // and answered. hashOf(index) gives an entry's hash when the slots grow.
+  template <typename Same, typename HashOf>
+  vkt_u32 findOrAdd(vkt_u64 h, vkt_u32 next, Same same, HashOf hashOf) {
+    if ((size_t(next) + 1) * 2 > mSlots.size()) grow(hashOf);
+    const size_t mask = mSlots.size() - 1;
+    for (size_t i = size_t(h) & mask;; i = (i + 1) & mask) {
+      const vkt_u32 slot = mSlots[i];
+      if (slot == 0) {
+        mSlots[i] = next + 1;
+        return next;
+      }
+      if (same(slot - 1)) return slot - 1;
+    }
+  }
+
+ private:
+  template <typename HashOf>
+  void grow(HashOf hashOf) {
+    std::vector<vkt_u32> old(mSlots.empty() ? 64 : mSlots.size() * 2, 0);
+    old.swap(mSlots);
+    const size_t mask = mSlots.size() - 1;
+    for (const vkt_u32 slot : old) {
+      if (slot == 0) continue;
+      size_t i = size_t(hashOf(slot - 1)) & mask;
+      while (mSlots[i] != 0) i = (i + 1) & mask;
+      mSlots[i] = slot;
+    }
+  }
+
+  std::vector<vkt_u32> mSlots;
+};
+
 }  // namespace vkt_internal
 
 struct VKTWriterValue::StringInfo {
@@ -146,6 +196,9 @@ struct VKTWriterValue::Member {
   std::string_view key() const {
     return std::string_view(reinterpret_cast<const char*>(this + 1), mKeySize);
   }
+  vkt_u64 keyHash() const {
+    return vkt_internal::hash_bytes(this + 1, mKeySize);
+  }
 
   VKTWriterValue mValue;
   mutable vkt_u32 mKeyTag = 0;  // writer scratch: the key's table entry
@@ -172,14 +225,12 @@ struct VKTWriterValue::ObjectInfo {
   mutable vkt_u32 mSizeHint = 0;  // writer scratch: the image's likely size
   mutable bool mSorted = true;
   mutable std::vector<Member*> mMembers;
-  // Open addressing over the members, empty while the object is small:
-  // a power-of-two number of slots, null for a free one.
-  std::vector<Member*> mIndex;
+  // The members by key hash, empty while the object is small; rebuilt
+  // when a sort moves the members.
+  mutable vkt_internal::OpenIndex mIndex;
 
  private:
-  Member* find(std::string_view key, vkt_u64 hash) const;
-  void insertIndex(Member* m, vkt_u64 hash);
-  void rebuildIndex();
+  void indexAll() const;
 };
 
 #endif  // VKT_WRITER_BLOCKS_H_

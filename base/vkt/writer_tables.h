@@ -18,61 +18,6 @@ namespace vkt_internal {
 // The largest image that 32-bit offsets and sizes address.
 const vkt_u64 kMaxImageSize = 0xFFFFFFFF;
 
-// An open-addressing index over entries kept in a vector elsewhere: a slot
-// holds an entry's index + 1, 0 when free; linear probing over a power of
-// two slots, at least twice the entries. One kind serves every lookup of
-// the writer; the owner keeps the entries and their hashes.
-class OpenIndex {
- public:
-  bool empty() const { return mSlots.empty(); }
-  void clear() {
-    mSlots.clear();
-    mCount = 0;
-  }
-  // Room for `count` entries without growing; the index must be empty.
-  void reserve(size_t count) {
-    size_t slots = 64;
-    while (slots < count * 2) slots *= 2;
-    mSlots.assign(slots, 0);
-  }
-
-  // Among the entries of hash `h`, the index of the one that same(index)
-  // accepts; when there is none, `next` (the index the caller's next entry
-  // will have) is recorded and answered. hashOf(index) gives an entry's
-  // hash when the slots grow.
-  template <typename Same, typename HashOf>
-  vkt_u32 findOrAdd(vkt_u64 h, vkt_u32 next, Same same, HashOf hashOf) {
-    if ((mCount + 1) * 2 > mSlots.size()) grow(hashOf);
-    const size_t mask = mSlots.size() - 1;
-    for (size_t i = size_t(h) & mask;; i = (i + 1) & mask) {
-      const vkt_u32 slot = mSlots[i];
-      if (slot == 0) {
-        mSlots[i] = next + 1;
-        ++mCount;
-        return next;
-      }
-      if (same(slot - 1)) return slot - 1;
-    }
-  }
-
- private:
-  template <typename HashOf>
-  void grow(HashOf hashOf) {
-    std::vector<vkt_u32> old(mSlots.empty() ? 64 : mSlots.size() * 2, 0);
-    old.swap(mSlots);
-    const size_t mask = mSlots.size() - 1;
-    for (const vkt_u32 slot : old) {
-      if (slot == 0) continue;
-      size_t i = size_t(hashOf(slot - 1)) & mask;
-      while (mSlots[i] != 0) i = (i + 1) & mask;
-      mSlots[i] = slot;
-    }
-  }
-
-  std::vector<vkt_u32> mSlots;
-  size_t mCount = 0;
-};
-
 // Distinct entries in first-seen order, found by hash; after number(), the
 // ids in table order and each id's place in it. Traits gives hash(e),
 // equal(a, b), less(a, b), the table order, and prefix(e), a number whose

@@ -274,52 +274,48 @@ const size_t kIndexFrom = 16;
 }  // namespace
 
 VKTWriterValue& VKTWriterValue::ObjectInfo::at(std::string_view key) {
-  const vkt_u64 hash = mIndex.empty() ? 0 : hash_bytes(key.data(), key.size());
-  if (Member* m = find(key, hash)) return m->mValue;
-  Member* m = new (allocate_with_text<Member>(key.size())) Member(key);
+  const vkt_u32 next = vkt_u32(mMembers.size());
+  vkt_u32 found = next;
+  if (mIndex.empty()) {
+    for (vkt_u32 i = 0; i < next && found == next; ++i) {
+      if (mMembers[i]->key() == key) found = i;
+    }
+  } else {
+    found = mIndex.findOrAdd(
+        hash_bytes(key.data(), key.size()), next,
+        [&](vkt_u32 i) { return mMembers[i]->key() == key; },
+        [this](vkt_u32 i) { return mMembers[i]->keyHash(); });
+  }
+  if (found != next) return mMembers[found]->mValue;
+  Member* m = nullptr;
+  try {
+    if (mMembers.size() == mMembers.capacity()) {  // 4, 6, 9...: little slack
+      mMembers.reserve(mMembers.empty() ? 4 : mMembers.size() * 3 / 2);
+    }
+    m = new (allocate_with_text<Member>(key.size())) Member(key);
+  } catch (...) {
+    // The index has a slot for the member that did not come: rebuilt, or
+    // left empty (the object is then scanned) if that fails too.
+    if (!mIndex.empty()) indexAll();
+    throw;
+  }
   if (mSorted && !mMembers.empty() && mMembers.back()->key() > key) {
     mSorted = false;
   }
-  if (mMembers.size() == mMembers.capacity()) {  // 4, 6, 9, ...: little slack
-    mMembers.reserve(mMembers.empty() ? 4 : mMembers.size() * 3 / 2);
-  }
   mMembers.push_back(m);
-  if (mMembers.size() * 2 > mIndex.size()) {
-    if (mMembers.size() >= kIndexFrom) rebuildIndex();
-  } else {
-    insertIndex(m, hash);
-  }
+  if (mIndex.empty() && mMembers.size() == kIndexFrom) indexAll();
   return m->mValue;
 }
 
-VKTWriterValue::Member* VKTWriterValue::ObjectInfo::find(std::string_view key,
-                                                         vkt_u64 hash) const {
-  if (mIndex.empty()) {
-    for (Member* m : mMembers) {
-      if (m->key() == key) return m;
-    }
-    return nullptr;
-  }
-  const size_t mask = mIndex.size() - 1;
-  for (size_t i = size_t(hash) & mask;; i = (i + 1) & mask) {
-    Member* m = mIndex[i];
-    if (m == nullptr || m->key() == key) return m;
-  }
-}
-
-void VKTWriterValue::ObjectInfo::insertIndex(Member* m, vkt_u64 hash) {
-  const size_t mask = mIndex.size() - 1;
-  size_t i = size_t(hash) & mask;
-  while (mIndex[i] != nullptr) i = (i + 1) & mask;
-  mIndex[i] = m;
-}
-
-void VKTWriterValue::ObjectInfo::rebuildIndex() {
-  size_t slots = 2 * kIndexFrom;
-  while (slots < mMembers.size() * 4) slots *= 2;
-  mIndex.assign(slots, nullptr);
-  for (Member* m : mMembers) {
-    insertIndex(m, hash_bytes(m->key().data(), m->key().size()));
+// All slots are made first, so a failed allocation leaves the index empty
+// rather than missing members.
+void VKTWriterValue::ObjectInfo::indexAll() const {
+  mIndex.clear();
+  mIndex.reserve(mMembers.size());
+  for (vkt_u32 i = 0; i < mMembers.size(); ++i) {
+    mIndex.findOrAdd(
+        mMembers[i]->keyHash(), i, [](vkt_u32) { return false; },
+        [this](vkt_u32 j) { return mMembers[j]->keyHash(); });
   }
 }
 
@@ -330,4 +326,5 @@ void VKTWriterValue::ObjectInfo::sort() const {
       mMembers.begin(), mMembers.end(),
       [](const Member* a, const Member* b) { return a->key() < b->key(); });
   mSorted = true;
+  if (!mIndex.empty()) indexAll();  // the indexes moved
 }
