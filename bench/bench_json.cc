@@ -41,7 +41,13 @@ void BM_PackVkt(benchmark::State& state, const char* name) {
       state.SkipWithError(error.message.c_str());
       break;
     }
-    benchmark::DoNotOptimize(VKTWriterObject().createImage(root));
+    VKTWriterObject writer;
+    const vkt_binary image = writer.createImage(root);
+    if (image.empty()) {
+      state.SkipWithError(writer.error());
+      break;
+    }
+    benchmark::DoNotOptimize(image.data());
   }
   processed(state, in.size);
 }

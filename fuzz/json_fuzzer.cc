@@ -17,7 +17,12 @@ vkt_binary image_of(const char* text, size_t size, bool strict, bool* ok) {
   VKTJsonParseOptions options;
   options.strict = strict;
   *ok = vkt_json_parse(text, size, size, &root, &error, options);
-  return *ok ? VKTWriterObject().createImage(root) : vkt_binary();
+  if (!*ok) return vkt_binary();
+  // The parser's nesting limit is the writer's: what it accepts is written.
+  VKTWriterObject writer;
+  vkt_binary image = writer.createImage(root);
+  if (image.empty()) std::abort();
+  return image;
 }
 
 std::string printed(const vkt_binary& image, VKTVerifyReport* report) {

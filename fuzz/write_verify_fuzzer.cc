@@ -180,6 +180,29 @@ void compare(const VKTValue& v, const Shadow& s) {
   }
 }
 
+// Nesting of arrays and objects, counted as verify counts it.
+vkt_u32 depth_of(const Shadow& s) {
+  vkt_u32 deepest = 0;
+  for (const Shadow& e : s.elements) deepest = std::max(deepest, depth_of(e));
+  for (const auto& m : s.members)
+    deepest = std::max(deepest, depth_of(m.second));
+  const bool container = s.type == VKT_TYPE_ARRAY || s.type == VKT_TYPE_OBJECT;
+  return container ? deepest + 1 : 0;
+}
+
+// Wraps the tree in `count` one-element arrays, beside and in the shadow.
+void wrap(vkt_u32 count, VKTWriterValue& root, Shadow& shadow) {
+  for (vkt_u32 i = 0; i < count; ++i) {
+    VKTWriterValue outer;
+    outer.append(root);
+    root = outer;
+    Shadow s;
+    s.type = VKT_TYPE_ARRAY;
+    s.elements.push_back(std::move(shadow));
+    shadow = std::move(s);
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -190,6 +213,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   VKTWriterValue root;
   Shadow shadow;
   make(in, payloads, root, shadow, 6);
+  // Deep trees: past VKT_MAX_DEPTH the writer refuses, and says why.
+  if (config & 8) wrap(in.byte() + in.byte(), root, shadow);
+  const bool tooDeep = depth_of(shadow) > VKT_MAX_DEPTH;
 
   VKTWriterObject writer;
   writer.setOptimize(!(config & 1));
@@ -198,6 +224,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const bool filtered = config & 4;
   vkt_binary image =
       writer.createImage(root, filtered ? &filter : nullptr, filtered ? 3 : 0);
+  expect(image.empty() == tooDeep, "refused exactly the deep trees");
+  if (tooDeep) {
+    expect(std::strcmp(writer.error(), "tree nests deeper than 255") == 0,
+           "reason");
+    return 0;
+  }
+  expect(*writer.error() == 0, "no reason after a success");
   expect(VKTObject::decode(image, filtered ? &forDecode : nullptr), "decode");
   VKTVerifyReport report;
   if (!VKTObject::verify(image, &report)) {

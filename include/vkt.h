@@ -967,15 +967,24 @@ class VKTWriterObject {
  public:
   VKTWriterObject();
 
-  // The whole image in a new vector.
+  // The whole image in a new vector, or an empty vector when the tree is
+  // refused (see error()).
   vkt_binary createImage(const VKTWriterValue& root,
                          VKTFilter* structFilter = nullptr, vkt_u32 flags = 0);
-  // Writes the image to `writer`, which must stand at Offset 0. Stream
-  // payloads go from their source to `writer` without being held whole.
-  // `flags` combines VKT_FLAGS_*; the filter bits are dropped when
-  // `structFilter` is null. Readers in the tree are left at their end.
-  void writeImage(const VKTWriterValue& root, VKTWriteStream& writer,
+  // Writes the image to `writer`, which must stand at Offset 0, and answers
+  // true. Stream payloads go from their source to `writer` without being
+  // held whole. `flags` combines VKT_FLAGS_*; the filter bits are dropped
+  // when `structFilter` is null. Readers in the tree are left at their end.
+  // Answers false, having written nothing, when the tree is refused.
+  bool writeImage(const VKTWriterValue& root, VKTWriteStream& writer,
                   VKTFilter* structFilter = nullptr, vkt_u32 flags = 0);
+  // Why the last createImage or writeImage refused its tree, as static text,
+  // or "" when it succeeded. A tree is refused when it nests deeper than
+  // VKT_MAX_DEPTH ("tree nests deeper than 255") or when its image would
+  // pass what 32-bit offsets and sizes address: 4 GiB - 1 bytes, up to the
+  // last byte as the sink counts it ("image larger than 4 GiB"). Both are
+  // found before a byte is written or a stream payload read.
+  const char* error() const { return mError; }
   // Share equal element images within each container (on by default).
   void setOptimize(bool state) { mOptimize = state; }
   // Marks the byte order in the flags and forces a version-4 image.
@@ -995,7 +1004,8 @@ class VKTWriterObject {
   // Builds the image's front (header, key table, root value) in *front, then
   // writes front and the rest to *sink or, when sink is null, appends the
   // rest to *front, which becomes the whole image.
-  void assemble(const VKTWriterValue& root, VKTWriteStream* sink,
+  // Answers false, with mError set and nothing written, on a refusal.
+  bool assemble(const VKTWriterValue& root, VKTWriteStream* sink,
                 VKTFilter* structFilter, vkt_u32 flags, vkt_binary* front);
 
   // Appends the double-array key table of `keys` to *image. The keys are
@@ -1007,6 +1017,7 @@ class VKTWriterObject {
   bool mOptimize;
   vkt_endian mEndian;
   bool mEndianSet;
+  const char* mError = "";  // static text
 };
 
 // A node of a tree to be written.
@@ -1018,7 +1029,9 @@ class VKTWriterObject {
 // make a new block, so shared strings and streams behave like values.
 //
 // A tree and every node sharing a block with it belong to one thread at a
-// time. Walks recurse without a depth limit: never make a node hold itself.
+// time. Never make a node hold itself. No walk of the tree, its destruction
+// included, recurses along its depth, so a tree of any depth can be built
+// and destroyed; the writer refuses one deeper than VKT_MAX_DEPTH.
 class VKTWriterValue {
  public:
   VKTWriterValue() : mType(kNullType) {}
@@ -1117,11 +1130,23 @@ class VKTWriterValue {
   struct ObjectInfo;
 
   void clear();
+  // clear() for a node that holds a container: the last reference takes the
+  // block, and every container that dies with it, down one at a time.
+  void releaseContainer();
   // Adds a reference to r's block (if any) and takes r's type and payload;
   // this node must be null.
   void share(const VKTWriterValue& r);
-  void prepare(VKTWriterObject::Tables& tables) const;
-  void createImage(VKTWriterObject::Tables& tables, vkt_binary* image) const;
+  // Interns the tree's texts and streams into `tables`; false when the tree
+  // nests deeper than VKT_MAX_DEPTH.
+  bool prepare(VKTWriterObject::Tables& tables) const;
+  void prepareNode(VKTWriterObject::Tables& tables) const;
+  // Appends the node's encoded value to the tables' value buffer.
+  void createImage(VKTWriterObject::Tables& tables) const;
+  void createContainerImage(VKTWriterObject::Tables& tables) const;
+  // Encodes a node that is no container into out (16 bytes, of which the
+  // image takes at most 9); answers the size of its image.
+  vkt_u32 encodeScalar(const VKTWriterObject::Tables& tables,
+                       vkt_u8* out) const;
 
   vkt_u32 mType;
   union {

@@ -2,6 +2,8 @@
 // where sections and payloads lie.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
 #include <tuple>
 
 #include "testutil.h"
@@ -48,4 +50,85 @@ TEST(WriterObject, LayoutOfStringsBStreamsAndStreams) {
       "0D 09 0D 01 00 01 06 07 08 01 02 03 0D 09 0D 00 02 00 00 00 00 03 04 05 0D 04 0D 01 06 07 08 | 21 0D 04 0D 00 01 02 03 0D 04 0D 00 02 04 06 15 00 15 01 22 00 20 0D 02 0D 00 02 19 01 19 00 | "
       "0D 02 0D 00 03 61 62 00 63 00 | 0D 01 0D 00 0D 01 0D 0A 00 00 00 00 00 00 00 00 30 31 32 33 34 35 36 37 38 39 | 0D 02 0D 00 08 0D 02 0D 06 05 00 00 00 00 61 62 63 64 65 66 00 00 67 68 69 6A 6B")));
   // clang-format on
+}
+
+// A source that claims `size` zero bytes and counts what is read of it.
+class ZeroStream : public VKTReadStream {
+ public:
+  ZeroStream(vkt_size size, vkt_u64* reads) : size(size), reads(reads) {}
+  vkt_size Size() const override { return size; }
+  vkt_size Read(vkt_u8* p, vkt_size want) override {
+    const vkt_size n = pos < size ? std::min(size - pos, want) : 0;
+    std::memset(p, 0, n);
+    pos += n;
+    *reads += n;
+    return n;
+  }
+  vkt_offset Seek(vkt_offset offset, vkt_origin origin) override {
+    return pos = origin == VKT_ORIGIN_SET ? offset : pos + offset;
+  }
+
+ private:
+  vkt_size size, pos = 0;
+  vkt_u64* reads;
+};
+
+class CountingSink : public VKTWriteStream {
+ public:
+  using VKTWriteStream::Write;
+  vkt_u32 Offset() const override { return count; }
+  void Write(const vkt_u8*, vkt_u32 size) override { count += size; }
+  vkt_u32 count = 0;
+};
+
+// `depth` containers, arrays and objects in turn, around an integer.
+static VKTWriterValue nested(vkt_u32 depth) {
+  VKTWriterValue root;
+  root = 1;
+  for (vkt_u32 i = 0; i < depth; ++i) {
+    VKTWriterValue outer;
+    i % 2 ? outer.append("k", root) : outer.append(root);
+    root = outer;
+  }
+  return root;
+}
+
+// Trees that verify would refuse for their depth, and images that 32-bit
+// offsets cannot address, are refused with the reason, before a byte is
+// written or a payload read; the same writer then writes a good tree again.
+TEST(WriterObject, RefusesTreesTooDeepAndImagesTooLarge) {
+  const vkt_u32 G = 1u << 30;
+  const char* kDeep = "tree nests deeper than 255";
+  const char* kLarge = "image larger than 4 GiB";
+  // clang-format off
+  const std::tuple<vkt_u32, std::vector<std::pair<vkt_u32, vkt_u32>>, const char*> rows[] = {
+      {255, {}, ""}, {256, {}, kDeep}, {100000, {}, kDeep}, {1, {{16, 0}}, ""},
+      {1, {{3 * G, 0}, {2 * G, 0}, {16, 0}}, kLarge}, {1, {{3 * G, 1}, {2 * G, 0}}, kLarge},
+      {1, {{0xFFFFFFFF, 0}}, kLarge}, {1, {{0xFFFFFFF0, 1}, {0, 0}}, kLarge},
+  };
+  // clang-format on
+  VKTWriterObject writer;
+  for (const auto& [depth, streams, reason] : rows) {
+    SCOPED_TRACE(depth);
+    VKTWriterValue root = nested(depth);
+    vkt_u64 reads = 0;
+    for (const auto& [size, flags] : streams) {
+      VKTWriterValue s;
+      s.setStream(new ZeroStream(size, &reads), 16, flags);
+      root.append(s);
+    }
+    CountingSink sink;
+    EXPECT_EQ(writer.writeImage(root, sink), !*reason);
+    EXPECT_STREQ(writer.error(), reason);
+    EXPECT_EQ(*reason ? 0 : sink.count, sink.count);
+    const vkt_binary image = writer.createImage(root);
+    EXPECT_STREQ(writer.error(), reason);
+    EXPECT_EQ(image.size(), *reason ? 0 : sink.count);
+    EXPECT_EQ(reads, *reason ? 0 : 2 * streams.size() * 16);
+    VKTVerifyReport report;
+    if (!*reason) {
+      EXPECT_TRUE(VKTObject::verify(image, &report)) << report.reason;
+      EXPECT_EQ(report.depth, std::max<vkt_u32>(depth, 1));
+    }
+  }  // a 100,000-deep tree goes here, one container at a time
 }

@@ -57,3 +57,29 @@ TEST(WriterValue, MembersKeepOneNodePerKeyInAnyInsertionOrder) {
         << count;
   }
 }
+
+// Destruction takes a tree down one container at a time: 200,000 levels,
+// each held once or twice by the level above, go without a deep call stack,
+// and a level still held elsewhere survives with what is below it.
+TEST(WriterValue, DeepTreesAreDestroyedWithoutRecursion) {
+  auto build = [](int levels, int refs, VKTWriterValue* kept) {
+    VKTWriterValue root;
+    root = 7;
+    for (int i = 0; i < levels; ++i) {
+      VKTWriterValue outer;
+      for (int r = 0; r < refs; ++r) {
+        i % 2 ? outer.append(root)
+              : outer.append("k" + std::to_string(r), root);
+      }
+      root = outer;
+      if (i == 2) *kept = root;
+    }
+    return root;
+  };
+  for (const int refs : {1, 2}) {
+    VKTWriterValue kept, small;
+    build(200000, refs, &kept);
+    EXPECT_EQ(to_hex(written_root(kept, false)),
+              to_hex(written_root(build(3, refs, &small), false)));
+  }
+}

@@ -54,7 +54,8 @@ Sharing measure_sharing(const CheckedImage& image, vkt_u64 values) {
     if (image.object().version() >= 4)
       writer.setEndian(image.object().endian());
     CountingSink sink;
-    writer.writeImage(tree, sink);
+    // A refusal (the unshared tree past 4 GiB) leaves the figure out.
+    if (!writer.writeImage(tree, sink)) return Sharing{false, 0, 0};
     (optimize ? result.shared : result.unshared) = sink.Offset();
   }
   return result;

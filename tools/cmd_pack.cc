@@ -48,6 +48,7 @@ int cmd_pack(const Args& args) {
   }
   progress.stage("writing");
   const vkt_binary image = writer.createImage(root);
+  if (image.empty()) fail(in, writer.error());
   write_output(out, image.data(), image.size());
   return 0;
 }

@@ -393,8 +393,12 @@ static inline vkt_u8* write_32bit_integer(vkt_u8* p, vkt_s32 value) {
   return p + 4;
 }
 // The low `bytes` bytes of a 64-bit value.
+// Spelt out byte by byte so that the compiler makes one store of it.
 static inline vkt_u8* write_64bit_bytes(vkt_u8* p, vkt_u64 v, int bytes) {
-  for (int i = 0; i < bytes; ++i) p[i] = vkt_u8(v >> (8 * i));
+  const vkt_u8 b[8] = {vkt_u8(v),       vkt_u8(v >> 8),  vkt_u8(v >> 16),
+                       vkt_u8(v >> 24), vkt_u8(v >> 32), vkt_u8(v >> 40),
+                       vkt_u8(v >> 48), vkt_u8(v >> 56)};
+  std::memcpy(p, b, size_t(bytes));
   return p + bytes;
 }
 static inline vkt_u8* write_40bit_integer(vkt_u8* p, vkt_s64 value) {

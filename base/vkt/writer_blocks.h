@@ -14,15 +14,18 @@
 #define VKT_WRITER_BLOCKS_H_
 
 #include <cstring>
+#include <new>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "vkt/format.h"
 
+namespace vkt_internal {
+
 // A 64-bit hash of n bytes, eight at a time. Only equality of hashes is
 // used (never their order), so the mixing just has to spread well.
-static inline vkt_u64 hash_bytes(const void* data, size_t n) {
+inline vkt_u64 hash_bytes(const void* data, size_t n) {
   const vkt_u64 kMul = 0x9E3779B97F4A7C15ull;
   const unsigned char* p = static_cast<const unsigned char*>(data);
   vkt_u64 h = n * kMul;
@@ -45,6 +48,58 @@ template <typename T>
 void* allocate_with_text(size_t textSize) {
   return ::operator new(sizeof(T) + textSize + 1);
 }
+
+// An open-addressing index over entries kept in a vector elsewhere: a slot
+// holds an entry's index + 1, 0 when free; linear probing over a power of
+// two slots, at least twice the entries. One kind serves every lookup of
+// the writer; the owner keeps the entries and their hashes.
+class OpenIndex {
+ public:
+  bool empty() const { return mSlots.empty(); }
+  void clear() { mSlots.clear(); }
+  // Room for `count` entries without growing; the index must be empty.
+  void reserve(size_t count) {
+    size_t slots = 64;
+    while (slots < count * 2) slots *= 2;
+    mSlots.assign(slots, 0);
+  }
+
+  // Among the entries of hash `h`, the index of the one that same(index)
+  // accepts; when there is none, `next` (the index the caller's next entry
+  // will have, which is also the number of entries indexed) is recorded
+  // and answered. hashOf(index) gives an entry's hash when the slots grow.
+  template <typename Same, typename HashOf>
+  vkt_u32 findOrAdd(vkt_u64 h, vkt_u32 next, Same same, HashOf hashOf) {
+    if ((size_t(next) + 1) * 2 > mSlots.size()) grow(hashOf);
+    const size_t mask = mSlots.size() - 1;
+    for (size_t i = size_t(h) & mask;; i = (i + 1) & mask) {
+      const vkt_u32 slot = mSlots[i];
+      if (slot == 0) {
+        mSlots[i] = next + 1;
+        return next;
+      }
+      if (same(slot - 1)) return slot - 1;
+    }
+  }
+
+ private:
+  template <typename HashOf>
+  void grow(HashOf hashOf) {
+    std::vector<vkt_u32> old(mSlots.empty() ? 64 : mSlots.size() * 2, 0);
+    old.swap(mSlots);
+    const size_t mask = mSlots.size() - 1;
+    for (const vkt_u32 slot : old) {
+      if (slot == 0) continue;
+      size_t i = size_t(hashOf(slot - 1)) & mask;
+      while (mSlots[i] != 0) i = (i + 1) & mask;
+      mSlots[i] = slot;
+    }
+  }
+
+  std::vector<vkt_u32> mSlots;
+};
+
+}  // namespace vkt_internal
 
 struct VKTWriterValue::StringInfo {
   // The caller allocates with allocate_with_text<StringInfo>(text.size()).
@@ -87,7 +142,9 @@ struct VKTWriterValue::ArrayInfo {
   ArrayInfo(const ArrayInfo&) = delete;
   ArrayInfo& operator=(const ArrayInfo&) = delete;
   ~ArrayInfo() {
-    if (mData != mInline) delete[] mData;
+    if (mData == mInline) return;
+    for (vkt_u32 i = 0; i < mCapacity; ++i) mData[i].~VKTWriterValue();
+    ::operator delete(mData);
   }
 
   const VKTWriterValue* begin() const { return mData; }
@@ -100,12 +157,19 @@ struct VKTWriterValue::ArrayInfo {
     if (count > mCapacity) {
       size_t capacity = 2 * size_t(mCapacity);
       if (capacity < count) capacity = count;
-      VKTWriterValue* data = new VKTWriterValue[capacity];
-      for (vkt_u32 i = 0; i < mSize; ++i) {
-        data[i].share(mData[i]);  // hands the reference over
-        mData[i].clear();
+      // A node is a kind and a pointer or scalar: moving its bytes moves
+      // its reference, and the old slots are then left without destruction
+      // (the inline ones are made null for their own destructors).
+      VKTWriterValue* data = static_cast<VKTWriterValue*>(
+          ::operator new(capacity * sizeof(VKTWriterValue)));
+      std::memcpy(static_cast<void*>(data), static_cast<void*>(mData),
+                  mSize * sizeof(VKTWriterValue));
+      for (size_t i = mSize; i < capacity; ++i) new (&data[i]) VKTWriterValue;
+      if (mData != mInline) {
+        ::operator delete(mData);
+      } else {
+        for (VKTWriterValue& v : mInline) new (&v) VKTWriterValue;
       }
-      if (mData != mInline) delete[] mData;
       mData = data;
       mCapacity = vkt_u32(capacity);
     }
@@ -131,6 +195,9 @@ struct VKTWriterValue::Member {
   static void operator delete(void* p) { ::operator delete(p); }
   std::string_view key() const {
     return std::string_view(reinterpret_cast<const char*>(this + 1), mKeySize);
+  }
+  vkt_u64 keyHash() const {
+    return vkt_internal::hash_bytes(this + 1, mKeySize);
   }
 
   VKTWriterValue mValue;
@@ -158,14 +225,12 @@ struct VKTWriterValue::ObjectInfo {
   mutable vkt_u32 mSizeHint = 0;  // writer scratch: the image's likely size
   mutable bool mSorted = true;
   mutable std::vector<Member*> mMembers;
-  // Open addressing over the members, empty while the object is small:
-  // a power-of-two number of slots, null for a free one.
-  std::vector<Member*> mIndex;
+  // The members by key hash, empty while the object is small; rebuilt
+  // when a sort moves the members.
+  mutable vkt_internal::OpenIndex mIndex;
 
  private:
-  Member* find(std::string_view key, vkt_u64 hash) const;
-  void insertIndex(Member* m, vkt_u64 hash);
-  void rebuildIndex();
+  void indexAll() const;
 };
 
 #endif  // VKT_WRITER_BLOCKS_H_

@@ -12,8 +12,17 @@
 // elements straight into the value buffer behind room for its head; the
 // offsets' width is known only at the end, and when it differs from the
 // guess the elements slide once.
+//
+// prepare keeps its own stack of open containers and refuses a tree deeper
+// than VKT_MAX_DEPTH, so createImage, which recurses once per container
+// level, runs only on trees it has bounded.
 #include "vkt/packed_array.h"
 #include "vkt/writer_tables.h"
+
+using vkt_internal::kMaxImageSize;
+using vkt_internal::ScalarTraits;
+using vkt_internal::StreamEntry;
+using vkt_internal::ValueBuffer;
 
 namespace {
 
@@ -23,12 +32,9 @@ namespace {
 const vkt_u8 kSizeHint[] = {0, 1, 1, 5, 9, 0, 0, 3, 3, 0, 5, 9, 0, 0};
 static_assert(sizeof(kSizeHint) == TYPE_OBJECT + 1, "one entry per type");
 
-// Makes room for `more` bytes. The buffer starts at the size prepare noted,
-// which is seldom far off, so it grows by halves rather than doubling.
-void room_for(vkt_binary* image, size_t more) {
-  const size_t need = image->size() + more;
-  if (need > image->capacity()) image->reserve(need + image->capacity() / 2);
-}
+// Types that prepareNode does more for than add their size hint.
+const vkt_u32 kVisited = 1u << TYPE_STRING | 1u << TYPE_STREAM |
+                         1u << TYPE_ARRAY | 1u << TYPE_OBJECT;
 
 vkt_u32 clamp_u32(size_t n) {
   return n > 0xFFFFFFFFu ? 0xFFFFFFFFu : vkt_u32(n);
@@ -41,7 +47,9 @@ vkt_u32 head_hint(size_t count, bool withKeys) {
 
 }  // namespace
 
-void VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
+// Interns what one node names and notes its share of the size hint; a
+// container is only opened here, its elements follow from prepare's stack.
+void VKTWriterValue::prepareNode(VKTWriterObject::Tables& tables) const {
   tables.sizeHint += kSizeHint[mType];
   switch (mType) {
     case TYPE_STRING:
@@ -56,126 +64,185 @@ void VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
                                      s.mStreamAlignment, s.mReader});
       break;
     }
-    case TYPE_ARRAY: {
-      const size_t before = tables.sizeHint;
+    case TYPE_ARRAY:
       tables.sizeHint += head_hint(mArrayInfo->size(), false);
-      for (const VKTWriterValue& element : *mArrayInfo) {
-        element.prepare(tables);
-      }
-      mArrayInfo->mSizeHint = clamp_u32(tables.sizeHint - before);
       break;
-    }
-    case TYPE_OBJECT: {
-      const size_t before = tables.sizeHint;
+    case TYPE_OBJECT:
       tables.sizeHint += head_hint(mObjectInfo->mMembers.size(), true);
       mObjectInfo->sort();
-      for (const Member* member : mObjectInfo->mMembers) {
-        member->mKeyTag = tables.keys.add(member->key());
-        member->mValue.prepare(tables);
-      }
-      mObjectInfo->mSizeHint = clamp_u32(tables.sizeHint - before);
       break;
-    }
     default:
       break;
   }
 }
 
-void VKTWriterValue::createImage(VKTWriterObject::Tables& tables,
-                                 vkt_binary* image) const {
-  vkt_u8 buf[SCALAR_BUFFER_SIZE];
+// Depth first in element order (a member's key before its value), with an
+// explicit stack of open containers that never holds more than
+// VKT_MAX_DEPTH of them; the elements of one container are taken in a
+// tight loop until one is a container itself.
+bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
+  struct Open {
+    const VKTWriterValue* node;
+    size_t next;    // index of the next element to visit
+    size_t before;  // the size hint when the container was opened
+  };
+  Open open[VKT_MAX_DEPTH];
+  size_t depth = 0;  // containers open
+  const VKTWriterValue* node = this;
+  for (;;) {
+    // `node` is a value not yet visited.
+    const size_t before = tables.sizeHint;
+    node->prepareNode(tables);
+    if (node->mType == TYPE_ARRAY || node->mType == TYPE_OBJECT) {
+      if (depth == VKT_MAX_DEPTH) return false;
+      open[depth++] = Open{node, 0, before};
+      if (depth > tables.deepest) tables.deepest = depth;
+    }
+    node = nullptr;
+    while (node == nullptr && depth != 0) {
+      Open& top = open[depth - 1];
+      if (top.node->mType == TYPE_ARRAY) {
+        const ArrayInfo& array = *top.node->mArrayInfo;
+        while (top.next < array.size()) {
+          const VKTWriterValue& e = array.begin()[top.next++];
+          if (kVisited >> e.mType & 1) {
+            node = &e;  // interned or opened above
+            break;
+          }
+          tables.sizeHint += kSizeHint[e.mType];
+        }
+        if (node != nullptr) break;
+        array.mSizeHint = clamp_u32(tables.sizeHint - top.before);
+      } else {
+        const ObjectInfo& object = *top.node->mObjectInfo;
+        if (top.next < object.mMembers.size()) {
+          const Member* member = object.mMembers[top.next++];
+          member->mKeyTag = tables.keyAt(top.next - 1, member->key());
+          node = &member->mValue;
+          break;
+        }
+        object.mSizeHint = clamp_u32(tables.sizeHint - top.before);
+      }
+      --depth;
+    }
+    if (node == nullptr) return true;
+  }
+}
+
+vkt_u32 VKTWriterValue::encodeScalar(const VKTWriterObject::Tables& tables,
+                                     vkt_u8* out) const {
   switch (mType) {
     case TYPE_BOOL:
-      buf[0] = mBoolValue ? ID_TRUE : ID_FALSE;
+      out[0] = mBoolValue ? ID_TRUE : ID_FALSE;
       break;
     case TYPE_INTEGER:
-      generate_integer(buf, mIntegerValue);
+      generate_integer(out, mIntegerValue);
       break;
     case TYPE_LONG_INTEGER:
-      generate_long_integer(buf, mLongIntegerValue);
+      generate_long_integer(out, mLongIntegerValue);
       break;
     case TYPE_SINGLE:
-      generate_single(buf, mFloatValue);
+      generate_single(out, mFloatValue);
       break;
     case TYPE_DOUBLE:
-      generate_double(buf, mDoubleValue);
+      generate_double(out, mDoubleValue);
       break;
     case TYPE_STRING:
-      generate_string(buf, tables.strings.tag(mStringInfo->mTag));
+      generate_string(out, tables.strings.tag(mStringInfo->mTag));
       break;
     case TYPE_STREAM:
       if (mStreamInfo->mStreamFlags & VKT_STREAM_FLAG_BOUND) {
-        generate_bstream(buf, tables.bstreams.tag(mStreamInfo->mTag));
+        generate_bstream(out, tables.bstreams.tag(mStreamInfo->mTag));
       } else {
-        generate_stream(buf, tables.streams.tag(mStreamInfo->mTag));
+        generate_stream(out, tables.streams.tag(mStreamInfo->mTag));
       }
       break;
-    case TYPE_ARRAY:
-    case TYPE_OBJECT: {
-      const bool isArray = mType == TYPE_ARRAY;
-      const size_t count =
-          isArray ? mArrayInfo->size() : mObjectInfo->mMembers.size();
-      VKTWriterObject::Tables::Level& level = tables.level(tables.depth);
-      level.keys.clear();
-      level.offsets.clear();
-      if (!isArray) {
-        for (const Member* member : mObjectInfo->mMembers) {
-          level.keys.push_back(tables.keys.tag(member->mKeyTag));
-        }
-      }
-      if (tables.optimize) level.siblings.reset(count);
-      // Room for the head with offsets as wide as the size prepare noted
-      // asks; a wrong guess slides the entity area once at the end.
-      const vkt_u32 keysSize = isArray ? 0 : unsigned_array_size(level.keys);
-      const vkt_u32 start = vkt_u32(image->size());
-      const vkt_u32 hint =
-          isArray ? mArrayInfo->mSizeHint : mObjectInfo->mSizeHint;
-      const vkt_u32 reserved =
-          1 + keysSize +
-          unsigned_array_size(vkt_u32(count), unsigned_width(hint));
-      room_for(image, reserved);
-      image->resize(start + reserved);
-      const vkt_u32 entityStart = start + reserved;
-      ++tables.depth;
-      auto add = [&](const VKTWriterValue& element) {
-        const vkt_u32 begin = vkt_u32(image->size());
-        element.createImage(tables, image);
-        vkt_u32 offset = begin;
-        if (tables.optimize) {
-          offset = level.siblings.place(*image, begin, vkt_u32(image->size()));
-          if (offset != begin) image->resize(begin);  // stored before
-        }
-        level.offsets.push_back(offset - entityStart);
-      };
-      if (isArray) {
-        for (const VKTWriterValue& element : *mArrayInfo) {
-          add(element);
-        }
-      } else {
-        for (const Member* member : mObjectInfo->mMembers) add(member->mValue);
-      }
-      --tables.depth;
-      // ID | [key array] | offset array, in front of the entity area.
-      const vkt_u32 headSize =
-          1 + keysSize + unsigned_array_size(level.offsets);
-      if (headSize > reserved) {
-        room_for(image, headSize - reserved);
-        image->insert(image->begin() + entityStart, headSize - reserved, 0);
-      } else if (headSize < reserved) {
-        image->erase(image->begin() + start + headSize,
-                     image->begin() + entityStart);
-      }
-      vkt_u8* p = image->data() + start;
-      *p++ = isArray ? ID_ARRAY : ID_OBJECT;
-      if (!isArray) generate_unsigned_array(p, level.keys);
-      generate_unsigned_array(p + keysSize, level.offsets);
-      return;
-    }
     default:  // TYPE_NULL
-      buf[0] = ID_NULL;
+      out[0] = ID_NULL;
       break;
   }
-  const vkt_u32 size = get_value_size(buf);
-  room_for(image, size);
-  image->insert(image->end(), buf, buf + size);
+  return get_value_size(out);
+}
+
+void VKTWriterValue::createImage(VKTWriterObject::Tables& tables) const {
+  if (mType == TYPE_ARRAY || mType == TYPE_OBJECT) {
+    createContainerImage(tables);
+    return;
+  }
+  vkt_u8 buf[SCALAR_BUFFER_SIZE];
+  tables.value->append(buf, encodeScalar(tables, buf));
+}
+
+// The elements go into the entity area one after another. With sharing on,
+// a scalar is matched by its bytes as two words and a container by its
+// stretch of the buffer; the two never match each other (their first bytes
+// differ), so they are looked up apart.
+void VKTWriterValue::createContainerImage(
+    VKTWriterObject::Tables& tables) const {
+  if (tables.tooLarge) return;
+  ValueBuffer& out = *tables.value;
+  const bool isArray = mType == TYPE_ARRAY;
+  const size_t count =
+      isArray ? mArrayInfo->size() : mObjectInfo->mMembers.size();
+  VKTWriterObject::Tables::Level& level = tables.levels[tables.depth];
+  level.keys.clear();
+  level.offsets.clear();
+  if (!isArray) {
+    for (const Member* member : mObjectInfo->mMembers) {
+      level.keys.push_back(tables.keys.tag(member->mKeyTag));
+    }
+  }
+  if (tables.optimize) {
+    level.siblings.reset(count);
+    level.scalars.reset(count);
+  }
+  // Room for the head with offsets as wide as the size prepare noted asks;
+  // a wrong guess slides the entity area once at the end.
+  const vkt_u32 keysSize = isArray ? 0 : unsigned_array_size(level.keys);
+  const vkt_u32 start = vkt_u32(out.size());
+  const vkt_u32 hint = isArray ? mArrayInfo->mSizeHint : mObjectInfo->mSizeHint;
+  const vkt_u32 reserved =
+      1 + keysSize + unsigned_array_size(vkt_u32(count), unsigned_width(hint));
+  out.resize(start + reserved);
+  const vkt_u32 entityStart = start + reserved;
+  ++tables.depth;
+  auto add = [&](const VKTWriterValue& element) {
+    if (tables.tooLarge) return;
+    const vkt_u32 begin = vkt_u32(out.size());
+    vkt_u32 offset = begin;
+    if (element.mType == TYPE_ARRAY || element.mType == TYPE_OBJECT) {
+      element.createContainerImage(tables);
+      if (tables.optimize && !tables.tooLarge) {
+        offset = level.siblings.place({begin, vkt_u32(out.size()) - begin, 0},
+                                      out.data());
+        if (offset != begin) out.resize(begin);  // stored before
+      }
+    } else {
+      vkt_u8 buf[SCALAR_BUFFER_SIZE] = {};
+      const vkt_u32 size = element.encodeScalar(tables, buf);
+      if (tables.optimize) {
+        offset = level.scalars.place(ScalarTraits::of(buf, begin), nullptr);
+      }
+      if (offset == begin) out.appendScalar(buf, size);
+    }
+    // Past 32-bit offsets: the walk winds down and the image is refused.
+    if (out.size() > kMaxImageSize) tables.tooLarge = true;
+    level.offsets.push_back(offset - entityStart);
+  };
+  if (isArray) {
+    for (const VKTWriterValue& element : *mArrayInfo) add(element);
+  } else {
+    for (const Member* member : mObjectInfo->mMembers) add(member->mValue);
+  }
+  --tables.depth;
+  if (tables.tooLarge) return;
+  // ID | [key array] | offset array, in front of the entity area.
+  const vkt_u32 headSize = 1 + keysSize + unsigned_array_size(level.offsets);
+  if (headSize != reserved) {
+    out.slide(entityStart, std::ptrdiff_t(headSize) - std::ptrdiff_t(reserved));
+  }
+  vkt_u8* p = out.data() + start;
+  *p++ = isArray ? ID_ARRAY : ID_OBJECT;
+  if (!isArray) generate_unsigned_array(p, level.keys);
+  generate_unsigned_array(p + keysSize, level.offsets);
 }

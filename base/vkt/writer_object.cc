@@ -1,6 +1,8 @@
-// VKTWriterObject::writeImage: collect, build the key table, number the
-// tables, lay out the stream entities without reading a payload, generate the
-// root value, compute the section offsets, seal the header, filter, write.
+// VKTWriterObject::writeImage: collect, number the tables, lay out the stream
+// entities without reading a payload, build the key table, the string entity
+// and the root value, place the sections, seal the header, filter, write.
+// Every size is known before the first byte goes out, so a tree nesting too
+// deep or an image past 32-bit offsets is refused with nothing written.
 //
 //   header | key table | root value | string offset array | string entity
 //   [v4: bstream offset array | bstream size array | 0-pad | bstream entity]
@@ -16,10 +18,18 @@
 #include "vkt/streams.h"
 #include "vkt/writer_tables.h"
 
+using vkt_internal::kMaxImageSize;
+using vkt_internal::StreamEntry;
+using vkt_internal::ValueBuffer;
+
 namespace {
 
+const char* const kTooDeep = "tree nests deeper than 255";
+const char* const kTooLarge = "image larger than 4 GiB";
+static_assert(VKT_MAX_DEPTH == 255, "kTooDeep names the limit");
+
 // Rounds x up to a multiple of a; 0 means no alignment.
-vkt_u32 round_up(vkt_u32 x, vkt_u32 a) {
+vkt_u64 round_up(vkt_u64 x, vkt_u32 a) {
   return a == 0 ? x : (x + a - 1) / a * a;
 }
 
@@ -32,38 +42,30 @@ void pad_to(VKTWriteStream& stream, vkt_u32 target) {
   }
 }
 
-// Zero bytes up to the next multiple of `alignment` of the stream's count;
-// alignments 0 and 1 pad nothing.
-void insert_padding(VKTWriteStream& stream, vkt_u32 alignment) {
-  if (alignment == 0) return;
-  pad_to(stream, round_up(stream.Offset(), alignment));
-}
-
 // Where each payload of a stream table lies, counted from the entity's start.
 struct EntityLayout {
   std::vector<vkt_u32> offsets;
   std::vector<vkt_u32> sizes;
   vkt_u32 maxAlignment = 0;  // 0 for an empty table
-  vkt_u32 size = 0;          // end of the last payload
+  vkt_u64 size = 0;          // end of the last payload
 };
 
-// Lays out the entries of a numbered stream table in table order with a
-// counting stream: no payload is read.
+// Lays out the entries of a numbered stream table in table order: no payload
+// is read. Counts in 64 bits and stops once past kMaxImageSize, where the
+// image is refused anyway.
 template <typename Table>
 EntityLayout layout_entity(const Table& table) {
   EntityLayout layout;
-  VKTDummyWriteStream counter(0);
-  for (size_t i = 0; i < table.size(); ++i) {
+  vkt_u64 end = 0;
+  for (size_t i = 0; i < table.size() && end <= kMaxImageSize; ++i) {
     const StreamEntry& entry = table.sorted(i);
-    insert_padding(counter, entry.alignment);
-    layout.offsets.push_back(counter.Offset());
+    end = round_up(end, entry.alignment);
+    layout.offsets.push_back(vkt_u32(end));
     layout.sizes.push_back(entry.size);
-    counter.Write(nullptr, entry.size);
-    if (entry.alignment > layout.maxAlignment) {
-      layout.maxAlignment = entry.alignment;
-    }
+    end += entry.size;
+    layout.maxAlignment = std::max(layout.maxAlignment, entry.alignment);
   }
-  layout.size = counter.Offset();
+  layout.size = end;
   return layout;
 }
 
@@ -85,6 +87,124 @@ void write_entity(VKTWriteStream& writer, const Table& table,
   }
 }
 
+// The strings in table order, each closed by a NUL, and where each starts.
+// Answers false when they pass kMaxImageSize (then nothing is built).
+template <typename Table>
+bool build_string_entity(const Table& strings, vkt_binary* entity,
+                         std::vector<vkt_u32>* offsets) {
+  vkt_u64 bytes = 0;
+  for (size_t i = 0; i < strings.size(); ++i) {
+    bytes += strings.sorted(i).size() + 1;
+  }
+  if (bytes > kMaxImageSize) return false;
+  entity->reserve(bytes);
+  offsets->resize(strings.size());
+  for (size_t i = 0; i < strings.size(); ++i) {
+    const std::string_view text = strings.sorted(i);
+    (*offsets)[i] = vkt_u32(entity->size());
+    entity->insert(entity->end(), text.begin(), text.end());
+    entity->push_back(0);
+  }
+  return true;
+}
+
+// The structural sections behind the root value, built in memory.
+struct BackSections {
+  vkt_binary stringOffsets;
+  vkt_binary strings;
+  vkt_binary bstreamOffsets;
+  vkt_binary bstreamSizes;
+  vkt_binary streamOffsets;
+  vkt_binary streamSizes;
+};
+
+// Places every section from the sizes of what precedes it: offsets in the
+// order of sSectionTable, and the image's whole size, in 64 bits.
+vkt_u64 place_sections(vkt_u32 headerSize, vkt_u64 keySize, vkt_u64 rootSize,
+                       const BackSections& back, const EntityLayout& bstreams,
+                       const EntityLayout& streams, bool ver4,
+                       vkt_u64 offsets[SECTION_COUNT]) {
+  for (vkt_u32 s = 0; s < SECTION_COUNT; ++s) offsets[s] = 0;
+  offsets[SECTION_KEY_OFFSET_ARRAY] = headerSize;
+  offsets[SECTION_KEY_ENTITY] = headerSize;
+  offsets[SECTION_ROOT_VALUE] = headerSize + keySize;
+  offsets[SECTION_STRING_OFFSET_ARRAY] = headerSize + keySize + rootSize;
+  offsets[SECTION_STRING_ENTITY] =
+      offsets[SECTION_STRING_OFFSET_ARRAY] + back.stringOffsets.size();
+  vkt_u64 at = offsets[SECTION_STRING_ENTITY] + back.strings.size();
+  offsets[SECTION_BSTREAM_OFFSET_ARRAY] = at;
+  if (ver4) {
+    offsets[SECTION_BSTREAM_SIZE_ARRAY] = at + back.bstreamOffsets.size();
+    offsets[SECTION_BSTREAM_ENTITY] =
+        round_up(offsets[SECTION_BSTREAM_SIZE_ARRAY] + back.bstreamSizes.size(),
+                 bstreams.maxAlignment);
+    at = offsets[SECTION_BSTREAM_ENTITY] + bstreams.size;
+  }
+  offsets[SECTION_STREAM_OFFSET_ARRAY] = at;
+  offsets[SECTION_STREAM_SIZE_ARRAY] = at + back.streamOffsets.size();
+  offsets[SECTION_STREAM_ENTITY] =
+      round_up(offsets[SECTION_STREAM_SIZE_ARRAY] + back.streamSizes.size(),
+               streams.maxAlignment);
+  return offsets[SECTION_STREAM_ENTITY] + streams.size;
+}
+
+// The header of a finished layout, checksum included, before any filter.
+void seal_header(vkt_u8* header, vkt_u32 version, vkt_u32 flags,
+                 const vkt_u64 offsets[SECTION_COUNT]) {
+  std::memset(header, 0, HEADER_SIZE);
+  std::memcpy(header + HEADER_OFST_MAGICNUMBER, MAGIC_NUMBER,
+              MAGIC_NUMBER_LENGTH);
+  write_16bit_unsigned(header + HEADER_OFST_VERSION, version);
+  write_16bit_unsigned(header + HEADER_OFST_FLAGS, flags & 0xFFFF);
+  for (vkt_u32 s = 0; s < SECTION_COUNT; ++s) {
+    if (section_present(s, version)) {
+      write_32bit_unsigned(header + sSectionTable[s].field,
+                           vkt_u32(offsets[s]));
+    }
+  }
+  write_32bit_unsigned(header + HEADER_OFST_CHECKSUM,
+                       header_checksum(header, version));
+}
+
+// The structural sections of the front (key table, root value) and behind
+// it (string tables) go through the filter, one call per section in file
+// order; a reader covers all four in one.
+void filter_sections(VKTFilter* filter, vkt_u32 flags, vkt_u32 version,
+                     vkt_u8* header, vkt_binary* front, vkt_u32 headerSize,
+                     vkt_u64 keySize, BackSections* back) {
+  if (filter == nullptr) return;
+  if (flags & VKT_FLAGS_FILTER_HEADER) filter_header(filter, header, version);
+  if (!(flags & VKT_FLAGS_FILTER_INFO)) return;
+  filter->Filter(front->data() + headerSize, vkt_u32(keySize));
+  filter->Filter(front->data() + headerSize + keySize,
+                 vkt_u32(front->size() - headerSize - keySize));
+  for (vkt_binary* section : {&back->stringOffsets, &back->strings}) {
+    filter->Filter(section->data(), vkt_size(section->size()));
+  }
+}
+
+// Everything behind the front, from the string tables to the last stream
+// payload; `start` is where the image's first byte went in the sink.
+template <typename Table>
+void write_back(VKTWriteStream& writer, const BackSections& back,
+                const Table& bstreamTable, const EntityLayout& bstreams,
+                const Table& streamTable, const EntityLayout& streams,
+                bool ver4, vkt_u64 start,
+                const vkt_u64 offsets[SECTION_COUNT]) {
+  writer.Write(back.stringOffsets);
+  writer.Write(back.strings);
+  if (ver4) {
+    writer.Write(back.bstreamOffsets);
+    writer.Write(back.bstreamSizes);
+    write_entity(writer, bstreamTable, bstreams,
+                 vkt_u32(start + offsets[SECTION_BSTREAM_ENTITY]));
+  }
+  writer.Write(back.streamOffsets);
+  writer.Write(back.streamSizes);
+  write_entity(writer, streamTable, streams,
+               vkt_u32(start + offsets[SECTION_STREAM_ENTITY]));
+}
+
 }  // namespace
 
 VKTWriterObject::VKTWriterObject()
@@ -94,33 +214,51 @@ vkt_binary VKTWriterObject::createImage(const VKTWriterValue& root,
                                         VKTFilter* structFilter,
                                         vkt_u32 flags) {
   vkt_binary result;
-  assemble(root, nullptr, structFilter, flags, &result);
+  if (!assemble(root, nullptr, structFilter, flags, &result)) {
+    vkt_binary().swap(result);  // its memory goes too
+  }
   return result;
 }
 
-void VKTWriterObject::writeImage(const VKTWriterValue& root,
+bool VKTWriterObject::writeImage(const VKTWriterValue& root,
                                  VKTWriteStream& writer,
                                  VKTFilter* structFilter, vkt_u32 flags) {
   vkt_binary front;
-  assemble(root, &writer, structFilter, flags, &front);
+  return assemble(root, &writer, structFilter, flags, &front);
 }
 
-void VKTWriterObject::assemble(const VKTWriterValue& root, VKTWriteStream* sink,
+bool VKTWriterObject::assemble(const VKTWriterValue& root, VKTWriteStream* sink,
                                VKTFilter* structFilter, vkt_u32 flags,
                                vkt_binary* front) {
+  mError = "";
   if (structFilter == nullptr) flags &= ~FLAGS_FILTER_BITS;
+  // Offsets count from the image's first byte, wherever the sink stands.
+  const vkt_u64 start = sink != nullptr ? sink->Offset() : 0;
 
   // Collect, then number: tags are positions in the sorted tables.
   Tables tables(mOptimize);
-  root.prepare(tables);
+  if (!root.prepare(tables)) {
+    mError = kTooDeep;
+    return false;
+  }
   tables.number();
+  tables.levels.resize(tables.deepest);
 
   const EntityLayout streams = layout_entity(tables.streams);
   const EntityLayout bstreams = layout_entity(tables.bstreams);
+  BackSections back;
+  std::vector<vkt_u32> stringOffsets;
+  // The payloads and strings alone may pass the limit: refused before the
+  // root value is built.
+  if (start + streams.size + bstreams.size > kMaxImageSize ||
+      !build_string_entity(tables.strings, &back.strings, &stringOffsets)) {
+    mError = kTooLarge;
+    return false;
+  }
 
   // Bstreams, and a byte order asked for, need the version-4 header.
   const bool ver4 = !bstreams.offsets.empty() || mEndianSet;
-  const vkt_u32 packVersion = ver4 ? CURRENT_VERSION : 3;
+  const vkt_u32 version = ver4 ? CURRENT_VERSION : 3;
   const vkt_u32 headerSize = ver4 ? HEADER_SIZE_VER4 : HEADER_SIZE_VER3;
   if (ver4 && mEndian == VKT_ENDIAN_BIG) flags |= VKT_FLAGS_ENDIAN_BIG;
 
@@ -133,118 +271,48 @@ void VKTWriterObject::assemble(const VKTWriterValue& root, VKTWriteStream* sink,
     for (size_t i = 0; i < keys.size(); ++i) keys[i] = tables.keys.sorted(i);
     createDAImage(keys, &image);
   }
-  const vkt_u32 keySize = vkt_u32(image.size()) - headerSize;
-
-  vkt_binary stringImage;
-  std::vector<vkt_u32> stringOffsetArray(tables.strings.size());
-  size_t stringBytes = 0;
-  for (size_t i = 0; i < tables.strings.size(); ++i) {
-    stringBytes += tables.strings.sorted(i).size() + 1;
-  }
-  stringImage.reserve(stringBytes);
-  for (size_t i = 0; i < tables.strings.size(); ++i) {
-    const std::string_view text = tables.strings.sorted(i);
-    stringOffsetArray[i] = vkt_u32(stringImage.size());
-    stringImage.insert(stringImage.end(), text.begin(), text.end());
-    stringImage.push_back(0);
-  }
+  const vkt_u64 keySize = image.size() - headerSize;
 
   // The root's likely size with a little slack for wider offsets and, when
   // the front becomes the whole image, all that follows it.
-  size_t expected = image.size() + tables.sizeHint + tables.sizeHint / 8;
+  vkt_u64 expected = image.size() + tables.sizeHint + tables.sizeHint / 8;
   if (sink == nullptr) {
-    expected += stringBytes + 5 * stringOffsetArray.size() + streams.size +
+    expected += back.strings.size() + 5 * stringOffsets.size() + streams.size +
                 bstreams.size + streams.maxAlignment + bstreams.maxAlignment +
                 8 * (streams.sizes.size() + bstreams.sizes.size()) + 64;
   }
-  image.reserve(expected);
-  root.createImage(tables, &image);
-  const vkt_u32 rootSize = vkt_u32(image.size()) - headerSize - keySize;
-
-  vkt_binary stringOffsetImage = create_unsigned_array(stringOffsetArray);
-  const vkt_binary streamOffsetImage = create_unsigned_array(streams.offsets);
-  const vkt_binary streamSizeImage = create_unsigned_array(streams.sizes);
-  const vkt_binary bstreamOffsetImage = create_unsigned_array(bstreams.offsets);
-  const vkt_binary bstreamSizeImage = create_unsigned_array(bstreams.sizes);
-
-  const vkt_u32 ofstKeyEntity = headerSize;
-  const vkt_u32 ofstRootValue = ofstKeyEntity + keySize;
-  const vkt_u32 ofstStringOffsetArray = ofstRootValue + rootSize;
-  const vkt_u32 ofstStringEntity =
-      ofstStringOffsetArray + vkt_u32(stringOffsetImage.size());
-  const vkt_u32 ofstBStreamOffsetArray =
-      ofstStringEntity + vkt_u32(stringImage.size());
-  vkt_u32 ofstBStreamSizeArray = 0;
-  vkt_u32 ofstBStreamEntity = 0;
-  vkt_u32 ofstStreamOffsetArray = ofstBStreamOffsetArray;
-  if (ver4) {
-    ofstBStreamSizeArray =
-        ofstBStreamOffsetArray + vkt_u32(bstreamOffsetImage.size());
-    ofstBStreamEntity =
-        round_up(ofstBStreamSizeArray + vkt_u32(bstreamSizeImage.size()),
-                 bstreams.maxAlignment);
-    ofstStreamOffsetArray = ofstBStreamEntity + bstreams.size;
+  if (expected <= kMaxImageSize) image.reserve(expected);
+  if (image.size() <= kMaxImageSize) {
+    ValueBuffer value(&image);
+    tables.value = &value;
+    root.createImage(tables);
+    value.finish();
   }
-  const vkt_u32 ofstStreamSizeArray =
-      ofstStreamOffsetArray + vkt_u32(streamOffsetImage.size());
-  const vkt_u32 ofstStreamEntity =
-      round_up(ofstStreamSizeArray + vkt_u32(streamSizeImage.size()),
-               streams.maxAlignment);
+  const vkt_u64 rootSize = image.size() - headerSize - keySize;
 
-  vkt_u8 header[HEADER_SIZE] = {};
-  std::memcpy(header + HEADER_OFST_MAGICNUMBER, MAGIC_NUMBER,
-              MAGIC_NUMBER_LENGTH);
-  write_16bit_unsigned(header + HEADER_OFST_VERSION, packVersion);
-  write_16bit_unsigned(header + HEADER_OFST_FLAGS, flags & 0xFFFF);
-  vkt_u32 offsets[SECTION_COUNT] = {};  // in the order of sSectionTable
-  offsets[SECTION_KEY_OFFSET_ARRAY] = ofstKeyEntity;
-  offsets[SECTION_KEY_ENTITY] = ofstKeyEntity;
-  offsets[SECTION_ROOT_VALUE] = ofstRootValue;
-  offsets[SECTION_STRING_OFFSET_ARRAY] = ofstStringOffsetArray;
-  offsets[SECTION_STRING_ENTITY] = ofstStringEntity;
-  offsets[SECTION_BSTREAM_OFFSET_ARRAY] = ofstBStreamOffsetArray;
-  offsets[SECTION_BSTREAM_SIZE_ARRAY] = ofstBStreamSizeArray;
-  offsets[SECTION_BSTREAM_ENTITY] = ofstBStreamEntity;
-  offsets[SECTION_STREAM_OFFSET_ARRAY] = ofstStreamOffsetArray;
-  offsets[SECTION_STREAM_SIZE_ARRAY] = ofstStreamSizeArray;
-  offsets[SECTION_STREAM_ENTITY] = ofstStreamEntity;
-  for (vkt_u32 s = 0; s < SECTION_COUNT; ++s) {
-    if (section_present(s, packVersion)) {
-      write_32bit_unsigned(header + sSectionTable[s].field, offsets[s]);
-    }
+  back.stringOffsets = create_unsigned_array(stringOffsets);
+  back.streamOffsets = create_unsigned_array(streams.offsets);
+  back.streamSizes = create_unsigned_array(streams.sizes);
+  back.bstreamOffsets = create_unsigned_array(bstreams.offsets);
+  back.bstreamSizes = create_unsigned_array(bstreams.sizes);
+  vkt_u64 offsets[SECTION_COUNT];
+  const vkt_u64 size = place_sections(headerSize, keySize, rootSize, back,
+                                      bstreams, streams, ver4, offsets);
+  if (tables.tooLarge || image.size() > kMaxImageSize ||
+      start + size > kMaxImageSize) {
+    mError = kTooLarge;
+    return false;
   }
-  // The checksum is taken on the plain header, before any filtering.
-  write_32bit_unsigned(header + HEADER_OFST_CHECKSUM,
-                       header_checksum(header, packVersion));
 
-  if (structFilter != nullptr) {
-    if (flags & VKT_FLAGS_FILTER_HEADER) {
-      filter_header(structFilter, header, packVersion);
-    }
-    if (flags & VKT_FLAGS_FILTER_INFO) {
-      // One call per section, in file order; a reader covers all four in one.
-      structFilter->Filter(image.data() + ofstKeyEntity, keySize);
-      structFilter->Filter(image.data() + ofstRootValue, rootSize);
-      for (vkt_binary* section : {&stringOffsetImage, &stringImage}) {
-        structFilter->Filter(section->data(), vkt_size(section->size()));
-      }
-    }
-  }
+  vkt_u8 header[HEADER_SIZE];
+  seal_header(header, version, flags, offsets);
+  filter_sections(structFilter, flags, version, header, &image, headerSize,
+                  keySize, &back);
   std::memcpy(image.data(), header, headerSize);
 
-  // Offsets count from the image's first byte, wherever the sink stands.
   VKTBinaryWriteStream rest(image);
-  VKTWriteStream& writer = sink != nullptr ? *sink : rest;
-  const vkt_u32 start = sink != nullptr ? sink->Offset() : 0;
   if (sink != nullptr) sink->Write(image);
-  writer.Write(stringOffsetImage);
-  writer.Write(stringImage);
-  if (ver4) {
-    writer.Write(bstreamOffsetImage);
-    writer.Write(bstreamSizeImage);
-    write_entity(writer, tables.bstreams, bstreams, start + ofstBStreamEntity);
-  }
-  writer.Write(streamOffsetImage);
-  writer.Write(streamSizeImage);
-  write_entity(writer, tables.streams, streams, start + ofstStreamEntity);
+  write_back(sink != nullptr ? *sink : rest, back, tables.bstreams, bstreams,
+             tables.streams, streams, ver4, start, offsets);
+  return true;
 }

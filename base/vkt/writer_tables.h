@@ -8,45 +8,61 @@
 #define VKT_WRITER_TABLES_H_
 
 #include <algorithm>
-#include <deque>
 #include <string_view>
 #include <vector>
 
 #include "vkt/writer_blocks.h"
 
+namespace vkt_internal {
+
+// The largest image that 32-bit offsets and sizes address.
+const vkt_u64 kMaxImageSize = 0xFFFFFFFF;
+
 // Distinct entries in first-seen order, found by hash; after number(), the
 // ids in table order and each id's place in it. Traits gives hash(e),
-// equal(a, b) and less(a, b), the table order.
+// equal(a, b), less(a, b), the table order, and prefix(e), a number whose
+// order agrees with it (a smaller prefix is a smaller entry), so that the
+// sort looks at the entries themselves only on equal prefixes.
 template <typename Entry, typename Traits>
 class Interner {
  public:
   vkt_u32 add(const Entry& e) {
-    if ((mEntries.size() + 1) * 2 > mSlots.size()) grow();
     const vkt_u64 h = Traits::hash(e);
-    const size_t mask = mSlots.size() - 1;
-    for (size_t i = size_t(h) & mask;; i = (i + 1) & mask) {
-      const vkt_u32 slot = mSlots[i];
-      if (slot == 0) {
-        mEntries.push_back(e);
-        mHashes.push_back(h);
-        mSlots[i] = vkt_u32(mEntries.size());
-        return mSlots[i] - 1;
-      }
-      if (mHashes[slot - 1] == h && Traits::equal(mEntries[slot - 1], e)) {
-        return slot - 1;
-      }
+    const vkt_u32 next = vkt_u32(mEntries.size());
+    const vkt_u32 id = mIndex.findOrAdd(
+        h, next,
+        [&](vkt_u32 i) {
+          return mHashes[i] == h && Traits::equal(mEntries[i], e);
+        },
+        [this](vkt_u32 i) { return mHashes[i]; });
+    if (id == next) {
+      mEntries.push_back(e);
+      mHashes.push_back(h);
     }
+    return id;
   }
 
   // Sorts once; after this tag(id) is the entry's place in table order.
   void number() {
+    struct Keyed {
+      vkt_u64 prefix;
+      vkt_u32 id;
+    };
+    std::vector<Keyed> keyed(mEntries.size());
+    for (vkt_u32 i = 0; i < keyed.size(); ++i) {
+      keyed[i] = Keyed{Traits::prefix(mEntries[i]), i};
+    }
+    std::sort(keyed.begin(), keyed.end(),
+              [this](const Keyed& a, const Keyed& b) {
+                if (a.prefix != b.prefix) return a.prefix < b.prefix;
+                return Traits::less(mEntries[a.id], mEntries[b.id]);
+              });
     mOrder.resize(mEntries.size());
-    for (vkt_u32 i = 0; i < mOrder.size(); ++i) mOrder[i] = i;
-    std::sort(mOrder.begin(), mOrder.end(), [this](vkt_u32 a, vkt_u32 b) {
-      return Traits::less(mEntries[a], mEntries[b]);
-    });
     mRank.resize(mEntries.size());
-    for (vkt_u32 i = 0; i < mOrder.size(); ++i) mRank[mOrder[i]] = i;
+    for (vkt_u32 i = 0; i < mOrder.size(); ++i) {
+      mOrder[i] = keyed[i].id;
+      mRank[keyed[i].id] = i;
+    }
   }
 
   vkt_u32 tag(vkt_u32 id) const { return mRank[id]; }
@@ -55,19 +71,9 @@ class Interner {
   const Entry& sorted(size_t index) const { return mEntries[mOrder[index]]; }
 
  private:
-  void grow() {
-    mSlots.assign(mSlots.empty() ? 64 : mSlots.size() * 2, 0);
-    const size_t mask = mSlots.size() - 1;
-    for (vkt_u32 id = 0; id < mEntries.size(); ++id) {
-      size_t i = size_t(mHashes[id]) & mask;
-      while (mSlots[i] != 0) i = (i + 1) & mask;
-      mSlots[i] = id + 1;
-    }
-  }
-
   std::vector<Entry> mEntries;
   std::vector<vkt_u64> mHashes;
-  std::vector<vkt_u32> mSlots;  // id + 1, 0 for a free slot
+  OpenIndex mIndex;
   std::vector<vkt_u32> mOrder;
   std::vector<vkt_u32> mRank;
 };
@@ -80,6 +86,14 @@ struct TextTraits {
   }
   static bool equal(std::string_view a, std::string_view b) { return a == b; }
   static bool less(std::string_view a, std::string_view b) { return a < b; }
+  // The first eight bytes, the first one highest, zeros past the end.
+  static vkt_u64 prefix(std::string_view s) {
+    vkt_u64 p = 0;
+    for (size_t i = 0; i < 8; ++i) {
+      p = p << 8 | (i < s.size() ? vkt_u8(s[i]) : 0);
+    }
+    return p;
+  }
 };
 
 // One stream payload, not owned. Equal entries are one payload: memory by
@@ -101,6 +115,9 @@ struct StreamTraits {
   static bool equal(const StreamEntry& a, const StreamEntry& b) {
     return !less(a, b) && !less(b, a);
   }
+  static vkt_u64 prefix(const StreamEntry& e) {
+    return vkt_u64(e.alignment) << 32 | e.size;
+  }
   static bool less(const StreamEntry& a, const StreamEntry& b) {
     if (a.alignment != b.alignment) return a.alignment < b.alignment;
     if (a.size != b.size) return a.size < b.size;
@@ -112,69 +129,187 @@ struct StreamTraits {
   }
 };
 
-// The element images of the container being written at one depth, each
-// stored once: an entry names a stretch of the value buffer by offset and
-// length, so an image is compared where it lies and never copied.
-class SiblingImages {
+// The bytes of the root value as the encoding walk builds them: a vector
+// kept at its full size with the bytes in use counted apart, so an append
+// is a plain copy; trimmed to the bytes in use by finish().
+class ValueBuffer {
  public:
-  // Starts a container of at most `count` elements. A small one is
-  // searched by a scan of the hashes, a larger one through a hash table.
+  explicit ValueBuffer(vkt_binary* bytes)
+      : mBytes(bytes), mUsed(bytes->size()) {}
+  size_t size() const { return mUsed; }
+  vkt_u8* data() { return mBytes->data(); }
+  // Room for `more` bytes behind those in use; answers where they go.
+  vkt_u8* room(size_t more) {
+    if (mUsed + more > mBytes->size()) grow(mUsed + more);
+    return mBytes->data() + mUsed;
+  }
+  void append(const vkt_u8* p, size_t n) {
+    std::memcpy(room(n), p, n);
+    mUsed += n;
+  }
+  // The `n` bytes of a scalar's image at the front of `buf`, copied whole
+  // (the bytes past n land behind the ones in use and stay unused).
+  void appendScalar(const vkt_u8 (&buf)[SCALAR_BUFFER_SIZE], size_t n) {
+    std::memcpy(room(SCALAR_BUFFER_SIZE), buf, SCALAR_BUFFER_SIZE);
+    mUsed += n;
+  }
+  // Drops the bytes from `size` on, or adds zero bytes up to it.
+  void resize(size_t size) {
+    if (size > mUsed) std::memset(room(size - mUsed), 0, size - mUsed);
+    mUsed = size;
+  }
+  // Moves the bytes from `pos` on by `n`: zero bytes open at `pos` for a
+  // positive n, the n bytes in front of `pos` close for a negative one.
+  void slide(size_t pos, std::ptrdiff_t n) {
+    if (n > 0) room(size_t(n));
+    vkt_u8* p = mBytes->data();
+    std::memmove(p + pos + n, p + pos, mUsed - pos);
+    if (n > 0) std::memset(p + pos, 0, size_t(n));
+    mUsed += n;
+  }
+  void finish() { mBytes->resize(mUsed); }
+
+ private:
+  // The buffer starts with the capacity prepare's size hint asks, which is
+  // seldom far off, so it first fills that and then grows by halves.
+  void grow(size_t need) {
+    const size_t capacity = mBytes->capacity();
+    size_t size =
+        capacity > mBytes->size() ? capacity : capacity + capacity / 2;
+    if (size < need) size = need;
+    mBytes->resize(size);
+  }
+  vkt_binary* mBytes;
+  size_t mUsed;
+};
+
+// The element images of the container being written at one depth, each
+// stored once; Traits says what an image is (Image, with its `offset`), how
+// it hashes and when two are equal. The first few are compared one by one;
+// past kScanUpTo they go into a hash index, which grows with them.
+template <typename Traits>
+class SiblingSet {
+ public:
+  typedef typename Traits::Image Image;
+
+  // Starts a container of `count` elements.
   void reset(size_t count) {
-    mStretches.clear();
-    mSlots.clear();
-    if (count <= kScanUpTo) return;
-    size_t slots = 2 * kScanUpTo;
-    while (slots < count * 2) slots *= 2;
-    mSlots.assign(slots, 0);
+    mImages.clear();
+    mIndex.clear();
+    mCount = count;
   }
 
-  // The image just written at [begin, end) of `buffer`: answers the offset
-  // of an equal image stored before, or `begin` when it is new.
-  vkt_u32 place(const vkt_binary& buffer, vkt_u32 begin, vkt_u32 end) {
-    const vkt_u8* p = buffer.data();
-    Stretch image{begin, end - begin, 0};
-    if (mSlots.empty()) {  // a few images: compare them, no hash needed
-      for (const Stretch& s : mStretches) {
-        if (s.length == image.length &&
-            std::memcmp(p + s.offset, p + begin, s.length) == 0) {
-          return s.offset;
-        }
-      }
-      mStretches.push_back(image);
-      return begin;
+  // A new element's image: answers the offset of an equal image stored
+  // before, or the image's own offset when it is new.
+  vkt_u32 place(const Image& image, const vkt_u8* buffer) {
+    if (!mIndex.empty() || mImages.size() == kScanUpTo) {
+      return placeHashed(image, buffer);
     }
-    image.hash = hash_bytes(p + begin, image.length);
-    const size_t mask = mSlots.size() - 1;
-    for (size_t i = size_t(image.hash) & mask;; i = (i + 1) & mask) {
-      const vkt_u32 slot = mSlots[i];
-      if (slot == 0) {
-        mStretches.push_back(image);
-        mSlots[i] = vkt_u32(mStretches.size());
-        return begin;
-      }
-      if (equal(p, mStretches[slot - 1], image)) {
-        return mStretches[slot - 1].offset;
-      }
+    for (const Image& s : mImages) {
+      if (Traits::equal(s, image, buffer)) return s.offset;
     }
+    mImages.push_back(image);
+    return image.offset;
   }
 
  private:
   static const size_t kScanUpTo = 8;
-  struct Stretch {
+
+  vkt_u32 placeHashed(const Image& image, const vkt_u8* buffer) {
+    if (mIndex.empty()) {  // from scanning to the index
+      mIndex.reserve(mCount);
+      for (vkt_u32 i = 0; i < mImages.size(); ++i) {
+        mImages[i].hash = Traits::hash(mImages[i], buffer);
+        mIndex.findOrAdd(
+            mImages[i].hash, i, [](vkt_u32) { return false; },
+            [this](vkt_u32 j) { return mImages[j].hash; });
+      }
+    }
+    Image hashed = image;
+    hashed.hash = Traits::hash(image, buffer);
+    const vkt_u32 next = vkt_u32(mImages.size());
+    const vkt_u32 found = mIndex.findOrAdd(
+        hashed.hash, next,
+        [&](vkt_u32 i) {
+          return mImages[i].hash == hashed.hash &&
+                 Traits::equal(mImages[i], hashed, buffer);
+        },
+        [this](vkt_u32 i) { return mImages[i].hash; });
+    if (found != next) return mImages[found].offset;
+    mImages.push_back(hashed);
+    return hashed.offset;
+  }
+
+  std::vector<Image> mImages;
+  OpenIndex mIndex;
+  size_t mCount = 0;  // elements of the container
+};
+
+// A container's image: a stretch of the value buffer named by offset and
+// length, compared where it lies and never copied.
+struct StretchTraits {
+  struct Image {
     vkt_u32 offset;
     vkt_u32 length;
     vkt_u64 hash;
   };
-  static bool equal(const vkt_u8* p, const Stretch& a, const Stretch& b) {
-    return a.hash == b.hash && a.length == b.length &&
+  static vkt_u64 hash(const Image& a, const vkt_u8* p) {
+    return hash_bytes(p + a.offset, a.length);
+  }
+  static bool equal(const Image& a, const Image& b, const vkt_u8* p) {
+    return a.length == b.length &&
            std::memcmp(p + a.offset, p + b.offset, a.length) == 0;
   }
-  std::vector<vkt_u32> mSlots;  // stretch index + 1, 0 for a free slot
-  std::vector<Stretch> mStretches;
 };
 
+// A scalar's image fits SCALAR_BUFFER_SIZE bytes and is its own key: its
+// bytes as two words, zero past its end (the caller zeroes the buffer it
+// encodes into), so equal words are equal images and no bytes are compared.
+struct ScalarTraits {
+  struct Image {
+    vkt_u64 low, high;
+    vkt_u32 offset;
+    vkt_u64 hash;
+  };
+  static Image of(const vkt_u8 (&buf)[SCALAR_BUFFER_SIZE], vkt_u32 offset) {
+    static_assert(SCALAR_BUFFER_SIZE == 16, "two words hold a scalar");
+    Image image{0, 0, offset, 0};
+    std::memcpy(&image.low, buf, 8);
+    std::memcpy(&image.high, buf + 8, 8);
+    return image;
+  }
+  static vkt_u64 hash(const Image& a, const vkt_u8*) {
+    vkt_u64 h =
+        (a.low ^ a.high * 0xC2B2AE3D27D4EB4Full) * 0x9E3779B97F4A7C15ull;
+    return h ^ (h >> 32);
+  }
+  static bool equal(const Image& a, const Image& b, const vkt_u8*) {
+    return a.low == b.low && a.high == b.high;
+  }
+};
+
+}  // namespace vkt_internal
+
 struct VKTWriterObject::Tables {
+  typedef vkt_internal::Interner<std::string_view, vkt_internal::TextTraits>
+      TextTable;
+  typedef vkt_internal::Interner<vkt_internal::StreamEntry,
+                                 vkt_internal::StreamTraits>
+      StreamTable;
   explicit Tables(bool optimize) : optimize(optimize) {}
+
+  // The id of a member's key, `position` its place in its object. Objects
+  // of one shape (records) repeat their keys place by place, so the last
+  // key seen at each place is tried before the table.
+  vkt_u32 keyAt(size_t position, std::string_view key) {
+    if (position >= kKeyPlaces) return keys.add(key);
+    KeyPlace& last = lastKeys[position];
+    if (last.key.data() == nullptr || last.key != key) {
+      last.key = key;
+      last.id = keys.add(key);
+    }
+    return last.id;
+  }
 
   // Sorts every table once all entries are in.
   void number() {
@@ -184,24 +319,31 @@ struct VKTWriterObject::Tables {
     bstreams.number();
   }
 
-  // Scratch space of one container depth; a deque keeps a level's address
-  // while deeper levels are added.
+  // Scratch space of one container depth, one per depth that prepare saw
+  // (levels is sized once, so a level keeps its address).
   struct Level {
     std::vector<vkt_u32> keys;
     std::vector<vkt_u32> offsets;
-    SiblingImages siblings;
+    vkt_internal::SiblingSet<vkt_internal::StretchTraits> siblings;
+    vkt_internal::SiblingSet<vkt_internal::ScalarTraits> scalars;
   };
-  Level& level(size_t depth) {
-    while (levels.size() <= depth) levels.emplace_back();
-    return levels[depth];
-  }
 
-  Interner<std::string_view, TextTraits> keys;
-  Interner<std::string_view, TextTraits> strings;
-  Interner<StreamEntry, StreamTraits> streams;
-  Interner<StreamEntry, StreamTraits> bstreams;
+  TextTable keys;
+  struct KeyPlace {
+    std::string_view key;  // null before the first key at this place
+    vkt_u32 id;
+  };
+  static const size_t kKeyPlaces = 32;
+  KeyPlace lastKeys[kKeyPlaces] = {};
+  TextTable strings;
+  StreamTable streams;
+  StreamTable bstreams;
   const bool optimize;  // share equal element images within a container
-  std::deque<Level> levels;
+  std::vector<Level> levels;
+  vkt_internal::ValueBuffer* value = nullptr;  // the encoding walk's output
+  // Set once the root value passes kMaxImageSize; the walk then stops.
+  bool tooLarge = false;
+  size_t deepest = 0;   // containers open at once, at most, as prepare saw
   size_t depth = 0;     // of the container being written
   size_t sizeHint = 0;  // the root value's likely size, summed by prepare
 };

@@ -3,8 +3,12 @@
 // writer_blocks.h). There is no copy on write: nodes sharing a block see
 // every change made to its contents.
 #include <algorithm>
+#include <vector>
 
 #include "vkt/writer_blocks.h"
+
+using vkt_internal::allocate_with_text;
+using vkt_internal::hash_bytes;
 
 namespace {
 
@@ -80,15 +84,73 @@ void VKTWriterValue::clear() {
       release(mStreamInfo);
       break;
     case TYPE_ARRAY:
-      release(mArrayInfo);
-      break;
     case TYPE_OBJECT:
-      release(mObjectInfo);
+      releaseContainer();
       break;
     default:
       break;
   }
   mType = TYPE_NULL;
+}
+
+void VKTWriterValue::releaseContainer() {
+  // A walk in element order over the blocks whose last reference is gone,
+  // as a recursive delete would take them, with its stack on the heap past
+  // a few levels. Each container element drops its reference and is made
+  // null before its block goes, so the block's own destructor never
+  // reaches a container and the call stack stays flat whatever the depth.
+  struct Dying {
+    bool isArray;
+    void* block;
+    size_t next;  // index of the next element to look at
+  };
+  const size_t kFew = 16;
+  Dying few[kFew];
+  size_t fewCount = 0;
+  std::vector<Dying> more;
+  auto detach = [&](VKTWriterValue& node) {
+    const bool isArray = node.mType == TYPE_ARRAY;
+    if (!isArray && node.mType != TYPE_OBJECT) return;
+    void* block = isArray ? static_cast<void*>(node.mArrayInfo)
+                          : static_cast<void*>(node.mObjectInfo);
+    node.mType = TYPE_NULL;
+    if (--(isArray ? static_cast<ArrayInfo*>(block)->mRefCount
+                   : static_cast<ObjectInfo*>(block)->mRefCount) > 0) {
+      return;
+    }
+    if (fewCount < kFew) {
+      few[fewCount++] = Dying{isArray, block, 0};
+    } else {
+      more.push_back(Dying{isArray, block, 0});
+    }
+  };
+  detach(*this);
+  while (fewCount != 0) {
+    Dying& top = more.empty() ? few[fewCount - 1] : more.back();
+    VKTWriterValue* child = nullptr;
+    if (top.isArray) {
+      ArrayInfo* block = static_cast<ArrayInfo*>(top.block);
+      if (top.next < block->mSize) {
+        child = &block->mData[top.next++];
+      } else {
+        delete block;
+      }
+    } else {
+      ObjectInfo* block = static_cast<ObjectInfo*>(top.block);
+      if (top.next < block->mMembers.size()) {
+        child = &block->mMembers[top.next++]->mValue;
+      } else {
+        delete block;
+      }
+    }
+    if (child != nullptr) {
+      detach(*child);
+    } else if (!more.empty()) {
+      more.pop_back();
+    } else {
+      --fewCount;
+    }
+  }
 }
 
 void VKTWriterValue::setInt(vkt_s32 value) {
@@ -212,52 +274,48 @@ const size_t kIndexFrom = 16;
 }  // namespace
 
 VKTWriterValue& VKTWriterValue::ObjectInfo::at(std::string_view key) {
-  const vkt_u64 hash = mIndex.empty() ? 0 : hash_bytes(key.data(), key.size());
-  if (Member* m = find(key, hash)) return m->mValue;
-  Member* m = new (allocate_with_text<Member>(key.size())) Member(key);
+  const vkt_u32 next = vkt_u32(mMembers.size());
+  vkt_u32 found = next;
+  if (mIndex.empty()) {
+    for (vkt_u32 i = 0; i < next && found == next; ++i) {
+      if (mMembers[i]->key() == key) found = i;
+    }
+  } else {
+    found = mIndex.findOrAdd(
+        hash_bytes(key.data(), key.size()), next,
+        [&](vkt_u32 i) { return mMembers[i]->key() == key; },
+        [this](vkt_u32 i) { return mMembers[i]->keyHash(); });
+  }
+  if (found != next) return mMembers[found]->mValue;
+  Member* m = nullptr;
+  try {
+    if (mMembers.size() == mMembers.capacity()) {  // 4, 6, 9...: little slack
+      mMembers.reserve(mMembers.empty() ? 4 : mMembers.size() * 3 / 2);
+    }
+    m = new (allocate_with_text<Member>(key.size())) Member(key);
+  } catch (...) {
+    // The index has a slot for the member that did not come: rebuilt, or
+    // left empty (the object is then scanned) if that fails too.
+    if (!mIndex.empty()) indexAll();
+    throw;
+  }
   if (mSorted && !mMembers.empty() && mMembers.back()->key() > key) {
     mSorted = false;
   }
-  if (mMembers.size() == mMembers.capacity()) {  // 4, 6, 9, ...: little slack
-    mMembers.reserve(mMembers.empty() ? 4 : mMembers.size() * 3 / 2);
-  }
   mMembers.push_back(m);
-  if (mMembers.size() * 2 > mIndex.size()) {
-    if (mMembers.size() >= kIndexFrom) rebuildIndex();
-  } else {
-    insertIndex(m, hash);
-  }
+  if (mIndex.empty() && mMembers.size() == kIndexFrom) indexAll();
   return m->mValue;
 }
 
-VKTWriterValue::Member* VKTWriterValue::ObjectInfo::find(std::string_view key,
-                                                         vkt_u64 hash) const {
-  if (mIndex.empty()) {
-    for (Member* m : mMembers) {
-      if (m->key() == key) return m;
-    }
-    return nullptr;
-  }
-  const size_t mask = mIndex.size() - 1;
-  for (size_t i = size_t(hash) & mask;; i = (i + 1) & mask) {
-    Member* m = mIndex[i];
-    if (m == nullptr || m->key() == key) return m;
-  }
-}
-
-void VKTWriterValue::ObjectInfo::insertIndex(Member* m, vkt_u64 hash) {
-  const size_t mask = mIndex.size() - 1;
-  size_t i = size_t(hash) & mask;
-  while (mIndex[i] != nullptr) i = (i + 1) & mask;
-  mIndex[i] = m;
-}
-
-void VKTWriterValue::ObjectInfo::rebuildIndex() {
-  size_t slots = 2 * kIndexFrom;
-  while (slots < mMembers.size() * 4) slots *= 2;
-  mIndex.assign(slots, nullptr);
-  for (Member* m : mMembers) {
-    insertIndex(m, hash_bytes(m->key().data(), m->key().size()));
+// All slots are made first, so a failed allocation leaves the index empty
+// rather than missing members.
+void VKTWriterValue::ObjectInfo::indexAll() const {
+  mIndex.clear();
+  mIndex.reserve(mMembers.size());
+  for (vkt_u32 i = 0; i < mMembers.size(); ++i) {
+    mIndex.findOrAdd(
+        mMembers[i]->keyHash(), i, [](vkt_u32) { return false; },
+        [this](vkt_u32 j) { return mMembers[j]->keyHash(); });
   }
 }
 
@@ -268,4 +326,5 @@ void VKTWriterValue::ObjectInfo::sort() const {
       mMembers.begin(), mMembers.end(),
       [](const Member* a, const Member* b) { return a->key() < b->key(); });
   mSorted = true;
+  if (!mIndex.empty()) indexAll();  // the indexes moved
 }
