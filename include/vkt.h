@@ -982,8 +982,12 @@ class VKTWriterObject {
   // or "" when it succeeded. A tree is refused when it nests deeper than
   // VKT_MAX_DEPTH ("tree nests deeper than 255") or when its image would
   // pass what 32-bit offsets and sizes address: 4 GiB - 1 bytes, up to the
-  // last byte as the sink counts it ("image larger than 4 GiB"). Both are
-  // found before a byte is written or a stream payload read.
+  // last byte as the sink counts it ("image larger than 4 GiB"), or when it
+  // holds more values (each reference to a shared node counted) than
+  // VKTVerifyLimits::defaultMaxValues allows for its image ("values shared
+  // more often than verify accepts for the image's size"), so that every
+  // image it makes passes verify's defaults. All are found before a byte is
+  // written or a stream payload read.
   const char* error() const { return mError; }
   // Share equal element images within each container (on by default).
   void setOptimize(bool state) { mOptimize = state; }

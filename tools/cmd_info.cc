@@ -55,7 +55,7 @@ Sharing measure_sharing(const CheckedImage& image, vkt_u64 values) {
       writer.setEndian(image.object().endian());
     CountingSink sink;
     // A refusal (the unshared tree past 4 GiB) leaves the figure out.
-    if (!writer.writeImage(tree, sink)) return Sharing{false, 0, 0};
+    if (!writer.writeImage(tree, sink)) return Sharing{true, false, 0, 0};
     (optimize ? result.shared : result.unshared) = sink.Offset();
   }
   return result;

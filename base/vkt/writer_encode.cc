@@ -51,6 +51,7 @@ vkt_u32 head_hint(size_t count, bool withKeys) {
 // container is only opened here, its elements follow from prepare's stack.
 void VKTWriterValue::prepareNode(VKTWriterObject::Tables& tables) const {
   tables.sizeHint += kSizeHint[mType];
+  ++tables.values;
   switch (mType) {
     case TYPE_STRING:
       mStringInfo->mTag = tables.strings.add(mStringInfo->text());
@@ -110,6 +111,7 @@ bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
             break;
           }
           tables.sizeHint += kSizeHint[e.mType];
+          ++tables.values;
         }
         if (node != nullptr) break;
         array.mSizeHint = clamp_u32(tables.sizeHint - top.before);

@@ -26,6 +26,8 @@ namespace {
 
 const char* const kTooDeep = "tree nests deeper than 255";
 const char* const kTooLarge = "image larger than 4 GiB";
+const char* const kTooShared =
+    "values shared more often than verify accepts for the image's size";
 static_assert(VKT_MAX_DEPTH == 255, "kTooDeep names the limit");
 
 // Rounds x up to a multiple of a; 0 means no alignment.
@@ -301,6 +303,12 @@ bool VKTWriterObject::assemble(const VKTWriterValue& root, VKTWriteStream* sink,
   if (tables.tooLarge || image.size() > kMaxImageSize ||
       start + size > kMaxImageSize) {
     mError = kTooLarge;
+    return false;
+  }
+  // Verify's default budget of values, so that every image made here passes
+  // it: sharing may not make a small image stand for too many values.
+  if (tables.values > VKTVerifyLimits::defaultMaxValues(size)) {
+    mError = kTooShared;
     return false;
   }
 

@@ -346,6 +346,7 @@ struct VKTWriterObject::Tables {
   size_t deepest = 0;   // containers open at once, at most, as prepare saw
   size_t depth = 0;     // of the container being written
   size_t sizeHint = 0;  // the root value's likely size, summed by prepare
+  vkt_u64 values = 0;   // nodes prepare visited: the image's values, unshared
 };
 
 #endif  // VKT_WRITER_TABLES_H_
