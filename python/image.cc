@@ -204,6 +204,15 @@ py::object wrap(const ImageRef& image, const VKTValue& v) {
   return scalar(image, v);
 }
 
+// The Python string of a member's name, made once per key tag.
+const py::object& name_of(const ImageRef& image, const VKTMember& m) {
+  std::vector<py::object>& names = image->names;
+  if (m.keyTag >= names.size()) names.resize(size_t(m.keyTag) + 1);
+  py::object& name = names[m.keyTag];
+  if (!name) name = py::str(m.name.data(), m.name.size());
+  return name;
+}
+
 py::object to_python_checked(const ImageRef& image, const VKTValue& v) {
   if (v.type() == VKT_TYPE_ARRAY) {
     py::list out(v.size());
@@ -216,8 +225,7 @@ py::object to_python_checked(const ImageRef& image, const VKTValue& v) {
   if (v.type() == VKT_TYPE_OBJECT) {
     py::dict out;
     for (const VKTMember& m : v.members()) {
-      out[py::str(m.name.data(), m.name.size())] =
-          to_python_checked(image, m.value);
+      out[name_of(image, m)] = to_python_checked(image, m.value);
     }
     return out;
   }

@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "vkt.h"
 
@@ -21,6 +22,9 @@ struct ImageState {
   py::buffer_info buffer;
   std::unique_ptr<VKTObject> object;
   bool trusted = false;
+  // Member names as Python strings, by key tag, made once each (with the
+  // GIL held) so that a whole-image conversion shares them.
+  mutable std::vector<py::object> names;
 };
 typedef std::shared_ptr<const ImageState> ImageRef;
 
