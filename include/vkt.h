@@ -305,6 +305,14 @@ class VKTValue {
   // image's first string, or "" when the image has none or the view is null.
   // Valid while the VKTObject lives.
   const char* asString() const;  // inline, below VKTObject
+  // The same string with its length, NULs inside it included: the bytes up to
+  // the next string's offset, or for the last string up to the end of the
+  // string table, less the closing NUL. Constant time on every image the
+  // library writes. Where the table does not give a length ending on a NUL in
+  // front of the next offset (an image not laid out by the library), the
+  // string ends at its first NUL, as asString. Valid while the VKTObject
+  // lives; on a checked image, after verifyStep of this value.
+  std::string_view asStringView() const;
   // The payload of a stream or bstream value, or null when its bytes are not
   // in memory (purged, or the image was opened through a VKTReadStream) or
   // the value is no stream. A stream payload stays valid while its bytes do:

@@ -329,6 +329,13 @@ const PrintCase sPrintCases[] = {
      "\xC3\xA9\"",
      R"("q\"b\\s/\n\t\r\b\f\u0001\u001f)"
      "\xC3\xA9\""},
+    // NULs inside strings, and the last string of the table, print whole.
+    {[](VKTWriterValue* v) {
+       (*v)[0] = std::string("\0a\0", 3);
+       (*v)[1] = "";
+       (*v)[2] = std::string("z\0", 2);
+     },
+     R"(["\u0000a\u0000","","z\u0000"])", R"(["\u0000a\u0000","","z\u0000"])"},
     {[](VKTWriterValue* v) {
        (*v)[0] = vkt_s64(-5000000000);
        (*v)[1] = false;

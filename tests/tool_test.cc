@@ -230,6 +230,16 @@ TEST_F(ToolTest, PrintErrorPathsFeedGet) {
   EXPECT_EQ(lax.out, "\"\xef\xbf\xbd\"\n");
 }
 
+// --lax packs NULs in strings; unpack and get print the strings whole.
+TEST_F(ToolTest, LaxPackKeepsNulsInStrings) {
+  const std::string text = R"({"a":"x\u0000y","b":["\u0000",""]})";
+  write_file(at("nul.json"), text);
+  ASSERT_EQ(vkt({"pack", at("nul.json"), "--lax", "-o", at("nul.vkt")}).code,
+            0);
+  EXPECT_EQ(vkt({"unpack", at("nul.vkt")}).out, text + "\n");
+  EXPECT_EQ(vkt({"get", at("nul.vkt"), "b[0]"}).out, "\"\\u0000\"\n");
+}
+
 // Each bad input fails with a message of its own, and the output file that
 // was there stays as it was.
 TEST_F(ToolTest, BadInputsFailCleanly) {
