@@ -677,6 +677,12 @@ class VKTObject {
 
   VKTObject(const VKTObject&) = delete;
   VKTObject& operator=(const VKTObject&) = delete;
+  // Moving hands the image, its ownership and the caches over; views and
+  // readers taken from `other` die with the move. The moved-from object holds
+  // no image (root() is the null view, image() null, size() 0, no sections)
+  // and may be destroyed or assigned to.
+  VKTObject(VKTObject&& other) noexcept;
+  VKTObject& operator=(VKTObject&& other) noexcept;
 
   // Validates the header of the image at `p` and makes the image plain in
   // place: unscrambles it with `structFilter` and clears the filter bits of
@@ -744,7 +750,10 @@ class VKTObject {
                            VKTVerifyReport* report = nullptr,
                            const VKTVerifyLimits* limits = nullptr);
 
-  VKTValue root() const { return VKTValue(this, mRootValuePtr); }
+  VKTValue root() const {
+    return mRootValuePtr == nullptr ? VKTValue()
+                                    : VKTValue(this, mRootValuePtr);
+  }
 
   // Moves a VKT_ALLOC_DUPLICATE or VKT_ALLOC_OWN object to VKT_ALLOC_PURGE:
   // the front part is copied, so that purgeStreamEntity can release the
@@ -831,6 +840,9 @@ class VKTObject {
   // opened through a VKTReadStream (never more than the image), else all.
   vkt_u32 frontPartSize() const;
   void releaseStreamBuffer();
+  // Frees what the object owns (the destructor's work), and leaves it empty.
+  void release();
+  void makeEmpty();
 
   bool findKey(const char* key, vkt_u32* result, vkt_u32* hint) const;
   std::string getKey(vkt_u32 keyTag) const;
