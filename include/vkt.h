@@ -1100,14 +1100,15 @@ class VKTWriterValue {
   void operator=(bool value) { setBool(value); }
   void operator=(const char* value) { setString(std::string(value)); }
   void operator=(const std::string& value) { setString(value); }
-  // Other integer types (unsigned, long long, size_t, char...): a type whose
-  // every value fits a vkt_s32 is stored as an integer, any other as a long
-  // integer (wrapping above the vkt_s64 range). The image holds the value in
-  // its smallest width either way.
-  template <typename T,
-            typename std::enable_if<std::is_integral<T>::value &&
-                                        !std::is_same<T, bool>::value,
-                                    int>::type = 0>
+  // Other integer types (unsigned, long long, char...): a type whose every
+  // value fits a vkt_s32 is stored as an integer, any other as a long
+  // integer. The image holds the value in its smallest width either way.
+  template <typename T>
+  using IfSignedFits64 = typename std::enable_if<
+      std::is_integral<T>::value && !std::is_same<T, bool>::value &&
+          (std::is_signed<T>::value || sizeof(T) < sizeof(vkt_s64)),
+      int>::type;
+  template <typename T, IfSignedFits64<T> = 0>
   void operator=(T value) {
     if (std::is_signed<T>::value ? (sizeof(T) <= sizeof(vkt_s32))
                                  : (sizeof(T) < sizeof(vkt_s32))) {
@@ -1116,6 +1117,15 @@ class VKTWriterValue {
       setLongInt(static_cast<vkt_s64>(value));
     }
   }
+  // An unsigned 64-bit integer (vkt_u64, size_t, ...) may exceed the largest
+  // integer an image holds, so it is not assigned: check that it is at most
+  // INT64_MAX and call setLongInt(vkt_s64(value)).
+  template <typename T,
+            typename std::enable_if<std::is_integral<T>::value &&
+                                        std::is_unsigned<T>::value &&
+                                        sizeof(T) >= sizeof(vkt_s64),
+                                    int>::type = 0>
+  void operator=(T value) = delete;  // check the value, then call setLongInt
 
  private:
   friend class VKTWriterObject;
