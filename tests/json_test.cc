@@ -27,9 +27,10 @@ vkt_binary make_image(const TreeMaker& make) {
 }
 
 bool parse(const std::string& text, VKTWriterValue* tree, VKTJsonError* error,
-           bool strict = true) {
+           bool strict = true, bool streams = true) {
   VKTJsonParseOptions options;
   options.strict = strict;
+  options.streams = streams;
   return vkt_json_parse(text.data(), text.size(), text.size(), tree, error,
                         options);
 }
@@ -104,9 +105,10 @@ TreeMaker nested_arrays(int levels, const TreeMaker& inner) {
 struct MappingCase {
   std::string text;
   bool strict;
-  TreeMaker expected;  // null when the text must be refused
-  const char* error;   // a part of the message
-  size_t offset;       // of the fault in the text
+  TreeMaker expected;   // null when the text must be refused
+  const char* error;    // a part of the message
+  size_t offset;        // of the fault in the text
+  bool streams = true;  // VKTJsonParseOptions::streams
 };
 
 void int_tree(vkt_s32 i, VKTWriterValue* v) { v->setInt(i); }
@@ -173,8 +175,26 @@ const MappingCase sMappingCases[] = {
      "", 0},
     {R"({"align":[1]})", true, [](VKTWriterValue* v) { (*v)["align"][0] = 1; },
      "", 0},
-    {R"({"$stream":"","x":1})", true, nullptr, "has no member \"x\"", 14},
+    {R"({"m":{"$stream":"text","other":1}})", true,
+     [](VKTWriterValue* v) {
+       (*v)["m"]["$stream"] = "text";
+       (*v)["m"]["other"] = 1;
+     },
+     "", 0},
+    {R"({"$stream":3,"align":16,"x":null})", true,
+     [](VKTWriterValue* v) {
+       (*v)["$stream"] = 3;
+       (*v)["align"] = 16;
+       (*v)["x"];
+     },
+     "", 0},
     {R"({"$stream":1})", true, nullptr, "must be a base64 string", 11},
+    {R"({"$stream":"AA==","align":3})", true,
+     [](VKTWriterValue* v) {
+       (*v)["$stream"] = "AA==";
+       (*v)["align"] = 3;
+     },
+     "", 0, false},
     {R"({"$stream":"","align":3})", true, nullptr, "power of two", 22},
     {R"({"$stream":"","bound":1})", true, nullptr, "true or false", 22},
     {R"({"$stream":"AAE"})", true, nullptr, "multiple of four", 15},
@@ -198,7 +218,7 @@ TEST(JsonParse, MapsEachKindOfJsonValue) {
     SCOPED_TRACE(c.text.substr(0, 60) + (c.strict ? " (strict)" : " (lax)"));
     VKTWriterValue tree;
     VKTJsonError error;
-    const bool ok = parse(c.text, &tree, &error, c.strict);
+    const bool ok = parse(c.text, &tree, &error, c.strict, c.streams);
     if (c.expected) {
       ASSERT_TRUE(ok) << error.message << " at " << error.offset;
       EXPECT_EQ(image_of(tree), make_image(c.expected));

@@ -153,6 +153,13 @@ TEST_F(ToolTest, StreamsSurviveUnpackAndPack) {
   ASSERT_EQ(vkt({"pack", at("streams2.json"), "-o", at("streams3.vkt")}).code,
             0);
   EXPECT_EQ(read_file(at("streams3.vkt")), read_file(image));
+  // With --streams off the objects stay objects.
+  const Outcome off = vkt(
+      {"pack", at("streams2.json"), "--streams", "off", "-o", at("off.vkt")});
+  ASSERT_EQ(off.code, 0) << off.err;
+  EXPECT_EQ(vkt({"unpack", at("off.vkt")}).out, read_file(at("streams2.json")));
+  const std::string offInfo = vkt({"info", at("off.vkt")}).out;
+  EXPECT_NE(offInfo.find("streams      0\n"), std::string::npos) << offInfo;
 
   const Outcome info = vkt({"info", image, "--sharing"});
   ASSERT_EQ(info.code, 0) << info.err;
@@ -258,6 +265,7 @@ TEST_F(ToolTest, BadInputsFailCleanly) {
     const char* path;
     int code;
     std::string message;
+    const char* option = nullptr;  // one more argument
   };
   const Case cases[] = {
       {"pack", "{\"a\":", nullptr, 1,
@@ -284,6 +292,8 @@ TEST_F(ToolTest, BadInputsFailCleanly) {
       {"unpack", "", "dir", 1, "Is a directory"},
       {"unpack", good, nullptr, 2, "unknown option --bogus"},
       {"verify", damaged(root, char(0xFF)), nullptr, 1, "not a value id"},
+      {"pack", "[]", nullptr, 2, "--streams takes on or off, not 'no'",
+       "--streams=no"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.message);
@@ -293,7 +303,11 @@ TEST_F(ToolTest, BadInputsFailCleanly) {
     std::vector<std::string> args{c.command, in};
     if (std::string(c.command) != "verify")
       args.insert(args.end(), {"-o", out});
-    if (c.code == 2) args.push_back("--bogus");
+    if (c.option != nullptr) {
+      args.push_back(c.option);
+    } else if (c.code == 2) {
+      args.push_back("--bogus");
+    }
     const Outcome r = vkt(args);
     EXPECT_EQ(r.code, c.code);
     EXPECT_EQ(r.err.rfind("vkt: ", 0), 0u) << r.err;

@@ -38,6 +38,11 @@ int cmd_pack(const Args& args) {
   VKTJsonError error;
   VKTJsonParseOptions options;
   options.strict = !args.has("lax");
+  const std::string streams = args.value("streams", "on");
+  if (streams != "on" && streams != "off") {
+    usage_error("--streams takes on or off, not '" + streams + "'");
+  }
+  options.streams = streams == "on";
   if (!vkt_json_parse(reinterpret_cast<const char*>(file.data()), file.size(),
                       file.capacity(), &root, &error, options)) {
     std::string what = error.message;

@@ -13,11 +13,9 @@
 
 namespace {
 
-const Option sPackOptions[] = {{"output", 'o', true},
-                               {"no-share", '\0', false},
-                               {"endian", '\0', true},
-                               {"lax", '\0', false},
-                               {nullptr, '\0', false}};
+const Option sPackOptions[] = {
+    {"output", 'o', true}, {"no-share", '\0', false}, {"endian", '\0', true},
+    {"lax", '\0', false},  {"streams", '\0', true},   {nullptr, '\0', false}};
 const Option sPrintOptions[] = {
     {"output", 'o', true}, {"pretty", '\0', false},
     {"lax", '\0', false},  {"max-expansion", '\0', true},
@@ -45,7 +43,8 @@ struct Command {
 
 const Command sCommands[] = {
     {"pack", cmd_pack, sPackOptions, 1,
-     "pack IN.json -o OUT.vkt [--no-share] [--endian big|little] [--lax]",
+     "pack IN.json -o OUT.vkt [--no-share] [--endian big|little]  [--lax]"
+     " [--streams on|off]",
      "Turns JSON text into an image, byte for byte what the library's writer\n"
      "makes of the same tree.\n"
      "  -o, --output FILE  the image; - writes to standard output (not a\n"
@@ -53,7 +52,11 @@ const Command sCommands[] = {
      "  --no-share         do not share equal elements of a container\n"
      "  --endian ORDER     mark the image big or little (a version-4 image)\n"
      "  --lax              accept duplicate names (the last wins), integers\n"
-     "                     beyond 64 bits (as doubles) and NUL in strings\n"},
+     "                     beyond 64 bits (as doubles) and NUL in strings\n"
+     "  --streams off      read {\"$stream\": ...} objects as objects; with\n"
+     "                     on (the default) an object whose members are\n"
+     "                     exactly $stream and optionally align and bound\n"
+     "                     becomes a stream\n"},
     {"unpack", cmd_unpack, sPrintOptions, 1,
      "unpack IN.vkt [-o OUT.json] [--pretty] [--lax] [--max-expansion N]",
      "Prints the whole image as JSON. Streams and bstreams become\n"
