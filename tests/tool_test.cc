@@ -247,6 +247,27 @@ TEST_F(ToolTest, LaxPackKeepsNulsInStrings) {
   EXPECT_EQ(vkt({"get", at("nul.vkt"), "b[0]"}).out, "\"\\u0000\"\n");
 }
 
+// JSON Lines in and out: blank lines skipped, one element a line.
+TEST_F(ToolTest, JsonLinesRoundTrip) {
+  std::string text, expected;  // members in key order, as unpack prints them
+  for (int i = 0; i < 3000; ++i) {
+    const std::string line = R"({"id":)" + std::to_string(i) +
+                             R"(,"name":"user)" + std::to_string(i % 97) +
+                             R"(","tags":["a","b"]})";
+    text += line + (i % 500 == 0 ? "\n  \r\n" : "\n");
+    expected += line + "\n";
+  }
+  write_file(at("lines.jsonl"), text + "[]");  // the last line has no newline
+  expected += "[]\n";
+  const Outcome packed =
+      vkt({"pack", at("lines.jsonl"), "--lines", "-o", at("lines.vkt")});
+  ASSERT_EQ(packed.code, 0) << packed.err;
+  const Outcome lines = vkt({"unpack", at("lines.vkt"), "--lines"});
+  ASSERT_EQ(lines.code, 0) << lines.err;
+  EXPECT_TRUE(lines.out == expected) << lines.out.substr(0, 200);
+  EXPECT_EQ(vkt({"get", at("lines.vkt"), "[2999].id"}).out, "2999\n");
+}
+
 // Each bad input fails with a message of its own, and the output file that
 // was there stays as it was.
 TEST_F(ToolTest, BadInputsFailCleanly) {
@@ -265,7 +286,7 @@ TEST_F(ToolTest, BadInputsFailCleanly) {
     const char* path;
     int code;
     std::string message;
-    const char* option = nullptr;  // one more argument
+    const char* option = nullptr;  // more arguments
   };
   const Case cases[] = {
       {"pack", "{\"a\":", nullptr, 1,
@@ -294,6 +315,10 @@ TEST_F(ToolTest, BadInputsFailCleanly) {
       {"verify", damaged(root, char(0xFF)), nullptr, 1, "not a value id"},
       {"pack", "[]", nullptr, 2, "--streams takes on or off, not 'no'",
        "--streams=no"},
+      {"pack", "1\n\n[2]\n{\"a\":}\n", nullptr, 1, "line 4: ", "--lines"},
+      {"unpack", good, nullptr, 1, "--lines needs an array at the root",
+       "--lines"},
+      {"unpack", good, nullptr, 2, "--pretty breaks", "--lines --pretty"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.message);
@@ -304,7 +329,12 @@ TEST_F(ToolTest, BadInputsFailCleanly) {
     if (std::string(c.command) != "verify")
       args.insert(args.end(), {"-o", out});
     if (c.option != nullptr) {
-      args.push_back(c.option);
+      std::string option = c.option;  // words parted by spaces
+      for (size_t space; (space = option.find(' ')) != std::string::npos;) {
+        args.push_back(option.substr(0, space));
+        option.erase(0, space + 1);
+      }
+      args.push_back(option);
     } else if (c.code == 2) {
       args.push_back("--bogus");
     }

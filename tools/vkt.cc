@@ -15,11 +15,13 @@ namespace {
 
 const Option sPackOptions[] = {
     {"output", 'o', true}, {"no-share", '\0', false}, {"endian", '\0', true},
-    {"lax", '\0', false},  {"streams", '\0', true},   {nullptr, '\0', false}};
+    {"lax", '\0', false},  {"streams", '\0', true},   {"lines", '\0', false},
+    {nullptr, '\0', false}};
 const Option sPrintOptions[] = {
     {"output", 'o', true}, {"pretty", '\0', false},
     {"lax", '\0', false},  {"max-expansion", '\0', true},
-    {"copy", '\0', false}, {nullptr, '\0', false}};
+    {"copy", '\0', false}, {"lines", '\0', false},
+    {nullptr, '\0', false}};
 const Option sGetOptions[] = {{"pretty", '\0', false},
                               {"lax", '\0', false},
                               {"max-expansion", '\0', true},
@@ -43,8 +45,8 @@ struct Command {
 
 const Command sCommands[] = {
     {"pack", cmd_pack, sPackOptions, 1,
-     "pack IN.json -o OUT.vkt [--no-share] [--endian big|little]  [--lax]"
-     " [--streams on|off]",
+     "pack IN.json -o OUT.vkt [--no-share] [--endian big|little] [--lax]"
+     " [--streams on|off] [--lines]",
      "Turns JSON text into an image, byte for byte what the library's writer\n"
      "makes of the same tree.\n"
      "  -o, --output FILE  the image; - writes to standard output (not a\n"
@@ -56,9 +58,12 @@ const Command sCommands[] = {
      "  --streams off      read {\"$stream\": ...} objects as objects; with\n"
      "                     on (the default) an object whose members are\n"
      "                     exactly $stream and optionally align and bound\n"
-     "                     becomes a stream\n"},
+     "                     becomes a stream\n"
+     "  --lines            read JSON Lines: one document a line (blank lines\n"
+     "                     skipped) into a root array\n"},
     {"unpack", cmd_unpack, sPrintOptions, 1,
-     "unpack IN.vkt [-o OUT.json] [--pretty] [--lax] [--max-expansion N]",
+     "unpack IN.vkt [-o OUT.json] [--pretty] [--lax] [--max-expansion N]"
+     " [--lines]",
      "Prints the whole image as JSON. Streams and bstreams become\n"
      "{\"$stream\": \"<base64>\", \"align\": N, \"bound\": true}, which pack\n"
      "reads back.\n"
@@ -70,6 +75,8 @@ const Command sCommands[] = {
      "                     size (after its first 8 MiB): sharing can make a\n"
      "                     small image stand for a huge text. Default 100;\n"
      "                     0 lifts the bound\n"
+     "  --lines            print a root array as JSON Lines, one element a\n"
+     "                     line (not with --pretty)\n"
      "  --copy             read the image into memory instead of mapping it,\n"
      "                     so that a program rewriting the file meanwhile\n"
      "                     cannot change what is read after the checks\n"},
