@@ -66,9 +66,11 @@ std::string print_tree(const TreeMaker& make, bool strict = true,
 // printed means what the image holds (the mapping table below checks that
 // parsing reads the text right).
 TEST(JsonRoundTrip, SampleDocumentsPrintBackToTheSameImage) {
-  for (const char* name : {"twitter", "citm_catalog", "canada"}) {
-    SCOPED_TRACE(name);
-    std::ifstream file(std::string(VKT_DATA_DIR) + "/" + name + ".json");
+  bool complete;
+  for (const std::string& path :
+       sample_documents(VKT_SAMPLE, VKT_DATA_DIR, &complete)) {
+    SCOPED_TRACE(path);
+    std::ifstream file(path);
     const std::string text{std::istreambuf_iterator<char>(file), {}};
     ASSERT_FALSE(text.empty());
     VKTWriterValue tree;
@@ -83,6 +85,7 @@ TEST(JsonRoundTrip, SampleDocumentsPrintBackToTheSameImage) {
       EXPECT_EQ(image_of(again), image);
     }
   }
+  if (!complete) GTEST_SKIP() << VKT_DATA_DIR " is absent: the sample only";
 }
 
 std::string nested(const char* open, const char* inner, const char* close,
