@@ -193,10 +193,14 @@ TEST_F(ToolTest, GetFollowsPaths) {
       {"n.1", 0, "\"one\""},
       {"b\\s", 0, "1"},
       {"statuses[0].user", 0, R"({"id":7,"screen_name":"ann"})"},
-      {"statuses[0].nope.deeper", 1, ": no value at statuses[0].nope\n"},
-      {"statuses[2]", 1, ": no value at statuses[2]\n"},
-      {"n[0]", 1, ": no value at n[0]\n"},
-      {"n.1.c", 1, ": no value at n.1.c\n"},
+      {"statuses[0].nope.deeper", 1,
+       ": no value at statuses[0].nope: statuses[0] has no such member\n"},
+      {"statuses[2]", 1,
+       ": no value at statuses[2]: statuses has 2 elements\n"},
+      {"n[0]", 1, ": no value at n[0]: n is an object, not an array\n"},
+      {"n.1.c", 1, ": no value at n.1.c: n.1 is a string, not an object\n"},
+      {"[0]", 1, ": no value at [0]: the root is an object, not an array\n"},
+      {"a[", 2, "a quoted name at byte 2"},
       {"a..b", 2, "bad PATH 'a..b': empty name"},
       {"a[", 2, "expected an index"},
       {"a[x]", 2, "expected an index"},
@@ -394,21 +398,26 @@ TEST_F(ToolTest, VerifyAndUsage) {
     std::vector<std::string> args;
     int code;
     bool toStdout;
+    const char* message = "";
   };
   const Case cases[] = {
       {{"--help"}, 0, true},
       {{"get", "--help"}, 0, true},
       {{}, 2, false},
       {{"frob"}, 2, false},
-      {{"info"}, 2, false},
+      {{"info"}, 2, false, "info needs an input file (- reads standard input)"},
+      {{"pack", "-o", "x.vkt"}, 2, false, "pack needs an input file (- reads"},
+      {{"get", image}, 2, false, "get needs an image file and a PATH"},
+      {{"info", image, image}, 2, false, "info takes only an input file"},
       {{"pack", image}, 2, false},
       {{"pack", image, "-o", "x", "--endian", "odd"}, 2, false}};
   for (const Case& c : cases) {
     const Outcome r = vkt(c.args);
     SCOPED_TRACE(::testing::PrintToString(c.args));
     EXPECT_EQ(r.code, c.code);
-    EXPECT_NE((c.toStdout ? r.out : r.err).find("usage"), std::string::npos)
-        << r.out << r.err;
+    const std::string& text = c.toStdout ? r.out : r.err;
+    EXPECT_NE(text.find("usage"), std::string::npos) << r.out << r.err;
+    EXPECT_NE(text.find(c.message), std::string::npos) << text;
   }
 }
 

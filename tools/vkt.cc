@@ -136,9 +136,13 @@ int run(const Command& command, int argc, char** argv) {
   }
   try {
     const Args args = parse_args(argc, argv, 2, command.options);
-    if (args.positional.size() != command.operands) {
-      usage_error(std::string(command.name) + " takes " +
-                  (command.operands == 1 ? "one file" : "a file and a PATH"));
+    const size_t given = args.positional.size();
+    if (given != command.operands) {
+      const std::string what =
+          command.operands == 1 ? "an input file" : "an image file and a PATH";
+      usage_error(std::string(command.name) +
+                  (given < command.operands ? " needs " : " takes only ") +
+                  what + " (- reads standard input)");
     }
     return command.run(args);
   } catch (ToolError& e) {
