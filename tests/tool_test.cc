@@ -125,10 +125,11 @@ TEST_F(ToolTest, PackOptionsGiveTheWritersBytes) {
     bool share;
     const char* endian;
   };
-  const Case cases[] = {{{}, true, nullptr},
-                        {{"--no-share"}, false, nullptr},
-                        {{"--endian", "big"}, true, "big"},
-                        {{"--endian=little", "--no-share"}, false, "little"}};
+  const Case cases[] = {
+      {{}, true, nullptr},
+      {{"--no-share"}, false, nullptr},
+      {{"--endian-mark", "big"}, true, "big"},
+      {{"--endian-mark=little", "--no-share"}, false, "little"}};
   for (const Case& c : cases) {
     std::vector<std::string> args{"pack", "-", "-o", "-"};
     args.insert(args.end(), c.options.begin(), c.options.end());
@@ -410,7 +411,14 @@ TEST_F(ToolTest, VerifyAndUsage) {
       {{"get", image}, 2, false, "get needs an image file and a PATH"},
       {{"info", image, image}, 2, false, "info takes only an input file"},
       {{"pack", image}, 2, false},
-      {{"pack", image, "-o", "x", "--endian", "odd"}, 2, false}};
+      {{"pack", image, "-o", "x", "--endian-mark", "odd"},
+       2,
+       false,
+       "--endian-mark takes big or little"},
+      {{"pack", image, "-o", "x", "--endian", "big"},
+       2,
+       false,
+       "unknown option --endian"}};
   for (const Case& c : cases) {
     const Outcome r = vkt(c.args);
     SCOPED_TRACE(::testing::PrintToString(c.args));

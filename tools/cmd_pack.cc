@@ -12,10 +12,11 @@ namespace {
 
 void configure(const Args& args, VKTWriterObject* writer) {
   if (args.has("no-share")) writer->setOptimize(false);
-  if (!args.has("endian")) return;
-  const std::string endian = args.value("endian", "");
+  // Only the header's mark: the image's numbers are little-endian either way.
+  if (!args.has("endian-mark")) return;
+  const std::string endian = args.value("endian-mark", "");
   if (endian != "big" && endian != "little") {
-    usage_error("--endian takes big or little, not '" + endian + "'");
+    usage_error("--endian-mark takes big or little, not '" + endian + "'");
   }
   writer->setEndian(endian == "big" ? VKT_ENDIAN_BIG : VKT_ENDIAN_LITTLE);
 }

@@ -14,8 +14,9 @@
 namespace {
 
 const Option sPackOptions[] = {
-    {"output", 'o', true}, {"no-share", '\0', false}, {"endian", '\0', true},
-    {"lax", '\0', false},  {"streams", '\0', true},   {"lines", '\0', false},
+    {"output", 'o', true},       {"no-share", '\0', false},
+    {"endian-mark", '\0', true}, {"lax", '\0', false},
+    {"streams", '\0', true},     {"lines", '\0', false},
     {nullptr, '\0', false}};
 const Option sPrintOptions[] = {
     {"output", 'o', true}, {"pretty", '\0', false},
@@ -45,14 +46,17 @@ struct Command {
 
 const Command sCommands[] = {
     {"pack", cmd_pack, sPackOptions, 1,
-     "pack IN.json -o OUT.vkt [--no-share] [--endian big|little] [--lax]"
+     "pack IN.json -o OUT.vkt [--no-share] [--endian-mark big|little] [--lax]"
      " [--streams on|off] [--lines]",
      "Turns JSON text into an image, byte for byte what the library's writer\n"
      "makes of the same tree.\n"
      "  -o, --output FILE  the image; - writes to standard output (not a\n"
      "                     terminal)\n"
      "  --no-share         do not share equal elements of a container\n"
-     "  --endian ORDER     mark the image big or little (a version-4 image)\n"
+     "  --endian-mark ORDER\n"
+     "                     set the header's byte-order mark to big or\n"
+     "                     little (a version-4 image); only a mark: the\n"
+     "                     image's numbers are little-endian either way\n"
      "  --lax              accept duplicate names (the last wins), integers\n"
      "                     beyond 64 bits (as doubles) and NUL in strings\n"
      "  --streams off      read {\"$stream\": ...} objects as objects; with\n"
