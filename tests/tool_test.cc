@@ -348,7 +348,9 @@ TEST_F(ToolTest, BadInputsFailCleanly) {
   }
   const Outcome r = vkt({"pack", at("good.json"), "-o", missingDir});
   EXPECT_EQ(r.code, 1);
-  EXPECT_EQ(r.err, "vkt: " + missingDir + ": No such file or directory\n");
+  EXPECT_EQ(r.err, "vkt: " + at("nodir/") +
+                       ": cannot make a temporary file for " + missingDir +
+                       ": No such file or directory\n");
   // The input named as the output, also through a second name, stays.
   ::link(at("good.vkt").c_str(), at("alias.vkt").c_str());
   const std::vector<std::string> sameFile[] = {
@@ -389,6 +391,36 @@ TEST_F(ToolTest, OutputKeepsWhatItNames) {
   ::close(reader);
   EXPECT_EQ(read_file(at("linked")), "[1]\n");
   EXPECT_EQ(read_file(priv), "[1]\n");
+  // A link to a file not yet there makes that file, beside the link.
+  ::symlink("made", at("dangling").c_str());
+  EXPECT_EQ(vkt({"unpack", image, "-o", at("dangling")}).code, 0);
+  EXPECT_EQ(read_file(at("made")), "[1]\n");
+  struct stat link_stat;
+  ASSERT_EQ(::lstat(at("dangling").c_str(), &link_stat), 0);
+  EXPECT_TRUE(S_ISLNK(link_stat.st_mode));
+
+  if (::geteuid() == 0) {
+    GTEST_SKIP() << "run as root, whom permissions do not refuse: the "
+                    "read-only file and directory cases need another user";
+  }
+  const std::string readOnly = at("ro"), roDir = at("rodir");
+  write_file(readOnly, "old");
+  ::chmod(readOnly.c_str(), 0444);
+  const Outcome refused = vkt({"unpack", image, "-o", readOnly});
+  EXPECT_EQ(refused.code, 1);
+  EXPECT_NE(refused.err.find("may not write"), std::string::npos);
+  EXPECT_EQ(read_file(readOnly), "old");
+  EXPECT_EQ(vkt({"unpack", image, "-o", readOnly, "--force"}).code, 0);
+  EXPECT_EQ(read_file(readOnly), "[1]\n");
+  struct stat forced;
+  ::stat(readOnly.c_str(), &forced);
+  EXPECT_EQ(forced.st_mode & 0777, 0444u);
+  ::mkdir(roDir.c_str(), 0555);
+  const Outcome noTemp = vkt({"unpack", image, "-o", roDir + "/x"});
+  EXPECT_EQ(noTemp.code, 1);
+  EXPECT_EQ(noTemp.err.rfind("vkt: " + roDir + "/: cannot make a temporary", 0),
+            0u)
+      << noTemp.err;
 }
 
 TEST_F(ToolTest, VerifyAndUsage) {

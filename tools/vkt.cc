@@ -17,12 +17,12 @@ const Option sPackOptions[] = {
     {"output", 'o', true},       {"no-share", '\0', false},
     {"endian-mark", '\0', true}, {"lax", '\0', false},
     {"streams", '\0', true},     {"lines", '\0', false},
-    {nullptr, '\0', false}};
+    {"force", '\0', false},      {nullptr, '\0', false}};
 const Option sPrintOptions[] = {
-    {"output", 'o', true}, {"pretty", '\0', false},
-    {"lax", '\0', false},  {"max-expansion", '\0', true},
-    {"copy", '\0', false}, {"lines", '\0', false},
-    {nullptr, '\0', false}};
+    {"output", 'o', true},  {"pretty", '\0', false},
+    {"lax", '\0', false},   {"max-expansion", '\0', true},
+    {"copy", '\0', false},  {"lines", '\0', false},
+    {"force", '\0', false}, {nullptr, '\0', false}};
 const Option sGetOptions[] = {{"pretty", '\0', false},
                               {"lax", '\0', false},
                               {"max-expansion", '\0', true},
@@ -51,7 +51,10 @@ const Command sCommands[] = {
      "Turns JSON text into an image, byte for byte what the library's writer\n"
      "makes of the same tree.\n"
      "  -o, --output FILE  the image; - writes to standard output (not a\n"
-     "                     terminal)\n"
+     "                     terminal). A new file replaces FILE at once,\n"
+     "                     with its mode; a symlink is written through; a\n"
+     "                     hard link is not kept\n"
+     "  --force            replace FILE even where you may not write it\n"
      "  --no-share         do not share equal elements of a container\n"
      "  --endian-mark ORDER\n"
      "                     set the header's byte-order mark to big or\n"
@@ -71,7 +74,9 @@ const Command sCommands[] = {
      "Prints the whole image as JSON. Streams and bstreams become\n"
      "{\"$stream\": \"<base64>\", \"align\": N, \"bound\": true}, which pack\n"
      "reads back.\n"
-     "  -o, --output FILE  write there (default: standard output)\n"
+     "  -o, --output FILE  write there (default: standard output), as pack\n"
+     "                     does\n"
+     "  --force            replace FILE even where you may not write it\n"
      "  --pretty           indent two spaces, one member or element a line\n"
      "  --lax              print non-finite floats as null and replace bytes\n"
      "                     that are not UTF-8, instead of failing\n"
@@ -148,6 +153,7 @@ int run(const Command& command, int argc, char** argv) {
                   (given < command.operands ? " needs " : " takes only ") +
                   what + " (- reads standard input)");
     }
+    set_output_force(args.has("force"));
     return command.run(args);
   } catch (ToolError& e) {
     if (e.code == kExitUsage)
