@@ -47,7 +47,7 @@ struct Command {
 const Command sCommands[] = {
     {"pack", cmd_pack, sPackOptions, 1,
      "pack IN.json -o OUT.vkt [--no-share] [--endian-mark big|little] [--lax]"
-     " [--streams on|off] [--lines]",
+     " [--streams on|off] [--lines] [--force]",
      "Turns JSON text into an image, byte for byte what the library's writer\n"
      "makes of the same tree.\n"
      "  -o, --output FILE  the image; - writes to standard output (not a\n"
@@ -70,7 +70,7 @@ const Command sCommands[] = {
      "                     skipped) into a root array\n"},
     {"unpack", cmd_unpack, sPrintOptions, 1,
      "unpack IN.vkt [-o OUT.json] [--pretty] [--lax] [--max-expansion N]"
-     " [--lines]",
+     " [--lines] [--force]",
      "Prints the whole image as JSON. Streams and bstreams become\n"
      "{\"$stream\": \"<base64>\", \"align\": N, \"bound\": true}, which pack\n"
      "reads back.\n"
