@@ -251,6 +251,10 @@ class TreeBuilder {
       return streamObject(stream, node);
     }
     if (depth > VKT_JSON_MAX_DEPTH) return tooDeep(offset);
+    if (stream.base64.isString) {  // held back, the object is ordinary
+      return string(stream.base64.text, stream.base64Offset,
+                    &(*node)["$stream"]);
+    }
     return true;
   }
 
@@ -259,12 +263,20 @@ class TreeBuilder {
               vkt_u32 depth, StreamMembers* stream) {
     ValueSummary* seen = nullptr;
     // Every member is kept: only once the object has ended is it known
-    // whether its members make a stream, which replaces them.
+    // whether its members make a stream, which replaces them. A "$stream"
+    // string, a payload as base64, waits for that instead of being copied.
     if (key == "$stream") {
       stream->hasStream = true;
       stream->base64 = ValueSummary();
       stream->base64Offset = offset_of(v.raw_json_token().data());
       seen = &stream->base64;
+      od::json_type type;
+      if (streams_ && v.type().get(type) == simdjson::SUCCESS &&
+          type == od::json_type::string) {
+        if (auto e = v.get_string().get(seen->text)) return failed(e);
+        seen->isString = true;
+        return true;
+      }
     } else if (key == "align") {
       stream->hasAlign = true;
       stream->align = ValueSummary();

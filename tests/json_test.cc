@@ -192,6 +192,13 @@ const MappingCase sMappingCases[] = {
      },
      "", 0},
     {R"({"$stream":1})", true, nullptr, "must be a base64 string", 11},
+    {R"({"$stream":1,"$stream":"AA==","x":0})", false,
+     [](VKTWriterValue* v) {
+       (*v)["$stream"] = "AA==";
+       (*v)["x"] = 0;
+     },
+     "", 0},
+    {R"({"x":0,"$stream":"\u0000"})", true, nullptr, "string contains NUL", 17},
     {R"({"$stream":"AA==","align":3})", true,
      [](VKTWriterValue* v) {
        (*v)["$stream"] = "AA==";
