@@ -313,6 +313,14 @@ class VKTValue {
   // image's first string, or "" when the image has none or the view is null.
   // Valid while the VKTObject lives.
   const char* asString() const;  // inline, below VKTObject
+  // The same string with its length, NULs inside it included: the bytes up to
+  // the next string's offset, or for the last string up to the end of the
+  // string table, less the closing NUL. Constant time on every image the
+  // library writes. Where the table does not give a length ending on a NUL in
+  // front of the next offset (an image not laid out by the library), the
+  // string ends at its first NUL, as asString. Valid while the VKTObject
+  // lives; on a checked image, after verifyStep of this value.
+  std::string_view asStringView() const;
   // The payload of a stream or bstream value, or null when its bytes are not
   // in memory (purged, or the image was opened through a VKTReadStream) or
   // the value is no stream. A stream payload stays valid while its bytes do:
@@ -677,6 +685,12 @@ class VKTObject {
 
   VKTObject(const VKTObject&) = delete;
   VKTObject& operator=(const VKTObject&) = delete;
+  // Moving hands the image, its ownership and the caches over; views and
+  // readers taken from `other` die with the move. The moved-from object holds
+  // no image (root() is the null view, image() null, size() 0, no sections)
+  // and may be destroyed or assigned to.
+  VKTObject(VKTObject&& other) noexcept;
+  VKTObject& operator=(VKTObject&& other) noexcept;
 
   // Validates the header of the image at `p` and makes the image plain in
   // place: unscrambles it with `structFilter` and clears the filter bits of
@@ -744,7 +758,10 @@ class VKTObject {
                            VKTVerifyReport* report = nullptr,
                            const VKTVerifyLimits* limits = nullptr);
 
-  VKTValue root() const { return VKTValue(this, mRootValuePtr); }
+  VKTValue root() const {
+    return mRootValuePtr == nullptr ? VKTValue()
+                                    : VKTValue(this, mRootValuePtr);
+  }
 
   // Moves a VKT_ALLOC_DUPLICATE or VKT_ALLOC_OWN object to VKT_ALLOC_PURGE:
   // the front part is copied, so that purgeStreamEntity can release the
@@ -831,6 +848,9 @@ class VKTObject {
   // opened through a VKTReadStream (never more than the image), else all.
   vkt_u32 frontPartSize() const;
   void releaseStreamBuffer();
+  // Frees what the object owns (the destructor's work), and leaves it empty.
+  void release();
+  void makeEmpty();
 
   bool findKey(const char* key, vkt_u32* result, vkt_u32* hint) const;
   std::string getKey(vkt_u32 keyTag) const;
@@ -1105,14 +1125,15 @@ class VKTWriterValue {
   void operator=(bool value) { setBool(value); }
   void operator=(const char* value) { setString(std::string(value)); }
   void operator=(const std::string& value) { setString(value); }
-  // Other integer types (unsigned, long long, size_t, char...): a type whose
-  // every value fits a vkt_s32 is stored as an integer, any other as a long
-  // integer (wrapping above the vkt_s64 range). The image holds the value in
-  // its smallest width either way.
-  template <typename T,
-            typename std::enable_if<std::is_integral<T>::value &&
-                                        !std::is_same<T, bool>::value,
-                                    int>::type = 0>
+  // Other integer types (unsigned, long long, char...): a type whose every
+  // value fits a vkt_s32 is stored as an integer, any other as a long
+  // integer. The image holds the value in its smallest width either way.
+  template <typename T>
+  using IfSignedFits64 = typename std::enable_if<
+      std::is_integral<T>::value && !std::is_same<T, bool>::value &&
+          (std::is_signed<T>::value || sizeof(T) < sizeof(vkt_s64)),
+      int>::type;
+  template <typename T, IfSignedFits64<T> = 0>
   void operator=(T value) {
     if (std::is_signed<T>::value ? (sizeof(T) <= sizeof(vkt_s32))
                                  : (sizeof(T) < sizeof(vkt_s32))) {
@@ -1121,6 +1142,15 @@ class VKTWriterValue {
       setLongInt(static_cast<vkt_s64>(value));
     }
   }
+  // An unsigned 64-bit integer (vkt_u64, size_t, ...) may exceed the largest
+  // integer an image holds, so it is not assigned: check that it is at most
+  // INT64_MAX and call setLongInt(vkt_s64(value)).
+  template <typename T,
+            typename std::enable_if<std::is_integral<T>::value &&
+                                        std::is_unsigned<T>::value &&
+                                        sizeof(T) >= sizeof(vkt_s64),
+                                    int>::type = 0>
+  void operator=(T value) = delete;  // check the value, then call setLongInt
 
  private:
   friend class VKTWriterObject;

@@ -87,14 +87,16 @@ class NameSet {
 struct ValueSummary {
   bool isInteger = false;
   bool isBool = false;
+  bool isString = false;
   vkt_s64 integer = 0;
   bool boolean = false;
+  std::string_view text;  // unescaped, in the parser's string buffer
 };
 
 // The members of one object that a "$stream" object may hold.
 struct StreamMembers {
   bool hasStream = false;
-  std::string_view base64;  // unescaped, in the parser's string buffer
+  ValueSummary base64;
   size_t base64Offset = 0;
   bool hasAlign = false;
   ValueSummary align;
@@ -102,9 +104,7 @@ struct StreamMembers {
   bool hasBound = false;
   ValueSummary bound;
   size_t boundOffset = 0;
-  bool hasOther = false;  // the first other member, for the message
-  std::string_view otherName;
-  size_t otherOffset = 0;
+  bool hasOther = false;  // a member that makes the object ordinary
 };
 
 std::string_view token_of(od::value& v) { return v.raw_json_token(); }
@@ -138,8 +138,13 @@ std::string parser_message(simdjson::error_code e) {
 
 class TreeBuilder {
  public:
-  TreeBuilder(const char* text, size_t size, bool strict, VKTJsonError* error)
-      : text_(text), size_(size), strict_(strict), error_(error) {}
+  TreeBuilder(const char* text, size_t size, const VKTJsonParseOptions& options,
+              VKTJsonError* error)
+      : text_(text),
+        size_(size),
+        strict_(options.strict),
+        streams_(options.streams),
+        error_(error) {}
 
   bool build(od::document& doc, VKTWriterValue* root) {
     doc_ = &doc;
@@ -176,6 +181,10 @@ class TreeBuilder {
       case od::json_type::string: {
         std::string_view s;
         if (auto e = v.get_string().get(s)) return failed(e);
+        if (seen != nullptr) {
+          seen->isString = true;
+          seen->text = s;
+        }
         return string(s, offset, node);
       }
       case od::json_type::boolean: {
@@ -234,29 +243,40 @@ class TreeBuilder {
         vkt_json_quote(key, &message);
         return fail(message, keyOffset);
       }
-      if (!member(key, keyOffset, field.value(), node, depth, &stream)) {
+      if (!member(key, field.value(), node, depth, &stream)) {
         return false;
       }
     }
-    if (stream.hasStream) return streamObject(stream, node);
+    if (streams_ && stream.hasStream && !stream.hasOther) {
+      return streamObject(stream, node);
+    }
     if (depth > VKT_JSON_MAX_DEPTH) return tooDeep(offset);
+    if (stream.base64.isString) {  // held back, the object is ordinary
+      return string(stream.base64.text, stream.base64Offset,
+                    &(*node)["$stream"]);
+    }
     return true;
   }
 
   // One member of the object *node; notes what a "$stream" object needs.
-  bool member(std::string_view key, size_t keyOffset, od::value& v,
-              VKTWriterValue* node, vkt_u32 depth, StreamMembers* stream) {
+  bool member(std::string_view key, od::value& v, VKTWriterValue* node,
+              vkt_u32 depth, StreamMembers* stream) {
     ValueSummary* seen = nullptr;
+    // Every member is kept: only once the object has ended is it known
+    // whether its members make a stream, which replaces them. A "$stream"
+    // string, a payload as base64, waits for that instead of being copied.
     if (key == "$stream") {
-      // Not kept as a member: the object becomes the stream.
       stream->hasStream = true;
+      stream->base64 = ValueSummary();
       stream->base64Offset = offset_of(v.raw_json_token().data());
-      auto e = v.get_string().get(stream->base64);
-      if (e == simdjson::INCORRECT_TYPE) {
-        return fail("\"$stream\" must be a base64 string",
-                    stream->base64Offset);
+      seen = &stream->base64;
+      od::json_type type;
+      if (streams_ && v.type().get(type) == simdjson::SUCCESS &&
+          type == od::json_type::string) {
+        if (auto e = v.get_string().get(seen->text)) return failed(e);
+        seen->isString = true;
+        return true;
       }
-      return e == simdjson::SUCCESS || failed(e);
     } else if (key == "align") {
       stream->hasAlign = true;
       stream->align = ValueSummary();
@@ -267,10 +287,8 @@ class TreeBuilder {
       stream->bound = ValueSummary();
       stream->boundOffset = offset_of(v.raw_json_token().data());
       seen = &stream->bound;
-    } else if (!stream->hasOther) {
+    } else {
       stream->hasOther = true;
-      stream->otherName = key;
-      stream->otherOffset = keyOffset;
     }
     keyBuffer_.assign(key.data(), key.size());
     VKTWriterValue& child = (*node)[keyBuffer_];
@@ -282,10 +300,8 @@ class TreeBuilder {
 
   // Turns *node into the stream that the "$stream" object describes.
   bool streamObject(const StreamMembers& s, VKTWriterValue* node) {
-    if (s.hasOther) {
-      std::string message = "a \"$stream\" object has no member ";
-      vkt_json_quote(s.otherName, &message);
-      return fail(message, s.otherOffset);
+    if (!s.base64.isString) {
+      return fail("\"$stream\" must be a base64 string", s.base64Offset);
     }
     vkt_u32 alignment = 0;
     if (s.hasAlign) {
@@ -302,7 +318,7 @@ class TreeBuilder {
     }
     const char* why = nullptr;
     size_t where = 0;
-    if (!base64_decode(s.base64, &payload_, &why, &where)) {
+    if (!base64_decode(s.base64.text, &payload_, &why, &where)) {
       // The text is unescaped; an offset inside it is exact unless the
       // string held escapes, which base64 never needs.
       return fail(std::string("\"$stream\": ") + why,
@@ -403,6 +419,7 @@ class TreeBuilder {
   const char* text_;
   size_t size_;
   bool strict_;
+  bool streams_;  // "$stream" objects become streams
   VKTJsonError* error_;
   od::document* doc_ = nullptr;
   std::deque<NameSet> names_;  // one per depth; a deque keeps references
@@ -460,7 +477,7 @@ bool vkt_json_parse(const char* text, size_t size, size_t capacity,
     first_pass_failed(e, text, size, error);
     return false;
   }
-  TreeBuilder builder(text, size, options.strict, error);
+  TreeBuilder builder(text, size, options, error);
   if (!builder.build(doc, root)) {
     *root = VKTWriterValue();
     return false;

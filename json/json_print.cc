@@ -160,8 +160,7 @@ class JsonPrinter {
       case VKT_TYPE_FLOAT:
         return number(v.asDouble(), path);
       case VKT_TYPE_STRING: {
-        const char* s = v.asString();
-        const std::string_view text(s, std::strlen(s));
+        const std::string_view text = v.asStringView();
         if (stringsValid_ && !starts_inside_character(text)) {
           return string<true>(text, path);
         }

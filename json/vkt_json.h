@@ -8,15 +8,17 @@
 //   number with fraction or exponent -> setDouble
 //   string                      -> setString (invalid UTF-8 is always an
 //                                  error; a NUL inside is an error when strict,
-//                                  since readers see a string up to its NUL)
+//                                  since asString ends a string at its NUL)
 //   object                      -> members by name; a duplicate name is an
 //                                  error when strict, else the last one wins
 //   {"$stream": "<base64>", "align": N, "bound": true|false}
 //                               -> setStream of the decoded bytes with that
 //                                  alignment (0 when absent), a bstream when
-//                                  bound; "$stream" alone is enough. An object
-//                                  with "$stream" and any other member, or
-//                                  with members of the wrong kind, is an error.
+//                                  bound; "$stream" alone is enough. Members
+//                                  of the wrong kind are an error. An object
+//                                  with any other member is an ordinary
+//                                  object, and so is every object when
+//                                  VKTJsonParseOptions::streams is false.
 //
 // Value to JSON (vkt_json_print), the other way round:
 //   integers as integers; floats and doubles in the shortest form that reads
@@ -60,6 +62,9 @@ struct VKTJsonError {
 
 struct VKTJsonParseOptions {
   bool strict = true;
+  // An object whose members are exactly "$stream" and optionally "align" and
+  // "bound" becomes a stream; false reads every object as an object.
+  bool streams = true;
 };
 
 // Bytes the parser may read past the end of the text. A caller whose buffer

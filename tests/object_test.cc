@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <vector>
 
 #include "testutil.h"
 
@@ -89,14 +90,27 @@ TEST(ObjectTest, EveryModeReadsAndPurgesTheSameImage) {
       // purge: only a DUPLICATE or OWN object moves to PURGE.
       const bool copies = m == VKT_ALLOC_DUPLICATE || m == kBinary;
       const vkt_u8* home = copies ? obj->image() : buf;
+      bool gone = false;
       for (int stage = 0; stage < 3; ++stage) {
         if (stage == 2) obj->preparePurge();
         if (stage > 0) obj->purgeStreamEntity();
-        const bool gone = (stage > 0 && m == VKT_ALLOC_PURGE) ||
-                          (stage == 2 && (copies || m == VKT_ALLOC_OWN));
+        gone = (stage > 0 && m == VKT_ALLOC_PURGE) ||
+               (stage == 2 && (copies || m == VKT_ALLOC_OWN));
         EXPECT_EQ(obj->isPurged(), gone || source);
         expect_reads(*obj, gone || source ? nullptr : home, gone);
       }
+      // Moved (and moved again as the vector grows), the object reads the
+      // same; the one left behind is empty, and an assignment frees what the
+      // target held.
+      std::vector<VKTObject> moved;
+      moved.push_back(std::move(*obj));
+      moved.push_back(VKTObject(image));
+      expect_reads(moved[0], gone || source ? nullptr : home, gone);
+      EXPECT_EQ(obj->root().type(), VKT_TYPE_NULL);
+      EXPECT_TRUE(obj->sections().empty());
+      moved[1] = std::move(moved[0]);
+      expect_reads(moved[1], gone || source ? nullptr : home, gone);
+      EXPECT_EQ(moved[0].image(), nullptr);
     }
   }
   // A PURGE object without streams releases the given buffer once.

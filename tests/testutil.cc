@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cctype>
 #include <cstdlib>
+#include <fstream>
 #include <new>
 #include <tuple>
 
@@ -144,4 +145,17 @@ vkt_binary shared_string_bomb(int levels, size_t length) {
   parts.strings.assign(length, 'x');
   parts.strings.push_back(0);
   return parts.assemble();
+}
+
+std::vector<std::string> sample_documents(const char* sample,
+                                          const char* dataDir, bool* complete) {
+  std::vector<std::string> paths{sample};
+  const std::string dir = dataDir;
+  *complete = std::ifstream(dir + "/twitter.json").good();
+  if (*complete) {
+    for (const char* name : {"twitter", "citm_catalog", "canada"}) {
+      paths.push_back(dir + "/" + name + ".json");
+    }
+  }
+  return paths;
 }

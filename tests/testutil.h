@@ -119,4 +119,10 @@ vkt_binary written_key_table(const std::vector<std::string>& keys);
 // stand for length x 2^levels bytes of text.
 vkt_binary shared_string_bomb(int levels, size_t length);
 
+// JSON documents to run whole-document checks on: the repository's own
+// `sample`, then twitter, citm_catalog and canada from `dataDir` when that
+// folder is there (*complete says whether it was).
+std::vector<std::string> sample_documents(const char* sample,
+                                          const char* dataDir, bool* complete);
+
 #endif  // VKT_TESTS_TESTUTIL_H_

@@ -87,3 +87,36 @@ TEST(Value, AsStringGoesByTagAlone) {
     EXPECT_STREQ(obj.root().asString(), r.want) << r.root << " | " << r.offsets;
   }
 }
+
+TEST(Value, AsStringViewTakesTheLengthFromTheTable) {
+  // The library's layout: "a\0b", "" and "c", each closed by a NUL, so the
+  // length comes from the next offset or, for the last string, the table's
+  // end. Other layouts fall back to the first NUL; each row passes the checked
+  // path (verifyTables, then verifyStep of the root) before it is read.
+  ImageParts parts;
+  parts.keyTable = empty_key_table();
+  const std::string kNul("\0", 1);
+  // clang-format off
+  const struct { const char *root, *offsets, *strings; std::string want; } rows[] = {
+      {"15 00", "0D 03 0D 00 04 05", "61 00 62 00 00 63 00", "a" + kNul + "b"},
+      {"15 01", "0D 03 0D 00 04 05", "61 00 62 00 00 63 00", ""},
+      {"15 02", "0D 03 0D 00 04 05", "61 00 62 00 00 63 00", "c"},
+      {"15 00", "0D 01 0D 00", "00 61 00", kNul + "a"},     // last, leading NUL
+      {"15 00", "0D 02 0D 02 00", "61 00 62 00", "b"},       // next one in front
+      {"15 00", "0D 02 0D 00 09", "61 00 62 00", "a"},       // next one outside
+      {"15 00", "0D 02 0D 00 01", "61 62 00", "ab"},         // no NUL before next
+      {"05 07", "0D 00 0D", "", ""}};
+  // clang-format on
+  for (const auto& r : rows) {
+    parts.root = hex(r.root);
+    parts.stringOffsets = hex(r.offsets);
+    parts.strings = hex(r.strings);
+    const vkt_binary image = parts.assemble();
+    ASSERT_TRUE(VKTObject::verifyTables(image.data(), image.size()))
+        << r.offsets;
+    VKTObject obj(image.data(), vkt_u32(image.size()), VKT_ALLOC_REFER);
+    ASSERT_TRUE(obj.root().verifyStep()) << r.offsets;
+    EXPECT_EQ(obj.root().asStringView(), r.want)
+        << r.root << " | " << r.offsets;
+  }
+}

@@ -83,3 +83,13 @@ TEST(WriterValue, DeepTreesAreDestroyedWithoutRecursion) {
               to_hex(written_root(build(3, refs, &small), false)));
   }
 }
+
+// An unsigned 64-bit integer may exceed what an image holds, so assigning
+// one does not compile; narrower unsigned types and signed ones do.
+static_assert(!std::is_assignable<VKTWriterValue&, vkt_u64>::value, "");
+static_assert(!std::is_assignable<VKTWriterValue&, size_t>::value, "");
+static_assert(!std::is_assignable<VKTWriterValue&, unsigned long long>::value,
+              "");
+static_assert(std::is_assignable<VKTWriterValue&, vkt_u32>::value, "");
+static_assert(std::is_assignable<VKTWriterValue&, long long>::value, "");
+static_assert(std::is_assignable<VKTWriterValue&, unsigned char>::value, "");

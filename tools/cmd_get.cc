@@ -22,7 +22,10 @@ int cmd_get(const Args& args) {
   const size_t found = resolve_path(image.root(), steps, &value, &report);
   if (report.fault != VKT_FAULT_NONE) image.refuse(report);
   if (found < steps.size()) {
-    fail(image.name(), "no value at " + path.substr(0, steps[found].end));
+    const std::string parent =
+        found == 0 ? "" : path.substr(0, steps[found - 1].end);
+    fail(image.name(), "no value at " + path.substr(0, steps[found].end) +
+                           ": " + why_no_value(value, steps[found], parent));
   }
   image.checkValue(value);
   set_activity(image.name(), "printing");

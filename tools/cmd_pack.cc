@@ -2,6 +2,8 @@
 // library's writer makes it from the parsed tree.
 #include <unistd.h>
 
+#include <cstring>  // memchr
+
 #include "files.h"
 #include "tool.h"
 #include "vkt_json.h"
@@ -10,12 +12,55 @@ namespace {
 
 void configure(const Args& args, VKTWriterObject* writer) {
   if (args.has("no-share")) writer->setOptimize(false);
-  if (!args.has("endian")) return;
-  const std::string endian = args.value("endian", "");
+  // Only the header's mark: the image's numbers are little-endian either way.
+  if (!args.has("endian-mark")) return;
+  const std::string endian = args.value("endian-mark", "");
   if (endian != "big" && endian != "little") {
-    usage_error("--endian takes big or little, not '" + endian + "'");
+    usage_error("--endian-mark takes big or little, not '" + endian + "'");
   }
   writer->setEndian(endian == "big" ? VKT_ENDIAN_BIG : VKT_ENDIAN_LITTLE);
+}
+
+std::string parse_failure(const VKTJsonError& error, const char* of = "") {
+  std::string what = error.message;
+  if (error.offset != VKT_JSON_NO_OFFSET) {
+    what += " at byte " + std::to_string(error.offset) + of;
+  }
+  return what;
+}
+
+bool is_blank(const char* p, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    if (p[i] != ' ' && p[i] != '\t' && p[i] != '\r') return false;
+  }
+  return true;
+}
+
+// JSON Lines: one document per line into the root array, blank lines
+// skipped. Each line is parsed in place; the rest of the file serves as the
+// parser's padding.
+void parse_lines(const InputFile& file, const VKTJsonParseOptions& options,
+                 VKTWriterValue* root) {
+  const char* text = reinterpret_cast<const char*>(file.data());
+  root->toArray();
+  size_t line = 1;
+  for (size_t start = 0; start < file.size(); ++line) {
+    const void* nl = std::memchr(text + start, '\n', file.size() - start);
+    const size_t end = nl != nullptr
+                           ? size_t(static_cast<const char*>(nl) - text)
+                           : file.size();
+    if (!is_blank(text + start, end - start)) {
+      VKTWriterValue element;
+      VKTJsonError error;
+      if (!vkt_json_parse(text + start, end - start, file.capacity() - start,
+                          &element, &error, options)) {
+        fail(file.name(), "line " + std::to_string(line) + ": " +
+                              parse_failure(error, " of the line"));
+      }
+      root->append(element);
+    }
+    start = end + 1;
+  }
 }
 
 }  // namespace
@@ -38,13 +83,17 @@ int cmd_pack(const Args& args) {
   VKTJsonError error;
   VKTJsonParseOptions options;
   options.strict = !args.has("lax");
-  if (!vkt_json_parse(reinterpret_cast<const char*>(file.data()), file.size(),
-                      file.capacity(), &root, &error, options)) {
-    std::string what = error.message;
-    if (error.offset != VKT_JSON_NO_OFFSET) {
-      what += " at byte " + std::to_string(error.offset);
-    }
-    fail(in, what);
+  const std::string streams = args.value("streams", "on");
+  if (streams != "on" && streams != "off") {
+    usage_error("--streams takes on or off, not '" + streams + "'");
+  }
+  options.streams = streams == "on";
+  if (args.has("lines")) {
+    parse_lines(file, options, &root);
+  } else if (!vkt_json_parse(reinterpret_cast<const char*>(file.data()),
+                             file.size(), file.capacity(), &root, &error,
+                             options)) {
+    fail(in, parse_failure(error));
   }
   progress.stage("writing");
   const vkt_binary image = writer.createImage(root);

@@ -9,6 +9,9 @@ int cmd_unpack(const Args& args) {
   const std::string out = args.value("output", "-");
   refuse_same_file(args.positional[0], out);
   const VKTJsonPrintOptions options = print_options(args);
+  if (args.has("lines") && options.pretty) {
+    usage_error("--lines prints one element a line, which --pretty breaks");
+  }
   CheckedImage image(args.positional[0], args.has("copy"),
                      CheckedImage::kWhole);
   Progress progress(image.name(), image.object().size());
@@ -21,6 +24,6 @@ int cmd_unpack(const Args& args) {
     image.decodeKeyNames();
   }
   progress.stage("printing");
-  write_value(image.name(), image.root(), options, out);
+  write_value(image.name(), image.root(), options, out, args.has("lines"));
   return 0;
 }

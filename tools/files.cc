@@ -174,7 +174,10 @@ class TempFile {
         slash == std::string::npos ? target : target.substr(slash + 1);
     mPath = (slash == std::string::npos ? "./" : dir) + "." + base + ".XXXXXX";
     mFd = ::mkstemp(&mPath[0]);
-    if (mFd < 0) fail(name, os_error());
+    if (mFd < 0) {
+      fail(slash == std::string::npos ? "." : dir,
+           "cannot make a temporary file for " + name + ": " + os_error());
+    }
     remember_temp_output(mPath);
     ::fchmod(mFd, mode);  // mkstemp makes the file private
   }
@@ -221,6 +224,27 @@ std::string resolved(const std::string& path) {
   return result;
 }
 
+// Where a link that leads to nothing (yet) points, as a path from here; the
+// path itself when it is no link. Followed up to 40 links, as the system does.
+std::string link_target(std::string path) {
+  for (int hops = 0; hops < 40; ++hops) {
+    struct stat st;
+    if (::lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) break;
+    std::string target(size_t(st.st_size) + 1, '\0');
+    const ssize_t n = ::readlink(path.c_str(), &target[0], target.size());
+    if (n < 0 || size_t(n) >= target.size()) break;
+    target.resize(size_t(n));
+    const size_t slash = path.rfind('/');
+    if (target[0] != '/' && slash != std::string::npos) {
+      target = path.substr(0, slash + 1) + target;
+    }
+    path = target;
+  }
+  return path;
+}
+
+bool sForce = false;
+
 }  // namespace
 
 // A device, pipe or socket is written where it is, since a file renamed
@@ -245,10 +269,13 @@ void write_output(const std::string& path, const Producer& produce) {
   if (::stat(path.c_str(), &st) != 0) {
     const mode_t mask = ::umask(0);
     ::umask(mask);
-    replace_file(path, path, 0666 & ~mask, produce);
+    replace_file(link_target(path), path, 0666 & ~mask, produce);
   } else if (S_ISDIR(st.st_mode)) {
     fail(path, std::strerror(EISDIR));
   } else if (S_ISREG(st.st_mode)) {
+    if (!sForce && ::access(path.c_str(), W_OK) != 0) {
+      fail(path, "you may not write this file (--force replaces it anyway)");
+    }
     replace_file(resolved(path), path, st.st_mode & 07777, produce);
   } else {
     const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
@@ -257,6 +284,8 @@ void write_output(const std::string& path, const Producer& produce) {
     to(fd);
   }
 }
+
+void set_output_force(bool force) { sForce = force; }
 
 void refuse_same_file(const std::string& in, const std::string& out) {
   if (is_std_stream(in) || is_std_stream(out)) return;

@@ -56,8 +56,14 @@ inline bool is_std_stream(const std::string& path) { return path == "-"; }
 // renamed over the target, so that a failure leaves an existing target as
 // it was and no partial file behind; an existing file keeps its
 // permissions, and a link to one stays a link. A device or pipe is written
-// in place. Throws ToolError naming `path`.
+// in place. A link, even one to a file not yet there, is written through
+// to its target; a hard link is not kept (the name gets a new file). A file
+// the user may not write is refused unless set_output_force(true). Throws
+// ToolError naming `path`, or the directory that refused the temporary file.
 void write_output(const std::string& path, const void* data, size_t size);
+
+// --force: replace an existing file even where the user may not write it.
+void set_output_force(bool force);
 
 // Takes one piece of an output.
 typedef std::function<void(const void* data, size_t size)> OutputPiece;

@@ -57,7 +57,7 @@ class PathParser {
   bool atEnd() const { return mPos >= mText.size(); }
   bool peek(char c) const { return !atEnd() && mText[mPos] == c; }
   bool fail(const char* what) {
-    *mError = std::string(what) + " at character " + std::to_string(mPos + 1);
+    *mError = std::string(what) + " at byte " + std::to_string(mPos);
     return false;
   }
   void push(PathStep step, std::vector<PathStep>* steps) const {
@@ -182,8 +182,32 @@ bool step_into(const PathStep& step, VKTValue* value) {
       step.name.find('\0') != std::string::npos) {
     return false;
   }
-  const VKTValue object = *value;
-  return object.findMember(step.name, value);
+  VKTValue member;
+  if (!value->findMember(step.name, &member)) return false;
+  *value = member;
+  return true;
+}
+
+const char* kind_name(vkt_type type) {
+  switch (type) {
+    case VKT_TYPE_NULL:
+      return "null";
+    case VKT_TYPE_BOOL:
+      return "a bool";
+    case VKT_TYPE_INTEGER:
+      return "an integer";
+    case VKT_TYPE_FLOAT:
+      return "a number";
+    case VKT_TYPE_STRING:
+      return "a string";
+    case VKT_TYPE_STREAM:
+      return "a stream";
+    case VKT_TYPE_ARRAY:
+      return "an array";
+    case VKT_TYPE_OBJECT:
+      return "an object";
+  }
+  return "a value";
 }
 
 }  // namespace
@@ -201,4 +225,18 @@ size_t resolve_path(VKTValue root, const std::vector<PathStep>& steps,
     if (!step_into(steps[i], value)) return i;
   }
   return steps.size();
+}
+
+std::string why_no_value(const VKTValue& parent, const PathStep& step,
+                         const std::string& parentPath) {
+  const std::string name = parentPath.empty() ? "the root" : parentPath;
+  const vkt_type want = step.isIndex ? VKT_TYPE_ARRAY : VKT_TYPE_OBJECT;
+  if (parent.type() != want) {
+    return name + " is " + kind_name(parent.type()) + ", not " +
+           kind_name(want);
+  }
+  if (step.isIndex) {
+    return name + " has " + std::to_string(parent.size()) + " elements";
+  }
+  return name + " has no such member";
 }

@@ -36,4 +36,9 @@ bool parse_path(const std::string& path, std::vector<PathStep>* steps,
 size_t resolve_path(VKTValue root, const std::vector<PathStep>& steps,
                     VKTValue* value, VKTVerifyReport* report = nullptr);
 
+// Why `step` names nothing in `parent` (reached by `parentPath`, empty for
+// the root): "a is a string, not an object", "n has 3 elements".
+std::string why_no_value(const VKTValue& parent, const PathStep& step,
+                         const std::string& parentPath);
+
 #endif  // VKT_TOOLS_PATH_H_

@@ -54,6 +54,7 @@ class PieceSink : public VKTWriteStream {
   using VKTWriteStream::Write;
   explicit PieceSink(const OutputPiece& put) : mPut(put) {}
   vkt_u32 Offset() const override { return vkt_u32(mSize); }
+  vkt_u64 Offset64() const { return mSize; }
   void Write(const vkt_u8* data, vkt_u32 size) override {
     mPut(data, size);
     mSize += size;
@@ -78,13 +79,40 @@ std::string print_value(const std::string& file, const VKTValue& value,
 }
 
 void write_value(const std::string& file, const VKTValue& value,
-                 const VKTJsonPrintOptions& options, const std::string& out) {
+                 const VKTJsonPrintOptions& options, const std::string& out,
+                 bool lines) {
+  if (lines && value.type() != VKT_TYPE_ARRAY) {
+    fail(file, "--lines needs an array at the root");
+  }
   write_output(out, [&](const OutputPiece& put) {
     PieceSink sink(put);
     VKTJsonError error;
-    if (!vkt_json_print(value, &sink, &error, options)) {
-      fail_print(file, options, error);
+    if (!lines) {
+      if (!vkt_json_print(value, &sink, &error, options)) {
+        fail_print(file, options, error);
+      }
+      put("\n", 1);
+      return;
     }
-    put("\n", 1);
+    // One element a line. Each print bounds its own text; the bound on the
+    // whole is checked between elements.
+    vkt_u32 index = 0;
+    for (VKTValue element : value.elements()) {
+      if (!within_expansion(options, value.object()->size(), sink.Offset64())) {
+        error.tooLarge = true;
+        error.message = "text passes " + std::to_string(options.maxExpansion) +
+                        " times the image's size (its values are shared many "
+                        "times over)";
+        fail_print(file, options, error);
+      }
+      if (!vkt_json_print(element, &sink, &error, options)) {
+        const std::string inner = error.path;
+        error.path = "[" + std::to_string(index) + "]" +
+                     (inner.empty() || inner[0] == '[' ? inner : "." + inner);
+        fail_print(file, options, error);
+      }
+      put("\n", 1);
+      ++index;
+    }
   });
 }

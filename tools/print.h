@@ -24,7 +24,9 @@ std::string print_value(const std::string& file, const VKTValue& value,
 
 // The same text written to `out` (see write_output) as it is made, so that
 // memory does not grow with the text.
+// The value as JSON to `out`; with `lines`, a root array one element a line.
 void write_value(const std::string& file, const VKTValue& value,
-                 const VKTJsonPrintOptions& options, const std::string& out);
+                 const VKTJsonPrintOptions& options, const std::string& out,
+                 bool lines = false);
 
 #endif  // VKT_TOOLS_PRINT_H_

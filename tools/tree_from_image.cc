@@ -37,7 +37,7 @@ bool tree_from_image(const VKTValue& value, vkt_u64* budget,
       out->setDouble(value.asDouble());
       break;
     case VKT_TYPE_STRING: {
-      const std::string text = value.asString();
+      const std::string text(value.asStringView());
       if (text.size() > *budget) return false;
       *budget -= text.size();
       out->setString(text);

@@ -13,15 +13,16 @@
 
 namespace {
 
-const Option sPackOptions[] = {{"output", 'o', true},
-                               {"no-share", '\0', false},
-                               {"endian", '\0', true},
-                               {"lax", '\0', false},
-                               {nullptr, '\0', false}};
+const Option sPackOptions[] = {
+    {"output", 'o', true},       {"no-share", '\0', false},
+    {"endian-mark", '\0', true}, {"lax", '\0', false},
+    {"streams", '\0', true},     {"lines", '\0', false},
+    {"force", '\0', false},      {nullptr, '\0', false}};
 const Option sPrintOptions[] = {
-    {"output", 'o', true}, {"pretty", '\0', false},
-    {"lax", '\0', false},  {"max-expansion", '\0', true},
-    {"copy", '\0', false}, {nullptr, '\0', false}};
+    {"output", 'o', true},  {"pretty", '\0', false},
+    {"lax", '\0', false},   {"max-expansion", '\0', true},
+    {"copy", '\0', false},  {"lines", '\0', false},
+    {"force", '\0', false}, {nullptr, '\0', false}};
 const Option sGetOptions[] = {{"pretty", '\0', false},
                               {"lax", '\0', false},
                               {"max-expansion", '\0', true},
@@ -45,21 +46,37 @@ struct Command {
 
 const Command sCommands[] = {
     {"pack", cmd_pack, sPackOptions, 1,
-     "pack IN.json -o OUT.vkt [--no-share] [--endian big|little] [--lax]",
+     "pack IN.json -o OUT.vkt [--no-share] [--endian-mark big|little] [--lax]"
+     " [--streams on|off] [--lines] [--force]",
      "Turns JSON text into an image, byte for byte what the library's writer\n"
      "makes of the same tree.\n"
      "  -o, --output FILE  the image; - writes to standard output (not a\n"
-     "                     terminal)\n"
+     "                     terminal). A new file replaces FILE at once,\n"
+     "                     with its mode; a symlink is written through; a\n"
+     "                     hard link is not kept\n"
+     "  --force            replace FILE even where you may not write it\n"
      "  --no-share         do not share equal elements of a container\n"
-     "  --endian ORDER     mark the image big or little (a version-4 image)\n"
+     "  --endian-mark ORDER\n"
+     "                     set the header's byte-order mark to big or\n"
+     "                     little (a version-4 image); only a mark: the\n"
+     "                     image's numbers are little-endian either way\n"
      "  --lax              accept duplicate names (the last wins), integers\n"
-     "                     beyond 64 bits (as doubles) and NUL in strings\n"},
+     "                     beyond 64 bits (as doubles) and NUL in strings\n"
+     "  --streams off      read {\"$stream\": ...} objects as objects; with\n"
+     "                     on (the default) an object whose members are\n"
+     "                     exactly $stream and optionally align and bound\n"
+     "                     becomes a stream\n"
+     "  --lines            read JSON Lines: one document a line (blank lines\n"
+     "                     skipped) into a root array\n"},
     {"unpack", cmd_unpack, sPrintOptions, 1,
-     "unpack IN.vkt [-o OUT.json] [--pretty] [--lax] [--max-expansion N]",
+     "unpack IN.vkt [-o OUT.json] [--pretty] [--lax] [--max-expansion N]"
+     " [--lines] [--force]",
      "Prints the whole image as JSON. Streams and bstreams become\n"
      "{\"$stream\": \"<base64>\", \"align\": N, \"bound\": true}, which pack\n"
      "reads back.\n"
-     "  -o, --output FILE  write there (default: standard output)\n"
+     "  -o, --output FILE  write there (default: standard output), as pack\n"
+     "                     does\n"
+     "  --force            replace FILE even where you may not write it\n"
      "  --pretty           indent two spaces, one member or element a line\n"
      "  --lax              print non-finite floats as null and replace bytes\n"
      "                     that are not UTF-8, instead of failing\n"
@@ -67,6 +84,8 @@ const Command sCommands[] = {
      "                     size (after its first 8 MiB): sharing can make a\n"
      "                     small image stand for a huge text. Default 100;\n"
      "                     0 lifts the bound\n"
+     "  --lines            print a root array as JSON Lines, one element a\n"
+     "                     line (not with --pretty)\n"
      "  --copy             read the image into memory instead of mapping it,\n"
      "                     so that a program rewriting the file meanwhile\n"
      "                     cannot change what is read after the checks\n"},
@@ -126,10 +145,15 @@ int run(const Command& command, int argc, char** argv) {
   }
   try {
     const Args args = parse_args(argc, argv, 2, command.options);
-    if (args.positional.size() != command.operands) {
-      usage_error(std::string(command.name) + " takes " +
-                  (command.operands == 1 ? "one file" : "a file and a PATH"));
+    const size_t given = args.positional.size();
+    if (given != command.operands) {
+      const std::string what =
+          command.operands == 1 ? "an input file" : "an image file and a PATH";
+      usage_error(std::string(command.name) +
+                  (given < command.operands ? " needs " : " takes only ") +
+                  what + " (- reads standard input)");
     }
+    set_output_force(args.has("force"));
     return command.run(args);
   } catch (ToolError& e) {
     if (e.code == kExitUsage)

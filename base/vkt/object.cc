@@ -8,6 +8,7 @@
 // so it is safe on bytes that only decode has seen, and it stays a few
 // nanoseconds; a lookup sets up the few arrays it needs itself.
 #include <cstring>  // memcpy, memcmp, memset
+#include <utility>  // move
 
 #include "vkt/format.h"
 #include "vkt/packed_array.h"
@@ -90,11 +91,78 @@ VKTObject::VKTObject(VKTReadStream* reader, VKTFilter* structFilter)
   filterInfo(structFilter);
 }
 
-VKTObject::~VKTObject() {
+VKTObject::~VKTObject() { release(); }
+
+void VKTObject::release() {
   delete mReader;
   mReader = nullptr;
   releaseStreamBuffer();
   if (mAllocType != VKT_ALLOC_REFER) delete[] mImage;
+  makeEmpty();
+}
+
+// No image: nothing to free (REFER), no sections, the null root.
+void VKTObject::makeEmpty() {
+  mReader = nullptr;
+  mStreamOffset = 0;
+  mImage = nullptr;
+  std::memset(mHeader, 0, sizeof(mHeader));
+  mImageSize = 0;
+  mAllocType = VKT_ALLOC_REFER;
+  mVersion = 0;
+  mFlags = 0;
+  for (const vkt_u8** p :
+       {&mKeyOffsetArray, &mKeyEntity, &mStringOffsetArray, &mStringEntity,
+        &mStreamOffsetArray, &mStreamSizeArray, &mStreamEntity,
+        &mBStreamOffsetArray, &mBStreamSizeArray, &mBStreamEntity,
+        &mRootValuePtr}) {
+    *p = nullptr;
+  }
+  mTotalStreamEntitySize = 0;
+  mKeyHashEnabled = false;
+  mKeyHashTable.clear();
+  mKeyHashEntries.clear();
+  mKeyNames.clear();
+  mKeyNameStarts.clear();
+}
+
+VKTObject::VKTObject(VKTObject&& other) noexcept {
+  makeEmpty();
+  *this = std::move(other);
+}
+
+// Every member is taken over; the pointers lead into buffers that do not
+// move, except mHeader, which is copied.
+VKTObject& VKTObject::operator=(VKTObject&& other) noexcept {
+  if (this == &other) return *this;
+  release();
+  mReader = other.mReader;
+  mStreamOffset = other.mStreamOffset;
+  mImage = other.mImage;
+  std::memcpy(mHeader, other.mHeader, sizeof(mHeader));
+  mImageSize = other.mImageSize;
+  mAllocType = other.mAllocType;
+  mVersion = other.mVersion;
+  mFlags = other.mFlags;
+  mKeyOffsetArray = other.mKeyOffsetArray;
+  mKeyEntity = other.mKeyEntity;
+  mStringOffsetArray = other.mStringOffsetArray;
+  mStringEntity = other.mStringEntity;
+  mStreamOffsetArray = other.mStreamOffsetArray;
+  mStreamSizeArray = other.mStreamSizeArray;
+  mStreamEntity = other.mStreamEntity;
+  mBStreamOffsetArray = other.mBStreamOffsetArray;
+  mBStreamSizeArray = other.mBStreamSizeArray;
+  mBStreamEntity = other.mBStreamEntity;
+  mRootValuePtr = other.mRootValuePtr;
+  mTotalStreamEntitySize = other.mTotalStreamEntitySize;
+  mKeyHashEnabled = other.mKeyHashEnabled;
+  mKeyHashTable = std::move(other.mKeyHashTable);
+  mKeyHashEntries = std::move(other.mKeyHashEntries);
+  mKeyNames = std::move(other.mKeyNames);
+  mKeyNameStarts = std::move(other.mKeyNameStarts);
+  other.makeEmpty();
+  return *this;
 }
 
 void VKTObject::loadHeader(const vkt_u8* header, VKTFilter* structFilter) {
@@ -147,6 +215,7 @@ void VKTObject::decodeInfo() {
 
 std::vector<VKTSection> VKTObject::sections() const {
   std::vector<VKTSection> result;
+  if (mImage == nullptr) return result;  // moved from
   for (vkt_u32 s = 0; s < SECTION_COUNT; ++s) {
     if (!section_present(s, mVersion)) continue;
     const vkt_u32 offset = header_field(mHeader, sSectionTable[s].field);

@@ -134,6 +134,31 @@ vkt_s64 VKTValue::asLongInt() const { return number<vkt_s64>(mObj, mPtr); }
 float VKTValue::asFloat() const { return number<float>(mObj, mPtr); }
 double VKTValue::numberAsDouble() const { return number<double>(mObj, mPtr); }
 
+// The writer puts the strings back to back in tag order, each closed by a
+// NUL, so the next offset (or the end of the table, where the next section
+// begins) less one is where this string's NUL lies. Only when that byte is a
+// NUL inside the table is the length taken from it; otherwise the first NUL
+// ends the string, which a verified table always holds.
+std::string_view VKTValue::asStringView() const {
+  if (mObj == nullptr) return std::string_view();
+  const vkt_u32 tag = readPacked(mPtr + 1, vkt_u32(*mPtr) - kStringTagId + 1);
+  vkt_u32 count, width;
+  const vkt_u8* offsets = packedHead(mObj->mStringOffsetArray, &count, &width);
+  if (tag >= count) return std::string_view();
+  const vkt_u8* after = mObj->mVersion >= 4 ? mObj->mBStreamOffsetArray
+                                            : mObj->mStreamOffsetArray;
+  const vkt_u32 tableSize = vkt_u32(after - mObj->mStringEntity);
+  const vkt_u32 begin = readPacked(offsets + tag * width, width);
+  const vkt_u32 end = tag + 1 < count
+                          ? readPacked(offsets + (tag + 1) * width, width)
+                          : tableSize;
+  const char* text = reinterpret_cast<const char*>(mObj->mStringEntity);
+  if (begin < end && end <= tableSize && text[end - 1] == 0) {
+    return std::string_view(text + begin, end - 1 - begin);
+  }
+  return std::string_view(text + begin);
+}
+
 const vkt_u8* VKTValue::asStream() const {
   if (mObj == nullptr) return nullptr;
   switch (identify_value(mPtr)) {
