@@ -613,15 +613,17 @@ namespace {
 // the file there as it was. Root writes anywhere, so root skips this.
 TEST_F(ToolTest, OutputIntoAReadOnlyDirectoryFails) {
   if (::geteuid() == 0) GTEST_SKIP() << "root may write into any directory";
-  const std::string in = pack("ro", "[1]");
-  ::mkdir(at("ro").c_str(), 0755);
-  write_file(at("ro/out.json"), "keep me");
-  ::chmod(at("ro").c_str(), 0555);
-  const Outcome r = vkt({"unpack", in, "-o", at("ro/out.json")});
-  ::chmod(at("ro").c_str(), 0755);
+  const std::string in = pack("rodir", "[1]");
+  ::mkdir(at("rodir").c_str(), 0755);
+  write_file(at("rodir/out.json"), "keep me");
+  ::chmod(at("rodir").c_str(), 0555);
+  const Outcome r = vkt({"unpack", in, "-o", at("rodir/out.json")});
+  ::chmod(at("rodir").c_str(), 0755);
   EXPECT_EQ(r.code, 1);
-  EXPECT_NE(r.err.find("Permission denied"), std::string::npos) << r.err;
-  EXPECT_EQ(read_file(at("ro/out.json")), "keep me");
+  EXPECT_NE(r.err.find(at("rodir/") + ": cannot make a temporary file"),
+            std::string::npos)
+      << r.err;
+  EXPECT_EQ(read_file(at("rodir/out.json")), "keep me");
 }
 
 }  // namespace
