@@ -53,10 +53,8 @@ struct StreamView {
   size_t size;
 };
 
-std::string string_of(const VKTValue& v) {
-  const char* s = v.asString();  // NUL-terminated inside the string table
-  return std::string(s, std::strlen(s));
-}
+// The whole string, NULs inside it included.
+std::string_view string_of(const VKTValue& v) { return v.asStringView(); }
 
 py::object scalar(const ImageRef& image, const VKTValue& v) {
   switch (v.type()) {
@@ -66,8 +64,10 @@ py::object scalar(const ImageRef& image, const VKTValue& v) {
       return py::int_(v.asLongInt());
     case VKT_TYPE_FLOAT:
       return py::float_(v.asDouble());
-    case VKT_TYPE_STRING:
-      return py::str(string_of(v));
+    case VKT_TYPE_STRING: {
+      const std::string_view s = string_of(v);
+      return py::str(s.data(), s.size());
+    }
     case VKT_TYPE_STREAM: {
       const vkt_u8* payload = v.asStream();
       if (payload == nullptr && v.streamSize() != 0) {

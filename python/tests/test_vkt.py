@@ -156,13 +156,16 @@ def test_same_bytes_as_pack(name, tmp_path):
 @pytest.mark.skipif(not TOOL, reason="the vkt tool was not built")
 def test_reads_what_the_tool_writes(tmp_path):
     text = ('{"s":{"$stream":"AAECAw==","align":64},'
-            '"b":{"$stream":"/w==","align":16,"bound":true},"n":[1,2.5]}')
+            '"b":{"$stream":"/w==","align":16,"bound":true},"n":[1,2.5],'
+            '"z":"a\\u0000b"}')
     (tmp_path / "in.json").write_text(text)
-    run_tool("pack", str(tmp_path / "in.json"), "-o", str(tmp_path / "i.vkt"))
+    run_tool("pack", "--lax", str(tmp_path / "in.json"), "-o",
+             str(tmp_path / "i.vkt"))
     img = vkt.Image.open(str(tmp_path / "i.vkt"))
     assert bytes(img.root["s"]) == b"\x00\x01\x02\x03"
     assert bytes(img.get("b")) == b"\xff"
     assert img.get("n[1]") == 2.5
+    assert img.get("z") == "a\0b"  # a NUL kept by --lax reads whole
 
 
 def test_filtered_images_are_refused():
