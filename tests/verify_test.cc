@@ -330,6 +330,18 @@ TEST(Verify, CheckedPathRefusesOnlyWhatItMeets) {
   EXPECT_FALSE(r["bad"].verifyStep(&report));
   EXPECT_EQ(report.offset, at + 1);
   EXPECT_FALSE(r.verify());
+
+  // A string that no value uses is checked by verify only.
+  ImageParts parts = valid_parts();
+  parts.stringOffsets = hex("0D 02 0D 00 07");
+  const vkt_binary unused = parts.assemble();
+  EXPECT_FALSE(VKTObject::verify(unused, &report));
+  EXPECT_STREQ(report.reason, "string offset outside the string entity");
+  ASSERT_TRUE(VKTObject::verifyTables(unused.data(), vkt_size(unused.size())));
+  const VKTObject checked(unused.data(), vkt_u32(unused.size()),
+                          VKT_ALLOC_REFER);
+  EXPECT_TRUE(checked.root().verify());
+  EXPECT_STREQ(checked.root()[0].asString(), "x");
 }
 
 }  // namespace
