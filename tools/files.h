@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "vkttypes.h"
+#include "vkt.h"
 
 // A whole input in memory: a regular file is mapped (privately, so that
 // writes stay ours), anything else ("-" for stdin, a pipe) is read in large
@@ -72,6 +72,24 @@ typedef std::function<void(const void* data, size_t size)> OutputPiece;
 // as it was (a device or standard output keeps what it was given).
 void write_output(const std::string& path,
                   const std::function<void(const OutputPiece&)>& produce);
+
+// A VKTWriteStream that hands what it takes to one output's pieces, for
+// writers and printers that write through write_output.
+class PieceSink : public VKTWriteStream {
+ public:
+  using VKTWriteStream::Write;
+  explicit PieceSink(const OutputPiece& put) : mPut(put) {}
+  vkt_u32 Offset() const override { return vkt_u32(mSize); }
+  vkt_u64 Offset64() const { return mSize; }
+  void Write(const vkt_u8* data, vkt_u32 size) override {
+    mPut(data, size);
+    mSize += size;
+  }
+
+ private:
+  const OutputPiece& mPut;
+  vkt_u64 mSize = 0;
+};
 
 // Fails naming `out` when it is the file `in` (the same file under any
 // name): writing it would replace what the user gave with the result.

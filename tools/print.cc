@@ -48,23 +48,6 @@ namespace {
   fail(file, what);
 }
 
-// Hands the printer's pieces to an output.
-class PieceSink : public VKTWriteStream {
- public:
-  using VKTWriteStream::Write;
-  explicit PieceSink(const OutputPiece& put) : mPut(put) {}
-  vkt_u32 Offset() const override { return vkt_u32(mSize); }
-  vkt_u64 Offset64() const { return mSize; }
-  void Write(const vkt_u8* data, vkt_u32 size) override {
-    mPut(data, size);
-    mSize += size;
-  }
-
- private:
-  const OutputPiece& mPut;
-  vkt_u64 mSize = 0;
-};
-
 }  // namespace
 
 std::string print_value(const std::string& file, const VKTValue& value,

@@ -14,6 +14,7 @@
 #define VKT_WRITER_BLOCKS_H_
 
 #include <cstring>
+#include <memory>
 #include <new>
 #include <string>
 #include <string_view>
@@ -184,15 +185,21 @@ struct VKTWriterValue::ArrayInfo {
   VKTWriterValue mInline[2];
 };
 
-// One member of an object: its node and its key, in one allocation, so the
-// node's address stays put however the object grows or is reordered.
+// One member of an object: its node and its key, in one stretch of the
+// object's member pages, so the node's address stays put however the object
+// grows or is reordered.
 struct VKTWriterValue::Member {
   explicit Member(std::string_view key) : mKeySize(vkt_u32(key.size())) {
     char* p = reinterpret_cast<char*>(this + 1);
     if (!key.empty()) std::memcpy(p, key.data(), key.size());
     p[key.size()] = 0;
   }
-  static void operator delete(void* p) { ::operator delete(p); }
+  // Bytes a member with a key of `keySize` bytes takes in a page: the block,
+  // the key and its NUL, rounded up to keep the next block aligned.
+  static size_t bytesFor(size_t keySize) {
+    const size_t n = sizeof(Member) + keySize + 1;
+    return (n + alignof(Member) - 1) & ~(alignof(Member) - 1);
+  }
   std::string_view key() const {
     return std::string_view(reinterpret_cast<const char*>(this + 1), mKeySize);
   }
@@ -210,10 +217,16 @@ struct VKTWriterValue::Member {
 // sorted, others mark it for one sort before the next walk. Lookups scan a
 // small object and go through a hash index of member pointers once it
 // grows, so building an object of n members takes O(n) expected time.
+//
+// The members themselves lie one after another in pages the object owns
+// (members are never removed, so a page is only freed with the object). A
+// new object sizes its first page and its vector by the last object that
+// began with the same key, so records of one shape take one page each.
 struct VKTWriterValue::ObjectInfo {
-  ~ObjectInfo() {
-    for (Member* m : mMembers) delete m;
-  }
+  ObjectInfo() = default;
+  ObjectInfo(const ObjectInfo&) = delete;
+  ObjectInfo& operator=(const ObjectInfo&) = delete;
+  ~ObjectInfo();
 
   // The member named `key`, made as a null node if missing.
   VKTWriterValue& at(std::string_view key);
@@ -223,14 +236,30 @@ struct VKTWriterValue::ObjectInfo {
 
   vkt_s32 mRefCount = 1;
   mutable vkt_u32 mSizeHint = 0;  // writer scratch: the image's likely size
-  mutable bool mSorted = true;
   mutable std::vector<Member*> mMembers;
-  // The members by key hash, empty while the object is small; rebuilt
+  // The members by key hash, absent while the object is small; rebuilt
   // when a sort moves the members.
-  mutable vkt_internal::OpenIndex mIndex;
+  mutable std::unique_ptr<vkt_internal::OpenIndex> mIndex;
 
  private:
+  // A page: the next page's address, then members.
+  struct Page {
+    Page* next;
+  };
+  // Room for a member of `bytes` bytes in the last page, or a new page.
+  void* allocate(size_t bytes, std::string_view firstKey);
+  Member* addMember(std::string_view key);
   void indexAll() const;
+
+  bool indexed() const { return mIndex != nullptr && !mIndex->empty(); }
+
+  Page* mPages = nullptr;  // most recent first
+  vkt_u32 mPageBytes = 0;  // member bytes the newest page holds
+  vkt_u32 mPageFree = 0;   // of which unused, at its end
+  vkt_u32 mUsed = 0;       // member bytes in all pages
+
+ public:
+  mutable bool mSorted = true;  // last here, where it packs with mUsed
 };
 
 #endif  // VKT_WRITER_BLOCKS_H_
