@@ -102,6 +102,11 @@ class VKTObject;
 class VKTMemberRange;
 class VKTElementRange;
 class VKTWriterObject;
+// The writer's internal parts, defined in the implementation.
+namespace vkt_internal {
+struct WriterTables;
+class ValueSource;
+}  // namespace vkt_internal
 class VKTWriterValue;
 // The implementation's accessor to the private parts below; not for users.
 class VKTInternal;
@@ -1023,13 +1028,14 @@ class VKTWriterObject {
 
   // The key, string and stream tables of one writeImage call, and the
   // scratch space of the value walk; defined in base/vkt/writer_tables.h.
-  struct Tables;
+  typedef vkt_internal::WriterTables Tables;
 
-  // Builds the image's front (header, key table, root value) in *front, then
-  // writes front and the rest to *sink or, when sink is null, appends the
-  // rest to *front, which becomes the whole image.
+  // Builds the image's front (header, key table, root value) in *front from
+  // what `source` walks (a tree, or text read twice), then writes front and
+  // the rest to *sink or, when sink is null, appends the rest to *front,
+  // which becomes the whole image.
   // Answers false, with mError set and nothing written, on a refusal.
-  bool assemble(const VKTWriterValue& root, VKTWriteStream* sink,
+  bool assemble(vkt_internal::ValueSource& source, VKTWriteStream* sink,
                 VKTFilter* structFilter, vkt_u32 flags, vkt_binary* front);
 
   // Appends the double-array key table of `keys` to *image. The keys are

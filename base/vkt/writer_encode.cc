@@ -4,46 +4,24 @@
 // the tables are numbered.
 //
 //   scalar:  id | payload (smallest id that holds the value)
-//   array:   ID_ARRAY  | offset array | entity area
-//   object:  ID_OBJECT | key array | offset array | entity area
 //
-// With sharing on, byte-identical element images of one container are stored
-// once in its entity area and their offsets repeat. A container writes its
-// elements straight into the value buffer behind room for its head; the
-// offsets' width is known only at the end, and when it differs from the
-// guess the elements slide once.
+// Containers are laid out by ContainerWriter (writer_container.h).
 //
 // prepare keeps its own stack of open containers and refuses a tree deeper
 // than VKT_MAX_DEPTH, so createImage, which recurses once per container
 // level, runs only on trees it has bounded.
-#include "vkt/packed_array.h"
-#include "vkt/writer_tables.h"
+#include "vkt/writer_container.h"
 
-using vkt_internal::kMaxImageSize;
-using vkt_internal::ScalarTraits;
+using vkt_internal::clamp_u32;
+using vkt_internal::head_hint;
+using vkt_internal::kSizeHint;
 using vkt_internal::StreamEntry;
-using vkt_internal::ValueBuffer;
 
 namespace {
-
-// A likely size of each value's image by type, for reserving the value
-// buffer up front: scalars at their widest, tags at two bytes, a container's
-// head with one-byte keys and offsets (sharing only makes images smaller).
-const vkt_u8 kSizeHint[] = {0, 1, 1, 5, 9, 0, 0, 3, 3, 0, 5, 9, 0, 0};
-static_assert(sizeof(kSizeHint) == TYPE_OBJECT + 1, "one entry per type");
 
 // Types that prepareNode does more for than add their size hint.
 const vkt_u32 kVisited = 1u << TYPE_STRING | 1u << TYPE_STREAM |
                          1u << TYPE_ARRAY | 1u << TYPE_OBJECT;
-
-vkt_u32 clamp_u32(size_t n) {
-  return n > 0xFFFFFFFFu ? 0xFFFFFFFFu : vkt_u32(n);
-}
-
-vkt_u32 head_hint(size_t count, bool withKeys) {
-  const vkt_u32 n = vkt_u32(count);
-  return 1 + unsigned_array_size(n, 1) * (withKeys ? 2 : 1);
-}
 
 }  // namespace
 
@@ -175,76 +153,38 @@ void VKTWriterValue::createImage(VKTWriterObject::Tables& tables) const {
   tables.value->append(buf, encodeScalar(tables, buf));
 }
 
-// The elements go into the entity area one after another. With sharing on,
-// a scalar is matched by its bytes as two words and a container by its
-// stretch of the buffer; the two never match each other (their first bytes
-// differ), so they are looked up apart.
+// The elements in order (an object's sorted by key) through a
+// ContainerWriter; a container element is written one depth deeper first.
 void VKTWriterValue::createContainerImage(
     VKTWriterObject::Tables& tables) const {
   if (tables.tooLarge) return;
-  ValueBuffer& out = *tables.value;
+  vkt_internal::ContainerWriter writer(tables);
   const bool isArray = mType == TYPE_ARRAY;
+  if (!isArray) {
+    std::vector<vkt_u32>& keys = writer.level().keys;
+    keys.clear();
+    for (const Member* member : mObjectInfo->mMembers) {
+      keys.push_back(tables.keys.tag(member->mKeyTag));
+    }
+  }
   const size_t count =
       isArray ? mArrayInfo->size() : mObjectInfo->mMembers.size();
-  VKTWriterObject::Tables::Level& level = tables.levels[tables.depth];
-  level.keys.clear();
-  level.offsets.clear();
-  if (!isArray) {
-    for (const Member* member : mObjectInfo->mMembers) {
-      level.keys.push_back(tables.keys.tag(member->mKeyTag));
-    }
-  }
-  if (tables.optimize) {
-    level.siblings.reset(count);
-    level.scalars.reset(count);
-  }
-  // Room for the head with offsets as wide as the size prepare noted asks;
-  // a wrong guess slides the entity area once at the end.
-  const vkt_u32 keysSize = isArray ? 0 : unsigned_array_size(level.keys);
-  const vkt_u32 start = vkt_u32(out.size());
-  const vkt_u32 hint = isArray ? mArrayInfo->mSizeHint : mObjectInfo->mSizeHint;
-  const vkt_u32 reserved =
-      1 + keysSize + unsigned_array_size(vkt_u32(count), unsigned_width(hint));
-  out.resize(start + reserved);
-  const vkt_u32 entityStart = start + reserved;
-  ++tables.depth;
+  writer.open(isArray, count,
+              isArray ? mArrayInfo->mSizeHint : mObjectInfo->mSizeHint);
   auto add = [&](const VKTWriterValue& element) {
-    if (tables.tooLarge) return;
-    const vkt_u32 begin = vkt_u32(out.size());
-    vkt_u32 offset = begin;
     if (element.mType == TYPE_ARRAY || element.mType == TYPE_OBJECT) {
+      const vkt_u32 begin = vkt_u32(tables.value->size());
       element.createContainerImage(tables);
-      if (tables.optimize && !tables.tooLarge) {
-        offset = level.siblings.place({begin, vkt_u32(out.size()) - begin, 0},
-                                      out.data());
-        if (offset != begin) out.resize(begin);  // stored before
-      }
+      writer.addContainer(begin);
     } else {
       vkt_u8 buf[SCALAR_BUFFER_SIZE] = {};
-      const vkt_u32 size = element.encodeScalar(tables, buf);
-      if (tables.optimize) {
-        offset = level.scalars.place(ScalarTraits::of(buf, begin), nullptr);
-      }
-      if (offset == begin) out.appendScalar(buf, size);
+      writer.addScalar(buf, element.encodeScalar(tables, buf));
     }
-    // Past 32-bit offsets: the walk winds down and the image is refused.
-    if (out.size() > kMaxImageSize) tables.tooLarge = true;
-    level.offsets.push_back(offset - entityStart);
   };
   if (isArray) {
     for (const VKTWriterValue& element : *mArrayInfo) add(element);
   } else {
     for (const Member* member : mObjectInfo->mMembers) add(member->mValue);
   }
-  --tables.depth;
-  if (tables.tooLarge) return;
-  // ID | [key array] | offset array, in front of the entity area.
-  const vkt_u32 headSize = 1 + keysSize + unsigned_array_size(level.offsets);
-  if (headSize != reserved) {
-    out.slide(entityStart, std::ptrdiff_t(headSize) - std::ptrdiff_t(reserved));
-  }
-  vkt_u8* p = out.data() + start;
-  *p++ = isArray ? ID_ARRAY : ID_OBJECT;
-  if (!isArray) generate_unsigned_array(p, level.keys);
-  generate_unsigned_array(p + keysSize, level.offsets);
+  writer.close();
 }

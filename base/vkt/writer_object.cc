@@ -207,6 +207,28 @@ void write_back(VKTWriteStream& writer, const BackSections& back,
                vkt_u32(start + offsets[SECTION_STREAM_ENTITY]));
 }
 
+// A ValueSource from two functions, so that the writer's own members can
+// walk a tree through its private parts.
+template <typename Prepare, typename Encode>
+class WalkSource : public vkt_internal::ValueSource {
+ public:
+  WalkSource(Prepare prepare, Encode encode)
+      : mPrepare(prepare), mEncode(encode) {}
+  const char* prepare(vkt_internal::WriterTables& tables) override {
+    return mPrepare(tables);
+  }
+  void encode(vkt_internal::WriterTables& tables) override { mEncode(tables); }
+
+ private:
+  Prepare mPrepare;
+  Encode mEncode;
+};
+
+template <typename Prepare, typename Encode>
+WalkSource<Prepare, Encode> walk_source(Prepare prepare, Encode encode) {
+  return WalkSource<Prepare, Encode>(prepare, encode);
+}
+
 }  // namespace
 
 VKTWriterObject::VKTWriterObject()
@@ -216,7 +238,10 @@ vkt_binary VKTWriterObject::createImage(const VKTWriterValue& root,
                                         VKTFilter* structFilter,
                                         vkt_u32 flags) {
   vkt_binary result;
-  if (!assemble(root, nullptr, structFilter, flags, &result)) {
+  auto source = walk_source(
+      [&](Tables& t) { return root.prepare(t) ? nullptr : kTooDeep; },
+      [&](Tables& t) { root.createImage(t); });
+  if (!assemble(source, nullptr, structFilter, flags, &result)) {
     vkt_binary().swap(result);  // its memory goes too
   }
   return result;
@@ -226,12 +251,15 @@ bool VKTWriterObject::writeImage(const VKTWriterValue& root,
                                  VKTWriteStream& writer,
                                  VKTFilter* structFilter, vkt_u32 flags) {
   vkt_binary front;
-  return assemble(root, &writer, structFilter, flags, &front);
+  auto source = walk_source(
+      [&](Tables& t) { return root.prepare(t) ? nullptr : kTooDeep; },
+      [&](Tables& t) { root.createImage(t); });
+  return assemble(source, &writer, structFilter, flags, &front);
 }
 
-bool VKTWriterObject::assemble(const VKTWriterValue& root, VKTWriteStream* sink,
-                               VKTFilter* structFilter, vkt_u32 flags,
-                               vkt_binary* front) {
+bool VKTWriterObject::assemble(vkt_internal::ValueSource& source,
+                               VKTWriteStream* sink, VKTFilter* structFilter,
+                               vkt_u32 flags, vkt_binary* front) {
   mError = "";
   if (structFilter == nullptr) flags &= ~FLAGS_FILTER_BITS;
   // Offsets count from the image's first byte, wherever the sink stands.
@@ -239,8 +267,8 @@ bool VKTWriterObject::assemble(const VKTWriterValue& root, VKTWriteStream* sink,
 
   // Collect, then number: tags are positions in the sorted tables.
   Tables tables(mOptimize);
-  if (!root.prepare(tables)) {
-    mError = kTooDeep;
+  if (const char* refusal = source.prepare(tables)) {
+    mError = refusal;
     return false;
   }
   tables.number();
@@ -287,7 +315,7 @@ bool VKTWriterObject::assemble(const VKTWriterValue& root, VKTWriteStream* sink,
   if (image.size() <= kMaxImageSize) {
     ValueBuffer value(&image);
     tables.value = &value;
-    root.createImage(tables);
+    source.encode(tables);
     value.finish();
   }
   const vkt_u64 rootSize = image.size() - headerSize - keySize;

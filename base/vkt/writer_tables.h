@@ -288,15 +288,12 @@ struct ScalarTraits {
   }
 };
 
-}  // namespace vkt_internal
-
-struct VKTWriterObject::Tables {
-  typedef vkt_internal::Interner<std::string_view, vkt_internal::TextTraits>
-      TextTable;
-  typedef vkt_internal::Interner<vkt_internal::StreamEntry,
-                                 vkt_internal::StreamTraits>
-      StreamTable;
-  explicit Tables(bool optimize) : optimize(optimize) {}
+// The key, string and stream tables of one writeImage call, and the scratch
+// space of the value walk (VKTWriterObject::Tables).
+struct WriterTables {
+  typedef Interner<std::string_view, TextTraits> TextTable;
+  typedef Interner<StreamEntry, StreamTraits> StreamTable;
+  explicit WriterTables(bool optimize) : optimize(optimize) {}
 
   // The id of a member's key, `position` its place in its object. Objects
   // of one shape (records) repeat their keys place by place, so the last
@@ -324,8 +321,8 @@ struct VKTWriterObject::Tables {
   struct Level {
     std::vector<vkt_u32> keys;
     std::vector<vkt_u32> offsets;
-    vkt_internal::SiblingSet<vkt_internal::StretchTraits> siblings;
-    vkt_internal::SiblingSet<vkt_internal::ScalarTraits> scalars;
+    SiblingSet<StretchTraits> siblings;
+    SiblingSet<ScalarTraits> scalars;
   };
 
   TextTable keys;
@@ -340,7 +337,7 @@ struct VKTWriterObject::Tables {
   StreamTable bstreams;
   const bool optimize;  // share equal element images within a container
   std::vector<Level> levels;
-  vkt_internal::ValueBuffer* value = nullptr;  // the encoding walk's output
+  ValueBuffer* value = nullptr;  // the encoding walk's output
   // Set once the root value passes kMaxImageSize; the walk then stops.
   bool tooLarge = false;
   size_t deepest = 0;   // containers open at once, at most, as prepare saw
@@ -348,5 +345,21 @@ struct VKTWriterObject::Tables {
   size_t sizeHint = 0;  // the root value's likely size, summed by prepare
   vkt_u64 values = 0;   // nodes prepare visited: the image's values, unshared
 };
+
+// What writeImage makes a root value of: walked twice in the same order,
+// first to fill the tables, then, once they are numbered, to encode.
+class ValueSource {
+ public:
+  virtual ~ValueSource() {}
+  // Interns every key, string and stream payload into `tables` and counts
+  // values, depth and size hints as a tree's prepare does. Answers null, or
+  // the refusal's static text (the tree nests too deep, or whatever else
+  // the source cannot go on from).
+  virtual const char* prepare(WriterTables& tables) = 0;
+  // Appends the root value's image to tables.value.
+  virtual void encode(WriterTables& tables) = 0;
+};
+
+}  // namespace vkt_internal
 
 #endif  // VKT_WRITER_TABLES_H_
