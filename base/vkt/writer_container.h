@@ -1,0 +1,130 @@
+// Writing one array or object into the value buffer, for every walk that
+// encodes a root value (a tree, or JSON text read a second time): the
+// elements go into the entity area one after another behind room for the
+// head, and the head is written once the offsets are known.
+//
+//   array:   ID_ARRAY  | offset array | entity area
+//   object:  ID_OBJECT | key array | offset array | entity area
+//
+// With sharing on, byte-identical element images of one container are stored
+// once in its entity area and their offsets repeat: a scalar is matched by
+// its bytes as two words and a container by its stretch of the buffer; the
+// two never match each other (their first bytes differ), so they are looked
+// up apart. The offsets' width is known only at the end, and when it differs
+// from the guess the elements slide once.
+#ifndef VKT_WRITER_CONTAINER_H_
+#define VKT_WRITER_CONTAINER_H_
+
+#include "vkt/packed_array.h"
+#include "vkt/writer_tables.h"
+
+namespace vkt_internal {
+
+// A likely size of each value's image by type, for reserving the value
+// buffer up front: scalars at their widest, tags at two bytes, a container's
+// head with one-byte keys and offsets (sharing only makes images smaller).
+const vkt_u8 kSizeHint[] = {0, 1, 1, 5, 9, 0, 0, 3, 3, 0, 5, 9, 0, 0};
+static_assert(sizeof(kSizeHint) == TYPE_OBJECT + 1, "one entry per type");
+
+inline vkt_u32 head_hint(size_t count, bool withKeys) {
+  const vkt_u32 n = vkt_u32(count);
+  return 1 + unsigned_array_size(n, 1) * (withKeys ? 2 : 1);
+}
+
+inline vkt_u32 clamp_u32(size_t n) {
+  return n > 0xFFFFFFFFu ? 0xFFFFFFFFu : vkt_u32(n);
+}
+
+// One container being written at tables.depth. For an object, the caller
+// fills level().keys with the members' key tags, in key order, before
+// open(). Between open() and close(), each element is added in order: a
+// scalar by addScalar, a container by writing it (one depth deeper) at the
+// end of the buffer and then calling addContainer with where it began.
+class ContainerWriter {
+ public:
+  typedef WriterTables Tables;
+  explicit ContainerWriter(Tables& tables)
+      : mTables(tables), mLevel(tables.levels[tables.depth]) {}
+
+  Tables::Level& level() { return mLevel; }
+
+  // Room for the head with offsets as wide as `sizeHint` asks; a wrong
+  // guess slides the entity area once at the end.
+  void open(bool isArray, size_t count, vkt_u32 sizeHint) {
+    mIsArray = isArray;
+    mLevel.offsets.clear();
+    if (isArray) mLevel.keys.clear();
+    if (mTables.optimize) {
+      mLevel.siblings.reset(count);
+      mLevel.scalars.reset(count);
+    }
+    ValueBuffer& out = *mTables.value;
+    mKeysSize = isArray ? 0 : unsigned_array_size(mLevel.keys);
+    mStart = vkt_u32(out.size());
+    mReserved = 1 + mKeysSize +
+                unsigned_array_size(vkt_u32(count), unsigned_width(sizeHint));
+    out.resize(mStart + mReserved);
+    ++mTables.depth;
+  }
+
+  // Adds a scalar's image, the first `size` bytes of `buf` (zero behind).
+  void addScalar(const vkt_u8 (&buf)[SCALAR_BUFFER_SIZE], vkt_u32 size) {
+    if (mTables.tooLarge) return;
+    ValueBuffer& out = *mTables.value;
+    const vkt_u32 begin = vkt_u32(out.size());
+    vkt_u32 offset = begin;
+    if (mTables.optimize) {
+      offset = mLevel.scalars.place(ScalarTraits::of(buf, begin), nullptr);
+    }
+    if (offset == begin) out.appendScalar(buf, size);
+    added(offset);
+  }
+
+  // Adds the container image written from `begin` to the buffer's end.
+  void addContainer(vkt_u32 begin) {
+    if (mTables.tooLarge) return;
+    ValueBuffer& out = *mTables.value;
+    vkt_u32 offset = begin;
+    if (mTables.optimize) {
+      offset = mLevel.siblings.place({begin, vkt_u32(out.size()) - begin, 0},
+                                     out.data());
+      if (offset != begin) out.resize(begin);  // stored before
+    }
+    added(offset);
+  }
+
+  // ID | [key array] | offset array, in front of the entity area.
+  void close() {
+    --mTables.depth;
+    if (mTables.tooLarge) return;
+    ValueBuffer& out = *mTables.value;
+    const vkt_u32 headSize =
+        1 + mKeysSize + unsigned_array_size(mLevel.offsets);
+    if (headSize != mReserved) {
+      out.slide(mStart + mReserved,
+                std::ptrdiff_t(headSize) - std::ptrdiff_t(mReserved));
+    }
+    vkt_u8* p = out.data() + mStart;
+    *p++ = mIsArray ? ID_ARRAY : ID_OBJECT;
+    if (!mIsArray) generate_unsigned_array(p, mLevel.keys);
+    generate_unsigned_array(p + mKeysSize, mLevel.offsets);
+  }
+
+ private:
+  void added(vkt_u32 offset) {
+    // Past 32-bit offsets: the walk winds down and the image is refused.
+    if (mTables.value->size() > kMaxImageSize) mTables.tooLarge = true;
+    mLevel.offsets.push_back(offset - (mStart + mReserved));
+  }
+
+  Tables& mTables;
+  Tables::Level& mLevel;
+  bool mIsArray = true;
+  vkt_u32 mKeysSize = 0;
+  vkt_u32 mStart = 0;
+  vkt_u32 mReserved = 0;
+};
+
+}  // namespace vkt_internal
+
+#endif  // VKT_WRITER_CONTAINER_H_
