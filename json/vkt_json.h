@@ -86,6 +86,21 @@ bool vkt_json_parse(const char* text, size_t size, size_t capacity,
                     VKTWriterValue* root, VKTJsonError* error,
                     const VKTJsonParseOptions& options = VKTJsonParseOptions());
 
+// JSON text straight to an image on `sink` (standing at Offset 0): the
+// bytes writer.writeImage makes of the tree vkt_json_parse builds, without
+// that tree. The text is read twice, and memory holds the text, one copy of
+// each distinct key and string, a few bytes per container and string, and
+// the image's root value; a tree costs tens of bytes per value more. Texts
+// that parse into more than a plain tree (options.strict off, or a
+// "$stream" object to make) go through the tree, as does a text with a
+// fault, so that every result and message is the parse's. On failure
+// answers false with nothing written: a parse failure as vkt_json_parse
+// reports it, or the writer's refusal (writer.error(), no offset).
+bool vkt_json_pack(const char* text, size_t size, size_t capacity,
+                   VKTWriterObject& writer, VKTWriteStream& sink,
+                   VKTJsonError* error,
+                   const VKTJsonParseOptions& options = VKTJsonParseOptions());
+
 struct VKTJsonPrintOptions {
   bool pretty = false;  // two-space indent, one member or element per line
   bool strict = true;

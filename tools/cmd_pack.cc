@@ -77,16 +77,6 @@ int cmd_pack(const Args& args) {
   }
 
   refuse_same_file(in, out);
-  std::unique_ptr<InputFile> file(new InputFile(in));
-  Progress progress(in, file->size());
-  progress.stage("parsing");
-  // The tree is never freed: the process ends once the image is out, and
-  // giving back a large tree node by node would only add to the time.
-  // A global keeps it reachable, so leak checkers see no leak.
-  static VKTWriterValue* tree = nullptr;
-  tree = new VKTWriterValue;
-  VKTWriterValue& root = *tree;
-  VKTJsonError error;
   VKTJsonParseOptions options;
   options.strict = !args.has("lax");
   const std::string streams = args.value("streams", "on");
@@ -94,20 +84,36 @@ int cmd_pack(const Args& args) {
     usage_error("--streams takes on or off, not '" + streams + "'");
   }
   options.streams = streams == "on";
-  if (args.has("lines")) {
-    parse_lines(*file, options, &root);
-  } else if (!vkt_json_parse(reinterpret_cast<const char*>(file->data()),
-                             file->size(), file->capacity(), &root, &error,
-                             options)) {
-    fail(in, parse_failure(error));
+  std::unique_ptr<InputFile> file(new InputFile(in));
+  Progress progress(in, file->size());
+  if (!args.has("lines")) {
+    // Text to image in two reads of the text, with no tree in between.
+    progress.stage("packing");
+    const char* text = reinterpret_cast<const char*>(file->data());
+    write_output(out, [&](const OutputPiece& put) {
+      PieceSink sink(put);
+      VKTJsonError error;
+      if (!vkt_json_pack(text, file->size(), file->capacity(), writer, sink,
+                         &error, options)) {
+        fail(in, parse_failure(error));
+      }
+    });
+    return 0;
   }
+  progress.stage("parsing");
+  // The tree is never freed: the process ends once the image is out, and
+  // giving back a large tree node by node would only add to the time.
+  // A global keeps it reachable, so leak checkers see no leak.
+  static VKTWriterValue* tree = nullptr;
+  tree = new VKTWriterValue;
+  parse_lines(*file, options, tree);
   // The tree holds copies of every text it took, so the input can go before
   // the image is made.
   file.reset();
   progress.stage("writing");
   write_output(out, [&](const OutputPiece& put) {
     PieceSink sink(put);
-    if (!writer.writeImage(root, sink)) fail(in, writer.error());
+    if (!writer.writeImage(*tree, sink)) fail(in, writer.error());
   });
   return 0;
 }

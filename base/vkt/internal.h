@@ -37,6 +37,16 @@ class VKTInternal {
     return o.mStreamEntity;
   }
 
+  // Writes to `sink` the image of what `source` walks, as writeImage writes
+  // a tree's; false, with writer.error() set and nothing written, on a
+  // refusal.
+  static bool writeImage(VKTWriterObject& writer,
+                         vkt_internal::ValueSource& source,
+                         VKTWriteStream& sink) {
+    vkt_binary front;
+    return writer.assemble(source, &sink, nullptr, 0, &front);
+  }
+
   // The double-array key table of `keys` (sorted, unique, NUL-free, each
   // followed by a NUL in memory), appended to *image.
   static void keyTable(const std::vector<std::string_view>& keys,

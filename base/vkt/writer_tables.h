@@ -27,6 +27,11 @@ template <typename Entry, typename Traits>
 class Interner {
  public:
   vkt_u32 add(const Entry& e) {
+    return add(e, [](const Entry& x) { return x; });
+  }
+  // The same, storing keep(e) when e is new: a copy that outlives e.
+  template <typename Keep>
+  vkt_u32 add(const Entry& e, Keep keep) {
     const vkt_u64 h = Traits::hash(e);
     const vkt_u32 next = vkt_u32(mEntries.size());
     const vkt_u32 id = mIndex.findOrAdd(
@@ -36,11 +41,13 @@ class Interner {
         },
         [this](vkt_u32 i) { return mHashes[i]; });
     if (id == next) {
-      mEntries.push_back(e);
+      mEntries.push_back(keep(e));
       mHashes.push_back(h);
     }
     return id;
   }
+  // The entry of an id, as stored.
+  const Entry& entry(vkt_u32 id) const { return mEntries[id]; }
 
   // Sorts once; after this tag(id) is the entry's place in table order.
   void number() {
