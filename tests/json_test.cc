@@ -10,6 +10,7 @@
 #include "testutil.h"
 #include "vkt.h"
 #include "vkt/format.h"
+#include "vkt/streams.h"  // VKTBinaryWriteStream
 #include "vkt_json.h"
 
 namespace {
@@ -33,6 +34,22 @@ bool parse(const std::string& text, VKTWriterValue* tree, VKTJsonError* error,
   options.streams = streams;
   return vkt_json_parse(text.data(), text.size(), text.size(), tree, error,
                         options);
+}
+
+// vkt_json_pack on a copy with the parser's padding behind it, so that the
+// text may take the path without a tree.
+bool pack(const std::string& text, vkt_binary* image, VKTJsonError* error,
+          bool strict = true, bool streams = true, bool share = true) {
+  VKTJsonParseOptions options;
+  options.strict = strict;
+  options.streams = streams;
+  const std::string padded = text + std::string(VKT_JSON_PADDING, ' ');
+  image->clear();
+  VKTBinaryWriteStream sink(*image);
+  VKTWriterObject writer;
+  writer.setOptimize(share);
+  return vkt_json_pack(padded.data(), text.size(), padded.size(), writer, sink,
+                       error, options);
 }
 
 // Prints the root of an image after verifying it as the tool does.
@@ -229,9 +246,16 @@ TEST(JsonParse, MapsEachKindOfJsonValue) {
     VKTWriterValue tree;
     VKTJsonError error;
     const bool ok = parse(c.text, &tree, &error, c.strict, c.streams);
+    // Packing without a tree gives the same image, or the same message.
+    vkt_binary packed;
+    VKTJsonError packError;
+    EXPECT_EQ(pack(c.text, &packed, &packError, c.strict, c.streams), ok);
+    EXPECT_EQ(packError.message, error.message);
+    EXPECT_EQ(packError.offset, error.offset);
     if (c.expected) {
       ASSERT_TRUE(ok) << error.message << " at " << error.offset;
       EXPECT_EQ(image_of(tree), make_image(c.expected));
+      EXPECT_EQ(packed, image_of(tree));
     } else {
       ASSERT_FALSE(ok);
       EXPECT_NE(error.message.find(c.error), std::string::npos)
@@ -242,6 +266,71 @@ TEST(JsonParse, MapsEachKindOfJsonValue) {
       EXPECT_EQ(image_of(tree), make_image([](VKTWriterValue*) {}));
     }
   }
+}
+
+std::string many(const std::string& open, const std::string& close, int n,
+                 const std::function<std::string(int)>& item) {
+  std::string text = open;
+  for (int i = 0; i < n; ++i) text += (i ? "," : "") + item(i);
+  return text + close;
+}
+
+// Texts whose image depends on member order and on sharing: packing them
+// without a tree must make the tree's bytes, shared or not.
+TEST(JsonPack, MakesTheTreesBytesWithoutTheTree) {
+  auto key = [](int i) {
+    return "\"k" + std::to_string(i * 7919 % 100) + "\"";
+  };
+  const std::string texts[] = {
+      R"({"b":[1,2],"a":[1,2],"c":{"y":1,"x":1},"d":"s","e":"s"})",
+      R"([[1,2],[1,2],{"k":"v"},{"k":"v"},"s","s",1.5,1.5,true,null,-7])",
+      R"({"z":{"b":{"d":[0],"c":[0]},"a":{"d":[0],"c":[0]}},"y":[],"x":{}})",
+      R"([{},[],{},[],[{}],[{}],"",""])",
+      many("[", "]", 300,
+           [](int i) { return "[" + std::to_string(i % 5) + "]"; }),
+      many("{", "}", 100,
+           [&](int i) { return key(i) + ":[" + std::to_string(i % 3) + "]"; }),
+      many("[", "]", 50,
+           [&](int i) {
+             return many("{", "}", 40, [&](int j) {
+               return key(j) + ":" + std::to_string((i + j) % 4);
+             });
+           }),
+      nested("{\"a\":[", "{\"b\":\"x\",\"a\":1}", "]}", 120),
+      "\"just a string\"",
+      "12345678901",
+  };
+  for (const std::string& text : texts) {
+    SCOPED_TRACE(text.substr(0, 60));
+    for (bool share : {true, false}) {
+      VKTWriterValue tree;
+      VKTJsonError error;
+      ASSERT_TRUE(parse(text, &tree, &error)) << error.message;
+      VKTWriterObject writer;
+      writer.setOptimize(share);
+      vkt_binary packed;
+      ASSERT_TRUE(pack(text, &packed, &error, true, true, share))
+          << error.message;
+      EXPECT_EQ(packed, writer.createImage(tree));
+    }
+  }
+}
+
+TEST(JsonPack, SamplesPackToTheTreesBytes) {
+  bool complete;
+  for (const std::string& path :
+       sample_documents(VKT_SAMPLE, VKT_DATA_DIR, &complete)) {
+    SCOPED_TRACE(path);
+    std::ifstream file(path);
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    VKTWriterValue tree;
+    VKTJsonError error;
+    ASSERT_TRUE(parse(text, &tree, &error)) << error.message;
+    vkt_binary packed;
+    ASSERT_TRUE(pack(text, &packed, &error)) << error.message;
+    EXPECT_EQ(packed, image_of(tree));
+  }
+  if (!complete) GTEST_SKIP() << VKT_DATA_DIR " is absent: the sample only";
 }
 
 TEST(JsonParse, FindsDuplicatesInLargeObjects) {
