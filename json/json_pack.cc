@@ -61,7 +61,7 @@ class TextStore {
   }
 
  private:
-  static const size_t kBlock = 1 << 20;
+  static constexpr size_t kBlock = 1 << 20;
   std::vector<std::unique_ptr<char[]>> mBlocks;
   char* mNext = nullptr;
   size_t mLeft = 0;
@@ -433,7 +433,7 @@ class JsonSource : public vkt_internal::ValueSource {
     std::string_view key;  // kept copy; null before the first key here
     vkt_u32 id;
   };
-  static const size_t kKeyPlaces = 32;
+  static constexpr size_t kKeyPlaces = 32;
   KeyPlace mLastKeys[kKeyPlaces] = {};
 };
 

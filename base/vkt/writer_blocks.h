@@ -20,6 +20,7 @@
 #include <string_view>
 #include <vector>
 
+#include "vkt/block_pool.h"
 #include "vkt/format.h"
 
 namespace vkt_internal {
@@ -42,12 +43,6 @@ inline vkt_u64 hash_bytes(const void* data, size_t n) {
   h ^= h >> 32;  // the tables index by the low bits: fold the high ones in
   h *= 0xD6E8FEB86659FD93ull;
   return h ^ (h >> 32);
-}
-
-// Allocates a block of type T with `textSize` bytes and a NUL behind it.
-template <typename T>
-void* allocate_with_text(size_t textSize) {
-  return ::operator new(sizeof(T) + textSize + 1);
 }
 
 // An open-addressing index over entries kept in a vector elsewhere: a slot
@@ -103,13 +98,26 @@ class OpenIndex {
 }  // namespace vkt_internal
 
 struct VKTWriterValue::StringInfo {
-  // The caller allocates with allocate_with_text<StringInfo>(text.size()).
-  explicit StringInfo(std::string_view text) : mSize(vkt_u32(text.size())) {
-    char* p = reinterpret_cast<char*>(this + 1);
-    if (!text.empty()) std::memcpy(p, text.data(), text.size());
-    p[text.size()] = 0;
+  // A new block holding `text`, from a pool when it is short.
+  static StringInfo* make(std::string_view text) {
+    const size_t bytes = blockBytes(text.size());
+    void* p = bytes <= 32   ? vkt_internal::BlockPool<32>::take()
+              : bytes <= 64 ? vkt_internal::BlockPool<64>::take()
+                            : ::operator new(bytes);
+    return new (p) StringInfo(text);
   }
-  static void operator delete(void* p) { ::operator delete(p); }
+  // Gives the block back where make took it.
+  static void destroy(StringInfo* s) {
+    const size_t bytes = blockBytes(s->mSize);
+    s->~StringInfo();
+    if (bytes <= 32) {
+      vkt_internal::BlockPool<32>::give(s);
+    } else if (bytes <= 64) {
+      vkt_internal::BlockPool<64>::give(s);
+    } else {
+      ::operator delete(s);
+    }
+  }
   std::string_view text() const {
     return std::string_view(reinterpret_cast<const char*>(this + 1), mSize);
   }
@@ -117,6 +125,16 @@ struct VKTWriterValue::StringInfo {
   vkt_s32 mRefCount = 1;
   mutable vkt_u32 mTag = 0;  // writer scratch: the string's table entry
   vkt_u32 mSize;             // a NUL inside the text stays
+
+ private:
+  explicit StringInfo(std::string_view text) : mSize(vkt_u32(text.size())) {
+    char* p = reinterpret_cast<char*>(this + 1);
+    if (!text.empty()) std::memcpy(p, text.data(), text.size());
+    p[text.size()] = 0;
+  }
+  static size_t blockBytes(size_t textSize) {
+    return sizeof(StringInfo) + textSize + 1;
+  }
 };
 
 struct VKTWriterValue::StreamInfo {
@@ -133,12 +151,14 @@ struct VKTWriterValue::StreamInfo {
     delete mReader;
     delete mStreamImage;
   }
+  static void destroy(StreamInfo* s) { delete s; }
 };
 
 // Elements in index order. Up to two (a pair is the commonest short array)
 // live in the block itself; more move to one array on the heap, which grows
 // by doubling. Elements past the size are null nodes.
-struct VKTWriterValue::ArrayInfo {
+struct VKTWriterValue::ArrayInfo
+    : vkt_internal::Pooled<VKTWriterValue::ArrayInfo> {
   ArrayInfo() = default;
   ArrayInfo(const ArrayInfo&) = delete;
   ArrayInfo& operator=(const ArrayInfo&) = delete;
@@ -148,6 +168,7 @@ struct VKTWriterValue::ArrayInfo {
     ::operator delete(mData);
   }
 
+  static void destroy(ArrayInfo* a) { delete a; }
   const VKTWriterValue* begin() const { return mData; }
   const VKTWriterValue* end() const { return mData + mSize; }
   size_t size() const { return mSize; }
@@ -222,11 +243,13 @@ struct VKTWriterValue::Member {
 // (members are never removed, so a page is only freed with the object). A
 // new object sizes its first page and its vector by the last object that
 // began with the same key, so records of one shape take one page each.
-struct VKTWriterValue::ObjectInfo {
+struct VKTWriterValue::ObjectInfo
+    : vkt_internal::Pooled<VKTWriterValue::ObjectInfo> {
   ObjectInfo() = default;
   ObjectInfo(const ObjectInfo&) = delete;
   ObjectInfo& operator=(const ObjectInfo&) = delete;
   ~ObjectInfo();
+  static void destroy(ObjectInfo* o) { delete o; }
 
   // The member named `key`, made as a null node if missing.
   VKTWriterValue& at(std::string_view key);

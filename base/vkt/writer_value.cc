@@ -7,15 +7,14 @@
 
 #include "vkt/writer_blocks.h"
 
-using vkt_internal::allocate_with_text;
 using vkt_internal::hash_bytes;
 
 namespace {
 
-// Drops one reference; the last one deletes the block.
+// Drops one reference; the last one gives the block back.
 template <typename Block>
 void release(Block* block) {
-  if (--block->mRefCount < 1) delete block;
+  if (--block->mRefCount < 1) Block::destroy(block);
 }
 
 }  // namespace
@@ -185,8 +184,7 @@ void VKTWriterValue::setBool(bool value) {
 
 void VKTWriterValue::setString(const std::string& value) {
   // Made before clear: value may be ours.
-  StringInfo* info =
-      new (allocate_with_text<StringInfo>(value.size())) StringInfo(value);
+  StringInfo* info = StringInfo::make(value);
   clear();
   mType = TYPE_STRING;
   mStringInfo = info;
