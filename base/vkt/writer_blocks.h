@@ -98,22 +98,28 @@ class OpenIndex {
 }  // namespace vkt_internal
 
 struct VKTWriterValue::StringInfo {
+  // The pooled block sizes: texts of up to 11 and 43 bytes. A heap block
+  // costs its size plus an 8-byte header, in steps of 16, so these fill
+  // blocks of 32 and 64 bytes exactly.
+  static const size_t kSmall = 24;
+  static const size_t kShort = 56;
+
   // A new block holding `text`, from a pool when it is short.
   static StringInfo* make(std::string_view text) {
     const size_t bytes = blockBytes(text.size());
-    void* p = bytes <= 32   ? vkt_internal::BlockPool<32>::take()
-              : bytes <= 64 ? vkt_internal::BlockPool<64>::take()
-                            : ::operator new(bytes);
+    void* p = bytes <= kSmall   ? vkt_internal::BlockPool<kSmall>::take()
+              : bytes <= kShort ? vkt_internal::BlockPool<kShort>::take()
+                                : ::operator new(bytes);
     return new (p) StringInfo(text);
   }
   // Gives the block back where make took it.
   static void destroy(StringInfo* s) {
     const size_t bytes = blockBytes(s->mSize);
     s->~StringInfo();
-    if (bytes <= 32) {
-      vkt_internal::BlockPool<32>::give(s);
-    } else if (bytes <= 64) {
-      vkt_internal::BlockPool<64>::give(s);
+    if (bytes <= kSmall) {
+      vkt_internal::BlockPool<kSmall>::give(s);
+    } else if (bytes <= kShort) {
+      vkt_internal::BlockPool<kShort>::give(s);
     } else {
       ::operator delete(s);
     }

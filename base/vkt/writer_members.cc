@@ -18,6 +18,7 @@ const size_t kIndexFrom = 16;
 // shares its first key with a large one wastes little.
 const size_t kFirstPage = 96;
 const size_t kMaxFirstPage = 1024;
+const size_t kMaxFirstCount = 32;  // the vector's first room, likewise
 const size_t kMaxPage = 64 << 10;
 
 // What the last object beginning with a given first key grew to: records of
@@ -74,7 +75,10 @@ VKTWriterValue::Member* VKTWriterValue::ObjectInfo::addMember(
   const std::string_view firstKey = mMembers.empty() ? key : mMembers[0]->key();
   if (mMembers.size() == mMembers.capacity()) {  // 4, 6, 9...: little slack
     size_t want = mMembers.empty() ? 4 : mMembers.size() * 3 / 2;
-    if (mMembers.empty()) want = std::max<size_t>(want, shape_hint(key).count);
+    if (mMembers.empty()) {
+      want = std::max<size_t>(
+          want, std::min<size_t>(shape_hint(key).count, kMaxFirstCount));
+    }
     mMembers.reserve(want);
   }
   Member* m =
