@@ -1,7 +1,9 @@
 // JSON conversion on the three sample documents, each beside the pass a user
 // would otherwise run:
-//   pack:   vkt_json_parse + createImage, beside simdjson's DOM parse + a
-//           FlexBuffer built from it (keys shared, the default);
+//   pack:   vkt_json_pack (text to image, no tree; what `vkt pack` runs),
+//           and vkt_json_parse + createImage through a tree, beside
+//           simdjson's DOM parse + a FlexBuffer built from it, keys shared
+//           (the default) and BUILDER_FLAG_SHARE_ALL;
 //   unpack: verify + open + decodeKeyNames + vkt_json_print, beside simdjson's
 //   DOM parse +
 //           minified print of the same JSON text (a JSON-to-JSON pass).
@@ -12,6 +14,7 @@
 
 #include "corpus.h"
 #include "vkt.h"
+#include "vkt/streams.h"  // VKTBinaryWriteStream
 #include "vkt_json.h"
 
 namespace {
@@ -32,6 +35,24 @@ void processed(benchmark::State& state, size_t jsonBytes) {
 }
 
 void BM_PackVkt(benchmark::State& state, const char* name) {
+  const PaddedText in(name);
+  vkt_binary image;
+  for (auto _ : state) {
+    image.clear();
+    VKTBinaryWriteStream sink(image);
+    VKTWriterObject writer;
+    VKTJsonError error;
+    if (!vkt_json_pack(in.text.data(), in.size, in.text.size(), writer, sink,
+                       &error)) {
+      state.SkipWithError(error.message.c_str());
+      break;
+    }
+    benchmark::DoNotOptimize(image.data());
+  }
+  processed(state, in.size);
+}
+
+void BM_PackVktTree(benchmark::State& state, const char* name) {
   const PaddedText in(name);
   for (auto _ : state) {
     VKTWriterValue root;
@@ -82,13 +103,20 @@ void simdjson_pass(benchmark::State& state, const char* name, Use use) {
 }
 
 #if VKT_BENCH_HAVE_FLEXBUFFERS
-void BM_PackFlexBuffers(benchmark::State& state, const char* name) {
-  simdjson_pass(state, name, [](simdjson::dom::element root) {
-    flexbuffers::Builder builder;
+void flexbuffers_pass(benchmark::State& state, const char* name,
+                      flexbuffers::BuilderFlag flags) {
+  simdjson_pass(state, name, [flags](simdjson::dom::element root) {
+    flexbuffers::Builder builder(512, flags);
     json_to_flexbuffers(root, builder);
     builder.Finish();
     benchmark::DoNotOptimize(builder.GetBuffer().data());
   });
+}
+void BM_PackFlexBuffers(benchmark::State& state, const char* name) {
+  flexbuffers_pass(state, name, flexbuffers::BUILDER_FLAG_SHARE_KEYS);
+}
+void BM_PackFlexBuffersShareAll(benchmark::State& state, const char* name) {
+  flexbuffers_pass(state, name, flexbuffers::BUILDER_FLAG_SHARE_ALL);
 }
 #endif
 
@@ -148,9 +176,11 @@ void add(const char* label, void (*fn)(benchmark::State&, const char*)) {
 
 int main(int argc, char** argv) {
   add("pack/vkt", BM_PackVkt);
+  add("pack/vkt_tree", BM_PackVktTree);
   add("pack/vkt_parse_only", BM_ParseVkt);
 #if VKT_BENCH_HAVE_FLEXBUFFERS
   add("pack/simdjson_flexbuffers", BM_PackFlexBuffers);
+  add("pack/simdjson_flexbuffers_share_all", BM_PackFlexBuffersShareAll);
 #endif
   add("unpack/vkt", BM_UnpackVkt);
   add("unpack/vkt_print_only", BM_PrintVkt);

@@ -150,9 +150,9 @@ class JsonSource : public vkt_internal::ValueSource {
       case od::json_type::object:
         return collectContainer(v, type == od::json_type::array, tables, depth);
       case od::json_type::number: {
-        vkt_u32 t;
-        if (!numberType(v, &t)) return false;
-        tables.sizeHint += kSizeHint[t];
+        Number n;
+        if (!readNumber(v, &n)) return false;
+        tables.sizeHint += kSizeHint[n.type];
         return true;
       }
       case od::json_type::string: {
@@ -225,25 +225,30 @@ class JsonSource : public vkt_internal::ValueSource {
     return true;
   }
 
-  // The type a number is written as, the tree parse's choice: a double for
-  // a fraction or exponent, an integer for one that fits 32 bits, a long
-  // integer for one that fits 64. Larger integers decline (strict parsing
-  // refuses them).
+  // A number as the tree's parse reads it: a double for a fraction or
+  // exponent, an integer for one that fits 32 bits, a long integer for one
+  // that fits 64. Larger integers decline (strict parsing refuses them).
+  struct Number {
+    vkt_u32 type = TYPE_DOUBLE;
+    double d = 0;
+    vkt_s64 i = 0;
+  };
+  // The same calls as the tree's parse makes, so that every number reads
+  // as there (a single get_number call reads some differently).
   template <typename V>
-  static bool numberType(V& v, vkt_u32* type) {
+  static bool readNumber(V& v, Number* n) {
     od::number_type kind;
     if (v.get_number_type().get(kind) != simdjson::SUCCESS) return false;
     if (kind == od::number_type::floating_point_number) {
-      double d;
-      *type = TYPE_DOUBLE;
-      return v.get_double().get(d) == simdjson::SUCCESS;
+      n->type = TYPE_DOUBLE;
+      return v.get_double().get(n->d) == simdjson::SUCCESS;
     }
-    vkt_s64 i;
     if (kind != od::number_type::signed_integer ||
-        v.get_int64().get(i) != simdjson::SUCCESS) {
+        v.get_int64().get(n->i) != simdjson::SUCCESS) {
       return false;
     }
-    *type = i >= INT32_MIN && i <= INT32_MAX ? TYPE_INTEGER : TYPE_LONG_INTEGER;
+    n->type = n->i >= INT32_MIN && n->i <= INT32_MAX ? TYPE_INTEGER
+                                                     : TYPE_LONG_INTEGER;
     return true;
   }
 
@@ -375,20 +380,14 @@ class JsonSource : public vkt_internal::ValueSource {
     known(v.type(), &type);
     switch (type) {
       case od::json_type::number: {
-        vkt_u32 t = TYPE_DOUBLE;
-        (void)numberType(v, &t);
-        if (t == TYPE_DOUBLE) {
-          double d = 0;
-          known(v.get_double(), &d);
-          generate_double(buf, d);
+        Number n;
+        (void)readNumber(v, &n);  // read without a fault the first time
+        if (n.type == TYPE_DOUBLE) {
+          generate_double(buf, n.d);
+        } else if (n.type == TYPE_INTEGER) {
+          generate_integer(buf, vkt_s32(n.i));
         } else {
-          vkt_s64 i = 0;
-          known(v.get_int64(), &i);
-          if (t == TYPE_INTEGER) {
-            generate_integer(buf, vkt_s32(i));
-          } else {
-            generate_long_integer(buf, i);
-          }
+          generate_long_integer(buf, n.i);
         }
         break;
       }
