@@ -6,6 +6,7 @@
 // and the image's: no node per value. What the walks keep between them:
 //
 //   strings   the table id of every string value, in text order
+//   numbers   the image of every number, in text order (read once)
 //   hints     per container, in text order: element count, likely size
 //   texts     one owned copy of each distinct key and string
 //
@@ -127,6 +128,7 @@ class JsonSource : public vkt_internal::ValueSource {
       return;
     }
     mNextString = 0;
+    mNextNumber = 0;
     mNextHint = 0;
     if (isContainer(doc)) {
       emitContainer(doc, tables, 0);
@@ -153,6 +155,7 @@ class JsonSource : public vkt_internal::ValueSource {
         Number n;
         if (!readNumber(v, &n)) return false;
         tables.sizeHint += kSizeHint[n.type];
+        keepNumber(n);
         return true;
       }
       case od::json_type::string: {
@@ -250,6 +253,20 @@ class JsonSource : public vkt_internal::ValueSource {
     n->type = n->i >= INT32_MIN && n->i <= INT32_MAX ? TYPE_INTEGER
                                                      : TYPE_LONG_INTEGER;
     return true;
+  }
+
+  // Appends a number's image to those the second walk takes in text order:
+  // no larger than the number's text, mostly, and read without a parse.
+  void keepNumber(const Number& n) {
+    vkt_u8 buf[SCALAR_BUFFER_SIZE];
+    if (n.type == TYPE_DOUBLE) {
+      generate_double(buf, n.d);
+    } else if (n.type == TYPE_INTEGER) {
+      generate_integer(buf, vkt_s32(n.i));
+    } else {
+      generate_long_integer(buf, n.i);
+    }
+    mNumbers.insert(mNumbers.end(), buf, buf + get_value_size(buf));
   }
 
   template <typename V>
@@ -380,15 +397,11 @@ class JsonSource : public vkt_internal::ValueSource {
     known(v.type(), &type);
     switch (type) {
       case od::json_type::number: {
-        Number n;
-        (void)readNumber(v, &n);  // read without a fault the first time
-        if (n.type == TYPE_DOUBLE) {
-          generate_double(buf, n.d);
-        } else if (n.type == TYPE_INTEGER) {
-          generate_integer(buf, vkt_s32(n.i));
-        } else {
-          generate_long_integer(buf, n.i);
-        }
+        // The first walk kept its image; the text's number is skipped.
+        const vkt_u8* image = mNumbers.data() + mNextNumber;
+        const vkt_u32 size = get_value_size(image);
+        std::memcpy(buf, image, size);
+        mNextNumber += size;
         break;
       }
       case od::json_type::string: {
@@ -424,6 +437,8 @@ class JsonSource : public vkt_internal::ValueSource {
   TextStore mTexts;
   std::vector<vkt_u32> mStrings;  // string ids in text order
   size_t mNextString = 0;
+  vkt_binary mNumbers;  // number images in text order
+  size_t mNextNumber = 0;
   std::vector<ContainerHint> mHints;  // in text order
   size_t mNextHint = 0;
   std::vector<std::unique_ptr<NameSet>> mNames;  // one per depth
