@@ -104,6 +104,7 @@ vkt_u32 climb_key(vkt_u32 positions, vkt_u32 leaf, Base base, Check check,
 
 bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint) const {
   if (mVersion == 1) {
+    if (hasKeyIndex()) return findIndexedKey(key, result);
     unsigned_array keyOffsetArray;
     setup_unsigned_array(&keyOffsetArray, mKeyOffsetArray);
     vkt_u32 begin = 0;
@@ -132,13 +133,9 @@ bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint) const {
     if (findKeyTagFromHashTable(key, result, &success, hint)) return success;
   }
 
-  key_trie t;  // the walk down needs no tail
-  setup_unsigned_array(&t.base, mKeyEntity);
-  setup_unsigned_array(&t.check, mKeyEntity + t.base.size);
   vkt_u32 tag;
-  const bool found = with_trie_widths(t, [&](auto base, auto check) {
-    return walk_key(t.base.valueNum, base, check, key, &tag);
-  });
+  const bool found =
+      hasKeyIndex() ? findIndexedKey(key, &tag) : walkKey(key, &tag);
   if (found) {
     *result = tag;
     if (cached) registerKeyTagToHashTable(key, tag, true, hint);
@@ -146,6 +143,15 @@ bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint) const {
   }
   if (cached) registerKeyTagToHashTable(key, 0, false, hint);
   return false;
+}
+
+bool VKTObject::walkKey(const char* key, vkt_u32* result) const {
+  key_trie t;  // the walk down needs no tail
+  setup_unsigned_array(&t.base, mKeyEntity);
+  setup_unsigned_array(&t.check, mKeyEntity + t.base.size);
+  return with_trie_widths(t, [&](auto base, auto check) {
+    return walk_key(t.base.valueNum, base, check, key, result);
+  });
 }
 
 // The climb from the leaf of `keyTag` (see climb_key); a tag beyond the
@@ -250,43 +256,133 @@ VKTKey VKTObject::prepareKey(const char* name) const {
   return findKey(name, &tag, nullptr) ? VKTKey(tag) : VKTKey();
 }
 
-// The block's NUL-closed names and their starts. The total is summed in 64
-// bits and must fit the 32-bit starts: a table whose names would not (only a
-// hostile image has one; verify refuses it) is left undecoded, and walks
-// rebuild each name from the table as they do without this call.
+// The block's NUL-closed names and their starts, with the trie set up once
+// for all of them. The total is summed in 64 bits and must fit the 32-bit
+// starts: a table whose names would not (only a hostile image has one;
+// verify refuses it) is left undecoded, and walks rebuild each name from the
+// table as they do without this call.
 void VKTObject::decodeKeyNames() {
   if (hasKeyNames()) return;
-  vkt_u32 count;
+  std::vector<char> names;
+  std::vector<vkt_u32> starts(1, 0);
+  auto add = [&](const char* name, size_t length) {
+    if (vkt_u64(names.size()) + length + 1 > 0xFFFFFFFF) return false;
+    names.insert(names.end(), name, name + length);
+    names.push_back('\0');
+    starts.push_back(vkt_u32(names.size()));
+    return true;
+  };
   if (mVersion == 1) {
     unsigned_array keyOffsetArray;
     setup_unsigned_array(&keyOffsetArray, mKeyOffsetArray);
-    count = keyOffsetArray.valueNum;
+    for (vkt_u32 tag = 0; tag < keyOffsetArray.valueNum; ++tag) {
+      const char* s = sortedKey(tag);
+      if (!add(s, std::strlen(s))) return;
+    }
   } else {
     key_trie t;
     setup_key_trie(&t, mKeyEntity);
-    count = t.tail.valueNum;
+    std::string name;
+    const bool whole = with_trie_widths(t, [&](auto base, auto check) {
+      for (vkt_u32 tag = 0; tag < t.tail.valueNum; ++tag) {
+        rebuild_key(t, base, check, tag, &name);
+        if (!add(name.data(), name.size())) return false;
+      }
+      return true;
+    });
+    if (!whole) return;
   }
-  // Lengths first, so the block is allocated once.
-  std::vector<vkt_u32> starts(size_t(count) + 1);
-  vkt_u64 total = 0;
-  for (vkt_u32 tag = 0; tag < count; ++tag) {
-    starts[tag] = vkt_u32(total);
-    const vkt_u64 length = mVersion == 1 ? std::strlen(sortedKey(tag))
-                                         : climbKey(tag, [](char) {});
-    if (!checked_mul_add(1, length + 1, 0xFFFFFFFF, &total)) return;
+  mKeyNames.swap(names);
+  mKeyNameStarts.swap(starts);
+}
+
+// ---------------------------------------------------------------------------
+// Name index: open addressing over the decoded names, one 64-bit slot per
+// entry (the hash's high half, then key tag + 1; 0 marks a free slot), at
+// most half full, so that a lookup hashes the key once and mostly compares
+// one name.
+// ---------------------------------------------------------------------------
+
+namespace {
+
+// Little-endian loads of 8 and 4 bytes, whatever the alignment.
+vkt_u64 load64(const char* p) {
+  vkt_u64 v;
+  std::memcpy(&v, p, sizeof(v));
+  return v;
+}
+vkt_u64 load32(const char* p) {
+  vkt_u32 v;
+  std::memcpy(&v, p, sizeof(v));
+  return v;
+}
+
+// A hash of the `length` bytes at `p`, eight at a time with a multiply
+// each, so that a name costs a few steps rather than one per byte. The
+// last 1 to 7 bytes are read without passing the end: two overlapping
+// 4-byte loads, or up to three single bytes.
+vkt_u64 name_hash(const char* p, size_t length) {
+  const vkt_u64 kMul = 0x9E3779B97F4A7C15ull;
+  vkt_u64 h = length * kMul;
+  size_t i = 0;
+  for (; i + 8 <= length; i += 8) h = (h ^ load64(p + i)) * kMul;
+  const size_t rest = length - i;
+  if (rest >= 4) {
+    h = (h ^ (load32(p + i) << 32 | load32(p + length - 4))) * kMul;
+  } else if (rest > 0) {
+    const vkt_u64 w = vkt_u64(vkt_u8(p[i])) << 16 |
+                      vkt_u64(vkt_u8(p[i + rest / 2])) << 8 |
+                      vkt_u8(p[length - 1]);
+    h = (h ^ w) * kMul;
   }
-  starts[count] = vkt_u32(total);
-  mKeyNames.resize(size_t(total));
+  h ^= h >> 32;
+  h *= 0xD6E8FEB86659FD93ull;
+  return h ^ (h >> 32);
+}
+
+}  // namespace
+
+void VKTObject::buildKeyIndex() {
+  if (!mKeyIndex.empty()) return;
+  decodeKeyNames();
+  if (!hasKeyNames()) return;
+  const vkt_u32 count = vkt_u32(mKeyNameStarts.size() - 1);
+  size_t slots = 8;
+  while (slots < size_t(count) * 2) slots *= 2;
+  std::vector<vkt_u64> index(slots, 0);
+  const size_t mask = slots - 1;
   for (vkt_u32 tag = 0; tag < count; ++tag) {
-    char* end = mKeyNames.data() + starts[tag + 1] - 1;  // the NUL
-    if (mVersion == 1) {
-      const char* s = sortedKey(tag);
-      std::memcpy(end - std::strlen(s), s, std::strlen(s));
-    } else {
-      climbKey(tag, [&end](char c) { *--end = c; });
+    const std::string_view name = keyName(tag);
+    // A name that the trie spells with a NUL inside (a damaged table) is
+    // one that no walk reaches, and a name listed twice one that the walk
+    // reaches under one tag only: leave such a table to the walk.
+    if (name.find('\0') != std::string_view::npos) return;
+    const vkt_u64 h = name_hash(name.data(), name.size());
+    size_t i = h & mask;
+    for (; index[i] != 0; i = (i + 1) & mask) {
+      if (keyName(vkt_u32(index[i]) - 1) == keyName(tag)) return;
+    }
+    index[i] = (h >> 32) << 32 | (vkt_u64(tag) + 1);
+  }
+  mKeyIndex.swap(index);
+}
+
+bool VKTObject::findIndexedKey(const char* key, vkt_u32* result) const {
+  const size_t length = std::strlen(key);
+  const vkt_u64 h = name_hash(key, length);
+  const size_t mask = mKeyIndex.size() - 1;
+  for (size_t i = h & mask;; i = (i + 1) & mask) {
+    const vkt_u64 slot = mKeyIndex[i];
+    if (slot == 0) return false;
+    if ((slot >> 32) != (h >> 32)) continue;
+    const vkt_u32 tag = vkt_u32(slot) - 1;
+    const vkt_u32 begin = mKeyNameStarts[tag];
+    if (mKeyNameStarts[tag + 1] - begin - 1 == length &&
+        std::memcmp(mKeyNames.data() + begin, key, length) == 0) {
+      *result = tag;
+      return true;
     }
   }
-  mKeyNameStarts.swap(starts);
 }
 
 // ---------------------------------------------------------------------------
