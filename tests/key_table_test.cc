@@ -81,6 +81,18 @@ TEST(KeyTableTest, FindsEveryKeyAndCachesVerdicts) {
       EXPECT_EQ(A::getKey(obj, i), row.keys[i]) << i;
     }
     EXPECT_EQ(A::getKey(obj, vkt_u32(row.members)), "");
+    // The name index answers every lookup as the walk did, and the cache
+    // still records what goes through it.
+    obj.buildKeyIndex();
+    EXPECT_TRUE(obj.hasKeyIndex());
+    for (vkt_u32 i = 0; i < row.keys.size(); ++i) {
+      const bool member = i < row.members;
+      vkt_u32 found = 12345, hint = 0;
+      EXPECT_EQ(A::findKey(obj, row.keys[i].c_str(), &found, nullptr), member);
+      EXPECT_EQ(found, member ? i : 12345) << i;
+      EXPECT_EQ(A::findKey(obj, row.keys[i].c_str(), &found, &hint), member);
+    }
+    EXPECT_EQ(A::keyHashEntries(obj), row.version != 1 ? row.keys.size() : 0);
   }
 }
 
