@@ -628,12 +628,28 @@ class VKTMemberIterator {
   void load();
   void loadRebuilt();
 
+  friend class VKTObject;
+  // The key table's arrays, read once by begin() when names are rebuilt, so
+  // that each step only climbs from the name's leaf.
+  struct KeyTrie {
+    const vkt_u8* base = nullptr;
+    const vkt_u8* check = nullptr;
+    const vkt_u8* tail = nullptr;
+    vkt_u32 positions = 0;  // of base and check
+    vkt_u32 keys = 0;       // of tail
+    vkt_u8 baseWidth = 0, checkWidth = 0, tailWidth = 0;
+  };
+
   VKTElementIterator mValues;     // positions and member values
   const vkt_u8* mKeys = nullptr;  // key tags (versions 2 and up)
   vkt_u32 mKeyWidth = 1;
   vkt_u32 mCount = 0;
   VKTMember mMember;
-  std::string mNameBuffer;  // the rebuilt name, without decoded names
+  KeyTrie mTrie;
+  // The rebuilt name, without decoded names: in place up to its size, else
+  // in the string.
+  char mName[48];
+  std::string mLongName;
 };
 
 class VKTMemberRange {
@@ -880,8 +896,11 @@ class VKTObject {
   // out[0] to out[count - 1] (versions 2 and up: a key array).
   void getKeysInto(const vkt_u8* tags, vkt_u32 width, vkt_u32 count,
                    std::string* out) const;
-  template <typename Emit>
-  vkt_u32 climbKey(vkt_u32 keyTag, Emit emit) const;
+  // The member walk's rebuild: the trie set up once, then the name of
+  // `keyTag` into it->mName or it->mLongName.
+  void setupKeyTrie(VKTMemberIterator::KeyTrie* trie) const;
+  std::string_view rebuildMemberName(VKTMemberIterator* it,
+                                     vkt_u32 keyTag) const;
   const char* sortedKey(vkt_u32 keyTag) const;
   // The decoded name of `keyTag`; REQUIRES: hasKeyNames().
   std::string_view keyName(vkt_u32 keyTag) const {

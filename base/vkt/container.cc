@@ -182,6 +182,10 @@ VKTMemberIterator VKTMemberRange::begin() const {
   it.mKeys = mKeys;
   it.mKeyWidth = mKeyWidth;
   it.mCount = mValues.mCount;
+  const VKTObject* obj = it.mValues.mObj;
+  if (obj != nullptr && !it.mValues.mRecords && !obj->hasKeyNames()) {
+    obj->setupKeyTrie(&it.mTrie);
+  }
   it.load();
   return it;
 }
@@ -197,8 +201,10 @@ void VKTMemberIterator::loadRebuilt() {
   mMember.value = *mValues;
   if (obj->hasKeyNames()) {
     mMember.name = obj->keyName(mMember.keyTag);
+  } else if (mValues.mRecords) {
+    obj->getKeyInto(mMember.keyTag, &mLongName);
+    mMember.name = mLongName;
   } else {
-    obj->getKeyInto(mMember.keyTag, &mNameBuffer);
-    mMember.name = mNameBuffer;
+    mMember.name = obj->rebuildMemberName(this, mMember.keyTag);
   }
 }

@@ -154,19 +154,6 @@ bool VKTObject::walkKey(const char* key, vkt_u32* result) const {
   });
 }
 
-// The climb from the leaf of `keyTag` (see climb_key); a tag beyond the
-// table gives no bytes.
-template <typename Emit>
-vkt_u32 VKTObject::climbKey(vkt_u32 keyTag, Emit emit) const {
-  key_trie t;
-  setup_key_trie(&t, mKeyEntity);
-  if (keyTag >= t.tail.valueNum) return 0;
-  const vkt_u32 leaf = get_unsigned_array(&t.tail, keyTag);
-  return with_trie_widths(t, [&](auto base, auto check) {
-    return climb_key(t.check.valueNum, leaf, base, check, emit);
-  });
-}
-
 // Version 1 keeps each name as a NUL-terminated string.
 const char* VKTObject::sortedKey(vkt_u32 keyTag) const {
   unsigned_array keyOffsetArray;
@@ -249,6 +236,46 @@ std::string VKTObject::getKey(vkt_u32 keyTag) const {
   std::string result;
   getKeyInto(keyTag, &result);
   return result;
+}
+
+void VKTObject::setupKeyTrie(VKTMemberIterator::KeyTrie* trie) const {
+  key_trie t;
+  setup_key_trie(&t, mKeyEntity);
+  trie->base = t.base.values;
+  trie->check = t.check.values;
+  trie->tail = t.tail.values;
+  trie->positions = t.check.valueNum;
+  trie->keys = t.tail.valueNum;
+  trie->baseWidth = vkt_u8(t.base.valueSize <= 4 ? t.base.valueSize : 0);
+  trie->checkWidth = vkt_u8(t.check.valueSize <= 4 ? t.check.valueSize : 0);
+  trie->tailWidth = vkt_u8(t.tail.valueSize <= 4 ? t.tail.valueSize : 0);
+}
+
+// Climbs into the back of the iterator's buffer, and for a longer name
+// sizes it in that climb and fills the string in a second one; a tag beyond
+// the table gives "".
+std::string_view VKTObject::rebuildMemberName(VKTMemberIterator* it,
+                                              vkt_u32 keyTag) const {
+  const VKTMemberIterator::KeyTrie& t = it->mTrie;
+  if (keyTag >= t.keys) return std::string_view();
+  const vkt_u32 leaf = read_packed(t.tail, t.tailWidth, keyTag);
+  return with_width(t.baseWidth, [&](auto bw) {
+    return with_width(t.checkWidth, [&](auto cw) {
+      const packed<decltype(bw)> base{t.base};
+      const packed<decltype(cw)> check{t.check};
+      char* const end = it->mName + sizeof(it->mName);
+      char* p = end;
+      const vkt_u32 length =
+          climb_key(t.positions, leaf, base, check, [&](char c) {
+            if (p != it->mName) *--p = c;
+          });
+      if (length <= sizeof(it->mName)) return std::string_view(p, length);
+      it->mLongName.resize(length);
+      p = &it->mLongName[0] + length;
+      climb_key(t.positions, leaf, base, check, [&p](char c) { *--p = c; });
+      return std::string_view(it->mLongName);
+    });
+  });
 }
 
 VKTKey VKTObject::prepareKey(const char* name) const {
