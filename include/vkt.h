@@ -886,8 +886,7 @@ class VKTObject {
   void makeEmpty();
 
   bool findKey(const char* key, vkt_u32* result, vkt_u32* hint) const;
-  // The trie walk of findKey, and the same answer from the name index.
-  bool walkKey(const char* key, vkt_u32* result) const;
+  // findKey's answer from the name index.
   bool findIndexedKey(const char* key, vkt_u32* result) const;
   std::string getKey(vkt_u32 keyTag) const;
   // Rebuilds the name of `keyTag` into *out, reusing its capacity.

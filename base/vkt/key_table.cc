@@ -134,8 +134,17 @@ bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint) const {
   }
 
   vkt_u32 tag;
-  const bool found =
-      hasKeyIndex() ? findIndexedKey(key, &tag) : walkKey(key, &tag);
+  bool found;
+  if (hasKeyIndex()) {
+    found = findIndexedKey(key, &tag);
+  } else {
+    key_trie t;  // the walk down needs no tail
+    setup_unsigned_array(&t.base, mKeyEntity);
+    setup_unsigned_array(&t.check, mKeyEntity + t.base.size);
+    found = with_trie_widths(t, [&](auto base, auto check) {
+      return walk_key(t.base.valueNum, base, check, key, &tag);
+    });
+  }
   if (found) {
     *result = tag;
     if (cached) registerKeyTagToHashTable(key, tag, true, hint);
@@ -143,15 +152,6 @@ bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint) const {
   }
   if (cached) registerKeyTagToHashTable(key, 0, false, hint);
   return false;
-}
-
-bool VKTObject::walkKey(const char* key, vkt_u32* result) const {
-  key_trie t;  // the walk down needs no tail
-  setup_unsigned_array(&t.base, mKeyEntity);
-  setup_unsigned_array(&t.check, mKeyEntity + t.base.size);
-  return with_trie_widths(t, [&](auto base, auto check) {
-    return walk_key(t.base.valueNum, base, check, key, result);
-  });
 }
 
 // Version 1 keeps each name as a NUL-terminated string.
