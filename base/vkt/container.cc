@@ -22,20 +22,22 @@ bool is_container(const VKTObject* obj, const vkt_u8* p) {
 }
 
 // Binary search of an object's strictly ascending key tags: the index whose
-// tag is `tag`, or `count` when there is none. The halving picks its side by
-// a conditional move rather than a branch, so that the search costs no
-// mispredicted jumps: it narrows to the last entry at or below `tag` and
-// compares that one.
+// tag is `tag`, or `count` when there is none.
 template <typename TagAt>
 vkt_u32 search_tag(vkt_u32 count, vkt_u32 tag, TagAt tagAt) {
-  if (count == 0) return count;
-  vkt_u32 low = 0;
-  for (vkt_u32 n = count; n > 1;) {
-    const vkt_u32 half = n / 2;
-    low = tagAt(low + half) <= tag ? low + half : low;
-    n -= half;
+  vkt_u32 begin = 0;
+  vkt_u32 end = count;
+  while (begin < end) {
+    const vkt_u32 mid = (begin + end) / 2;
+    const vkt_u32 objectTag = tagAt(mid);
+    if (objectTag == tag) return mid;
+    if (objectTag < tag) {
+      begin = mid + 1;
+    } else {
+      end = mid;
+    }
   }
-  return tagAt(low) == tag ? low : count;
+  return count;
 }
 
 // An array's width for the walks, which index with it: a width id outside the
