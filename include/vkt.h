@@ -106,6 +106,7 @@ class VKTWriterObject;
 namespace vkt_internal {
 struct WriterTables;
 class ValueSource;
+struct KeyState;
 }  // namespace vkt_internal
 class VKTWriterValue;
 // The implementation's accessor to the private parts below; not for users.
@@ -819,7 +820,9 @@ class VKTObject {
 
   // Turns the key cache on or off. With it on, lookups that pass a hint
   // remember each key's verdict, so a repeated lookup skips the trie walk.
-  // Turning it on again keeps the entries; turning it off frees them. See
+  // Turning it on again keeps the entries; turning it off frees them. The
+  // first call that turns it on allocates one small block, which holds the
+  // cache (and the names and index below) until the object dies. See
   // VKTValue::at for what a caller takes on by passing hints.
   void setKeyHashEnabled(bool state);
 
@@ -841,7 +844,7 @@ class VKTObject {
   // to the object: no other call on the object may run at the same time.
   // Time is linear in the names' total length.
   void decodeKeyNames();
-  bool hasKeyNames() const { return !mKeyNameStarts.empty(); }
+  bool hasKeyNames() const { return mKeyNameStarts != nullptr; }
 
   // Decodes the names (decodeKeyNames) and indexes them by a hash, so that
   // every lookup by a plain name (VKTValue::at, findMember, isMember,
@@ -853,7 +856,7 @@ class VKTObject {
   // object: no other call on the object may run at the same time. Time is
   // linear in the names' total length.
   void buildKeyIndex();
-  bool hasKeyIndex() const { return !mKeyIndex.empty(); }
+  bool hasKeyIndex() const;
 
  private:
   friend class VKTValue;
@@ -861,22 +864,13 @@ class VKTObject {
   friend class VKTMemberRange;
   friend class VKTInternal;
 
-  // One cache entry; a chain is a run of entries linked by `next`.
-  struct KeyHashEntry {
-    const char* key;  // the caller's pointer; the string is not copied
-    vkt_u32 value;    // key tag, or FALSE_HASH for an absent key
-    vkt_u32 next;     // index of the chain's next entry, or NO_ENTRY
-  };
-  // First and last entry of one chain, NO_ENTRY while it is empty.
-  struct KeyHashChain {
-    vkt_u32 head;
-    vkt_u32 tail;
-  };
-
   void loadHeader(const vkt_u8* header, VKTFilter* structFilter);
   void init(VKTFilter* structFilter);
   void decodeInfo();
   void filterInfo(VKTFilter* structFilter);
+  // Reads the string offset array's head into mStringOffsets, mStringCount
+  // and mStringWidth; run once the info range is plain.
+  void loadStringTable();
   // Bytes of mImage: the front part in the purge modes and for an image
   // opened through a VKTReadStream (never more than the image), else all.
   vkt_u32 frontPartSize() const;
@@ -903,12 +897,14 @@ class VKTObject {
   const char* sortedKey(vkt_u32 keyTag) const;
   // The decoded name of `keyTag`; REQUIRES: hasKeyNames().
   std::string_view keyName(vkt_u32 keyTag) const {
-    if (size_t(keyTag) + 1 >= mKeyNameStarts.size()) return std::string_view();
+    if (keyTag >= mKeyNameCount) return std::string_view();
     const vkt_u32 begin = mKeyNameStarts[keyTag];
-    return std::string_view(mKeyNames.data() + begin,
+    return std::string_view(mKeyNames + begin,
                             mKeyNameStarts[keyTag + 1] - begin - 1);
   }
   vkt_u32 calcKeyHash(const char* key, vkt_u32* hint) const;
+  // The key state, made on first use.
+  vkt_internal::KeyState& keyState();
   bool findKeyTagFromHashTable(const char* key, vkt_u32* keyTag, bool* success,
                                vkt_u32* hint) const;
   void registerKeyTagToHashTable(const char* key, vkt_u32 keyTag, bool success,
@@ -946,33 +942,35 @@ class VKTObject {
   const vkt_u8* mBStreamEntity;
   const vkt_u8* mRootValuePtr;
   vkt_u32 mTotalStreamEntitySize;
-  // The key cache: one chain per hash once it holds an entry, empty before
-  // and while it is off. Lookups with a hint change both vectors although
-  // they are const.
-  bool mKeyHashEnabled = false;
-  mutable std::vector<KeyHashChain> mKeyHashTable;
-  mutable std::vector<KeyHashEntry> mKeyHashEntries;
-  // decodeKeyNames: the names back to back, each closed by a NUL, and where
-  // each begins (key tag order, one extra entry for the end). Empty before.
-  std::vector<char> mKeyNames;
-  std::vector<vkt_u32> mKeyNameStarts;
-  // buildKeyIndex: slots of (name hash's high half, key tag + 1), a power
-  // of two of them; empty before.
-  std::vector<vkt_u64> mKeyIndex;
+  // The string offset array's entries, count and width, read at open so
+  // that a string read costs one entry (loadStringTable); count 0 when the
+  // array's head does not lie in the bytes in memory.
+  const vkt_u8* mStringOffsets;
+  vkt_u32 mStringCount;
+  vkt_u32 mStringWidth;
+  // The key cache, the decoded names and the name index, made by the first
+  // call that asks for one of them (base/vkt/key_state.h); owned.
+  vkt_internal::KeyState* mKeyState = nullptr;
+  // The decoded name block inside mKeyState, for the member walk's inline
+  // step: the names, where each begins, and how many; null and 0 before
+  // decodeKeyNames.
+  const char* mKeyNames = nullptr;
+  const vkt_u32* mKeyNameStarts = nullptr;
+  vkt_u32 mKeyNameCount = 0;
 };
 
 // A string value is its string tag id and a tag of 1 to 4 bytes; the tag
 // indexes the image's string offset array, whose entries count from the
-// string entity. Any other id reads as tag 0 (readPacked sees no width).
+// string entity, whose head the object reads once at open. Any other id
+// reads as tag 0 (readPacked sees no width).
 inline const char* VKTValue::asString() const {
   if (mObj == nullptr) return "";
   const vkt_u32 tag = readPacked(mPtr + 1, vkt_u32(*mPtr) - kStringTagId + 1);
-  vkt_u32 count, width;
-  const vkt_u8* offsets = packedHead(mObj->mStringOffsetArray, &count, &width);
   // An image without strings has no string 0 for a non-string value to name.
-  if (tag >= count) return "";
+  if (tag >= mObj->mStringCount) return "";
+  const vkt_u32 width = mObj->mStringWidth;
   return reinterpret_cast<const char*>(mObj->mStringEntity) +
-         readPacked(offsets + tag * width, width);
+         readPacked(mObj->mStringOffsets + tag * width, width);
 }
 
 // A stored double is read here; every other kind converts in the library.

@@ -16,6 +16,7 @@
 #include <cstring>  // memcpy, strcmp, strlen
 
 #include "vkt/format.h"
+#include "vkt/key_state.h"
 #include "vkt/packed_array.h"
 
 namespace {
@@ -127,7 +128,8 @@ bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint) const {
     return false;
   }
 
-  const bool cached = hint != nullptr && mKeyHashEnabled;
+  const bool cached =
+      hint != nullptr && mKeyState != nullptr && mKeyState->hashEnabled;
   if (cached) {
     bool success;
     if (findKeyTagFromHashTable(key, result, &success, hint)) return success;
@@ -319,8 +321,21 @@ void VKTObject::decodeKeyNames() {
     });
     if (!whole) return;
   }
-  mKeyNames.swap(names);
-  mKeyNameStarts.swap(starts);
+  vkt_internal::KeyState& state = keyState();
+  state.names.swap(names);
+  state.nameStarts.swap(starts);
+  mKeyNames = state.names.data();
+  mKeyNameStarts = state.nameStarts.data();
+  mKeyNameCount = vkt_u32(state.nameStarts.size() - 1);
+}
+
+vkt_internal::KeyState& VKTObject::keyState() {
+  if (mKeyState == nullptr) mKeyState = new vkt_internal::KeyState;
+  return *mKeyState;
+}
+
+bool VKTObject::hasKeyIndex() const {
+  return mKeyState != nullptr && !mKeyState->index.empty();
 }
 
 // ---------------------------------------------------------------------------
@@ -370,10 +385,10 @@ vkt_u64 name_hash(const char* p, size_t length) {
 }  // namespace
 
 void VKTObject::buildKeyIndex() {
-  if (!mKeyIndex.empty()) return;
+  if (hasKeyIndex()) return;
   decodeKeyNames();
   if (!hasKeyNames()) return;
-  const vkt_u32 count = vkt_u32(mKeyNameStarts.size() - 1);
+  const vkt_u32 count = mKeyNameCount;
   size_t slots = 8;
   while (slots < size_t(count) * 2) slots *= 2;
   std::vector<vkt_u64> index(slots, 0);
@@ -391,21 +406,22 @@ void VKTObject::buildKeyIndex() {
     }
     index[i] = (h >> 32) << 32 | (vkt_u64(tag) + 1);
   }
-  mKeyIndex.swap(index);
+  mKeyState->index.swap(index);
 }
 
 bool VKTObject::findIndexedKey(const char* key, vkt_u32* result) const {
   const size_t length = std::strlen(key);
   const vkt_u64 h = name_hash(key, length);
-  const size_t mask = mKeyIndex.size() - 1;
+  const std::vector<vkt_u64>& index = mKeyState->index;
+  const size_t mask = index.size() - 1;
   for (size_t i = h & mask;; i = (i + 1) & mask) {
-    const vkt_u64 slot = mKeyIndex[i];
+    const vkt_u64 slot = index[i];
     if (slot == 0) return false;
     if ((slot >> 32) != (h >> 32)) continue;
     const vkt_u32 tag = vkt_u32(slot) - 1;
     const vkt_u32 begin = mKeyNameStarts[tag];
     if (mKeyNameStarts[tag + 1] - begin - 1 == length &&
-        std::memcmp(mKeyNames.data() + begin, key, length) == 0) {
+        std::memcmp(mKeyNames + begin, key, length) == 0) {
       *result = tag;
       return true;
     }
@@ -419,12 +435,16 @@ bool VKTObject::findIndexedKey(const char* key, vkt_u32* result) const {
 
 void VKTObject::setKeyHashEnabled(bool state) {
   if (!state) {
-    std::vector<KeyHashChain>().swap(mKeyHashTable);
-    std::vector<KeyHashEntry>().swap(mKeyHashEntries);
+    if (mKeyState == nullptr) return;
+    std::vector<vkt_internal::KeyState::HashChain>().swap(mKeyState->hashTable);
+    std::vector<vkt_internal::KeyState::HashEntry>().swap(
+        mKeyState->hashEntries);
+    mKeyState->hashEnabled = false;
+    return;
   }
-  // The chains come with the first entry, so that enabling costs nothing
+  // The chains come with the first entry, so that enabling costs little
   // for an object that never sees a hint.
-  mKeyHashEnabled = state;
+  keyState().hashEnabled = true;
 }
 
 vkt_u32 VKTObject::calcKeyHash(const char* key, vkt_u32* hint) const {
@@ -443,10 +463,11 @@ vkt_u32 VKTObject::calcKeyHash(const char* key, vkt_u32* hint) const {
 bool VKTObject::findKeyTagFromHashTable(const char* key, vkt_u32* keyTag,
                                         bool* success, vkt_u32* hint) const {
   const vkt_u32 hash = calcKeyHash(key, hint);
-  if (mKeyHashTable.empty()) return false;  // no entry yet
-  const KeyHashChain& chain = mKeyHashTable[hash];
-  for (vkt_u32 i = chain.head; i != NO_ENTRY; i = mKeyHashEntries[i].next) {
-    const KeyHashEntry& entry = mKeyHashEntries[i];
+  const vkt_internal::KeyState& state = *mKeyState;
+  if (state.hashTable.empty()) return false;  // no entry yet
+  const auto& chain = state.hashTable[hash];
+  for (vkt_u32 i = chain.head; i != NO_ENTRY; i = state.hashEntries[i].next) {
+    const auto& entry = state.hashEntries[i];
     // The same pointer spares the string comparison.
     if (entry.key == key || std::strcmp(entry.key, key) == 0) {
       *keyTag = entry.value;
@@ -460,17 +481,18 @@ bool VKTObject::findKeyTagFromHashTable(const char* key, vkt_u32* keyTag,
 void VKTObject::registerKeyTagToHashTable(const char* key, vkt_u32 keyTag,
                                           bool success, vkt_u32* hint) const {
   const vkt_u32 hash = calcKeyHash(key, hint);
-  if (mKeyHashTable.empty()) {
-    mKeyHashTable.assign(HASH_TABLE_SIZE, KeyHashChain{NO_ENTRY, NO_ENTRY});
+  // Only an enabled cache registers, and enabling made the state.
+  vkt_internal::KeyState& state = *mKeyState;
+  if (state.hashTable.empty()) {
+    state.hashTable.assign(HASH_TABLE_SIZE, {NO_ENTRY, NO_ENTRY});
   }
-  KeyHashChain& chain = mKeyHashTable[hash];
-  const vkt_u32 index = vkt_u32(mKeyHashEntries.size());
-  mKeyHashEntries.push_back(
-      KeyHashEntry{key, success ? keyTag : FALSE_HASH, NO_ENTRY});
+  auto& chain = state.hashTable[hash];
+  const vkt_u32 index = vkt_u32(state.hashEntries.size());
+  state.hashEntries.push_back({key, success ? keyTag : FALSE_HASH, NO_ENTRY});
   if (chain.head == NO_ENTRY) {
     chain.head = index;
   } else {
-    mKeyHashEntries[chain.tail].next = index;
+    state.hashEntries[chain.tail].next = index;
   }
   chain.tail = index;
 }
