@@ -16,6 +16,7 @@
 #ifndef VKT_VKT_H_
 #define VKT_VKT_H_
 
+#include <atomic>
 #include <cstddef>
 #include <cstring>  // memcpy
 #include <iterator>
@@ -107,6 +108,7 @@ namespace vkt_internal {
 struct WriterTables;
 class ValueSource;
 struct KeyState;
+struct NameBlock;
 }  // namespace vkt_internal
 class VKTWriterValue;
 // The implementation's accessor to the private parts below; not for users.
@@ -598,7 +600,11 @@ class VKTElementRange {
 // Members by position. Without VKTObject::decodeKeyNames each step rebuilds
 // the name from the key table into a buffer the iterator owns; that buffer
 // allocates only when a name is longer than any before it (and not at all up
-// to the string's small size). With the names decoded nothing is allocated.
+// to the string's small size). Once walks of one object have rebuilt as many
+// names as its key table holds, the walk that passes that count decodes all
+// names once into a block the object keeps until it dies (the size
+// decodeKeyNames takes), and later walks, on any thread, take names from it;
+// concurrent walks stay safe. With the names decoded nothing is allocated.
 class VKTMemberIterator {
  public:
   typedef std::input_iterator_tag iterator_category;
@@ -643,6 +649,9 @@ class VKTMemberIterator {
 
   VKTElementIterator mValues;     // positions and member values
   const vkt_u8* mKeys = nullptr;  // key tags (versions 2 and up)
+  // The names that earlier walks decoded for the object, when begin()
+  // found them; else names are rebuilt from mTrie.
+  const vkt_internal::NameBlock* mWalkNames = nullptr;
   vkt_u32 mKeyWidth = 1;
   vkt_u32 mCount = 0;
   VKTMember mMember;
@@ -875,7 +884,9 @@ class VKTObject {
   // opened through a VKTReadStream (never more than the image), else all.
   vkt_u32 frontPartSize() const;
   void releaseStreamBuffer();
-  // Frees what the object owns (the destructor's work), and leaves it empty.
+  // Frees what the object owns (the destructor's work); release also leaves
+  // it empty, for a move to fill.
+  void freeOwned();
   void release();
   void makeEmpty();
 
@@ -892,6 +903,11 @@ class VKTObject {
   // The member walk's rebuild: the trie set up once, then the name of
   // `keyTag` into it->mName or it->mLongName.
   void setupKeyTrie(VKTMemberIterator::KeyTrie* trie) const;
+  // The walks' shared name block, or null; a walk of `members` members
+  // counts them, and the one that passes the table's size decodes it.
+  const vkt_internal::NameBlock* walkNames(vkt_u32 members) const;
+  // Every key name into *block; false when they would pass 4 GiB.
+  bool decodeNames(vkt_internal::NameBlock* block) const;
   std::string_view rebuildMemberName(VKTMemberIterator* it,
                                      vkt_u32 keyTag) const;
   const char* sortedKey(vkt_u32 keyTag) const;
@@ -948,6 +964,12 @@ class VKTObject {
   const vkt_u8* mStringOffsets;
   vkt_u32 mStringCount;
   vkt_u32 mStringWidth;
+  // Names decoded by member walks themselves, once walks without decoded
+  // names have rebuilt as many names as the table holds (members counts
+  // them in mRebuiltNames): published once by the walk that passed the
+  // count, read by walks on any thread; owned.
+  mutable std::atomic<const vkt_internal::NameBlock*> mWalkNames{nullptr};
+  mutable std::atomic<vkt_u64> mRebuiltNames{0};
   // The key cache, the decoded names and the name index, made by the first
   // call that asks for one of them (base/vkt/key_state.h); owned.
   vkt_internal::KeyState* mKeyState = nullptr;

@@ -11,6 +11,13 @@
 
 namespace vkt_internal {
 
+// Every key name back to back, each closed by a NUL, and where each begins
+// (key tag order, one extra entry for the end).
+struct NameBlock {
+  std::vector<char> names;
+  std::vector<vkt_u32> starts;
+};
+
 struct KeyState {
   // One cache entry; a chain is a run of entries linked by `next`.
   struct HashEntry {

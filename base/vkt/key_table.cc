@@ -289,11 +289,11 @@ VKTKey VKTObject::prepareKey(const char* name) const {
 // for all of them. The total is summed in 64 bits and must fit the 32-bit
 // starts: a table whose names would not (only a hostile image has one;
 // verify refuses it) is left undecoded, and walks rebuild each name from the
-// table as they do without this call.
-void VKTObject::decodeKeyNames() {
-  if (hasKeyNames()) return;
-  std::vector<char> names;
-  std::vector<vkt_u32> starts(1, 0);
+// table as they do without a block.
+bool VKTObject::decodeNames(vkt_internal::NameBlock* block) const {
+  std::vector<char>& names = block->names;
+  std::vector<vkt_u32>& starts = block->starts;
+  starts.assign(1, 0);
   auto add = [&](const char* name, size_t length) {
     if (vkt_u64(names.size()) + length + 1 > 0xFFFFFFFF) return false;
     names.insert(names.end(), name, name + length);
@@ -306,27 +306,63 @@ void VKTObject::decodeKeyNames() {
     setup_unsigned_array(&keyOffsetArray, mKeyOffsetArray);
     for (vkt_u32 tag = 0; tag < keyOffsetArray.valueNum; ++tag) {
       const char* s = sortedKey(tag);
-      if (!add(s, std::strlen(s))) return;
+      if (!add(s, std::strlen(s))) return false;
     }
-  } else {
-    key_trie t;
-    setup_key_trie(&t, mKeyEntity);
-    std::string name;
-    const bool whole = with_trie_widths(t, [&](auto base, auto check) {
-      for (vkt_u32 tag = 0; tag < t.tail.valueNum; ++tag) {
-        rebuild_key(t, base, check, tag, &name);
-        if (!add(name.data(), name.size())) return false;
-      }
-      return true;
-    });
-    if (!whole) return;
+    return true;
   }
+  key_trie t;
+  setup_key_trie(&t, mKeyEntity);
+  std::string name;
+  return with_trie_widths(t, [&](auto base, auto check) {
+    for (vkt_u32 tag = 0; tag < t.tail.valueNum; ++tag) {
+      rebuild_key(t, base, check, tag, &name);
+      if (!add(name.data(), name.size())) return false;
+    }
+    return true;
+  });
+}
+
+void VKTObject::decodeKeyNames() {
+  if (hasKeyNames()) return;
+  vkt_internal::NameBlock block;
+  if (!decodeNames(&block)) return;
   vkt_internal::KeyState& state = keyState();
-  state.names.swap(names);
-  state.nameStarts.swap(starts);
+  state.names.swap(block.names);
+  state.nameStarts.swap(block.starts);
   mKeyNames = state.names.data();
   mKeyNameStarts = state.nameStarts.data();
   mKeyNameCount = vkt_u32(state.nameStarts.size() - 1);
+}
+
+// Only the walk whose count passes the table's size decodes, so the block is
+// made at most once and published with one store; walks that start before
+// it is published rebuild their names as before.
+const vkt_internal::NameBlock* VKTObject::walkNames(vkt_u32 members) const {
+  const vkt_internal::NameBlock* block =
+      mWalkNames.load(std::memory_order_acquire);
+  if (block != nullptr || members == 0) return block;
+  const vkt_u64 before =
+      mRebuiltNames.fetch_add(members, std::memory_order_relaxed);
+  unsigned_array tail;  // one entry per key: the table's size in names
+  if (mVersion == 1) {
+    setup_unsigned_array(&tail, mKeyOffsetArray);
+  } else {
+    key_trie t;
+    setup_key_trie(&t, mKeyEntity);
+    tail = t.tail;
+  }
+  // Once walks have rebuilt as many names as the table holds, decoding them
+  // all costs about what they spent, so walks pay at most twice what their
+  // rebuilds alone would cost, and long walks little more than the decode.
+  const vkt_u64 keys = tail.valueNum;
+  if (before >= keys || before + members < keys) return nullptr;
+  auto* made = new vkt_internal::NameBlock;
+  if (!decodeNames(made)) {
+    delete made;
+    return nullptr;
+  }
+  mWalkNames.store(made, std::memory_order_release);
+  return made;
 }
 
 vkt_internal::KeyState& VKTObject::keyState() {

@@ -94,14 +94,18 @@ VKTObject::VKTObject(VKTReadStream* reader, VKTFilter* structFilter)
   loadStringTable();
 }
 
-VKTObject::~VKTObject() { release(); }
+VKTObject::~VKTObject() { freeOwned(); }
 
-void VKTObject::release() {
+void VKTObject::freeOwned() {
   delete mReader;
-  mReader = nullptr;
   releaseStreamBuffer();
   if (mAllocType != VKT_ALLOC_REFER) delete[] mImage;
   delete mKeyState;
+  delete mWalkNames.load(std::memory_order_relaxed);
+}
+
+void VKTObject::release() {
+  freeOwned();
   makeEmpty();
 }
 
@@ -127,6 +131,8 @@ void VKTObject::makeEmpty() {
   mStringCount = 0;
   mStringWidth = 0;
   mKeyState = nullptr;
+  mWalkNames.store(nullptr, std::memory_order_relaxed);
+  mRebuiltNames.store(0, std::memory_order_relaxed);
   mKeyNames = nullptr;
   mKeyNameStarts = nullptr;
   mKeyNameCount = 0;
@@ -167,6 +173,10 @@ VKTObject& VKTObject::operator=(VKTObject&& other) noexcept {
   mStringWidth = other.mStringWidth;
   // The key state moves as one block, so the name pointers stay valid.
   mKeyState = other.mKeyState;
+  mWalkNames.store(other.mWalkNames.load(std::memory_order_relaxed),
+                   std::memory_order_relaxed);
+  mRebuiltNames.store(other.mRebuiltNames.load(std::memory_order_relaxed),
+                      std::memory_order_relaxed);
   mKeyNames = other.mKeyNames;
   mKeyNameStarts = other.mKeyNameStarts;
   mKeyNameCount = other.mKeyNameCount;
