@@ -524,10 +524,11 @@ class VKTValue {
 // One member of an object, as VKTValue::members() hands it out.
 struct VKTMember {
   vkt_u32 keyTag = 0;  // the name's key tag in the image's key table
-  // The name. It points into the VKTObject's name block when
-  // VKTObject::decodeKeyNames has run (valid until the object dies), else
-  // into the iterator that produced it (valid until that iterator moves on
-  // or dies). Not NUL-terminated in general.
+  // The name. It points into a name block of the VKTObject when
+  // VKTObject::decodeKeyNames has run or earlier walks decoded the names
+  // (valid until the object dies), else into the iterator that produced it
+  // (valid until that iterator moves on or dies). Not NUL-terminated in
+  // general.
   std::string_view name;
   VKTValue value;
   // The prepared key of this member's name, for lookups in other objects.
@@ -693,8 +694,9 @@ class VKTMemberRange {
 // nothing. A VKTObject owns memory and is not copied.
 //
 // Threads: any number of threads may read one object at once, except for
-// lookups with a hint while the key cache is enabled, setKeyHashEnabled and
-// decodeKeyNames.
+// lookups with a hint while the key cache is enabled, setKeyHashEnabled,
+// decodeKeyNames and buildKeyIndex. Member walks are reads, also when one of
+// them decodes the names that later walks share (see VKTMemberIterator).
 class VKTObject {
  public:
   // Copies the image (VKT_ALLOC_DUPLICATE). `structFilter` may be null; it is
