@@ -127,6 +127,26 @@ double canada_paths(F& f) {
   return sum;
 }
 
+// The first leaf of each path set: the value a program opening the image
+// for one answer wants.
+template <typename F>
+double first_path(int corpus, F& f) {
+  switch (corpus) {
+    case 0:
+      return f.integer(f.member(f.index(f.member(f.root(), 0), 0), 1));
+    case 1:
+      return f.first_char(f.member(f.index(f.member(f.root(), 0), 0), 1));
+    default:
+      return f.real(f.index(
+          f.index(
+              f.index(
+                  f.member(f.member(f.index(f.member(f.root(), 0), 0), 1), 2),
+                  0),
+              0),
+          0));
+  }
+}
+
 template <typename F>
 double run_paths(int corpus, F& f) {
   switch (corpus) {
@@ -155,6 +175,18 @@ struct VktBase {
   std::vector<std::string> names;
 };
 
+// Plain names over an object opened elsewhere.
+struct VktRef {
+  VKTValue root() const { return object.root(); }
+  VKTValue member(VKTValue v, size_t n) const { return v[names[n].c_str()]; }
+  static VKTValue index(VKTValue v, size_t i) { return v[i]; }
+  static double integer(VKTValue v) { return double(v.asLongInt()); }
+  static double real(VKTValue v) { return v.asDouble(); }
+  static double first_char(VKTValue v) { return v.asString()[0]; }
+  const VKTObject& object;
+  const std::vector<std::string>& names;
+};
+
 struct VktPlain : VktBase {
   using VktBase::VktBase;
   VKTValue member(VKTValue v, size_t n) const { return v[names[n].c_str()]; }
@@ -168,6 +200,11 @@ struct VktHints : VktBase {
     return v.at(names[n].c_str(), &hints[n]);
   }
   std::vector<vkt_u32> hints;
+};
+
+struct VktIndexed : VktBase {
+  explicit VktIndexed(int corpus) : VktBase(corpus) { object.buildKeyIndex(); }
+  VKTValue member(VKTValue v, size_t n) const { return v[names[n].c_str()]; }
 };
 
 struct VktPrepared : VktBase {
@@ -194,6 +231,18 @@ void BM_open_vkt(benchmark::State& state) {
   for (auto _ : state) {
     VKTObject object(image.data(), vkt_u32(image.size()), VKT_ALLOC_REFER);
     benchmark::DoNotOptimize(object.root());
+  }
+}
+
+// Time to the first value: open, then one path by plain names.
+void BM_first_vkt(benchmark::State& state) {
+  const int corpus = int(state.range(0));
+  const Sample& s = sample(corpus);
+  const std::vector<std::string> names = path_names(corpus);
+  for (auto _ : state) {
+    VKTObject object(s.image.data(), vkt_u32(s.image.size()), VKT_ALLOC_REFER);
+    VktRef f{object, names};
+    benchmark::DoNotOptimize(first_path(corpus, f));
   }
 }
 
@@ -290,6 +339,15 @@ void BM_walk_vkt_members_decoded(benchmark::State& state) {
   }
 }
 
+void BM_walk_vkt_members_indexed(benchmark::State& state) {
+  const vkt_binary& image = sample(int(state.range(0))).image;
+  for (auto _ : state) {
+    VKTObject object(image.data(), vkt_u32(image.size()), VKT_ALLOC_REFER);
+    object.buildKeyIndex();
+    benchmark::DoNotOptimize(walk_members(object.root()));
+  }
+}
+
 // The steady state of a program that keeps an image open: names decoded
 // once, outside the loop.
 void BM_walk_vkt_members_predecoded(benchmark::State& state) {
@@ -378,6 +436,12 @@ struct FlexPaths {
   const std::vector<uint8_t>& buf;
   std::vector<std::string> names;
 };
+
+void BM_first_flex(benchmark::State& state) {
+  const int corpus = int(state.range(0));
+  FlexPaths f(corpus);
+  for (auto _ : state) benchmark::DoNotOptimize(first_path(corpus, f));
+}
 
 void BM_paths_flex(benchmark::State& state) {
   const int corpus = int(state.range(0));
@@ -490,17 +554,21 @@ void corpora(benchmark::internal::Benchmark* b) {
 
 BENCHMARK(BM_open_vkt)->Apply(corpora);
 BENCHMARK(BM_open_vkt_keycache)->Apply(corpora);
+BENCHMARK(BM_first_vkt)->Apply(corpora);
 BENCHMARK_TEMPLATE(BM_paths_vkt, VktPlain)->Apply(corpora);
 BENCHMARK_TEMPLATE(BM_paths_vkt, VktHints)->Apply(corpora);
+BENCHMARK_TEMPLATE(BM_paths_vkt, VktIndexed)->Apply(corpora);
 BENCHMARK_TEMPLATE(BM_paths_vkt, VktPrepared)->Apply(corpora);
 BENCHMARK(BM_walk_vkt_old)->Apply(corpora);
 BENCHMARK(BM_walk_vkt_members)->Apply(corpora);
 BENCHMARK(BM_walk_vkt_members_decoded)->Apply(corpora);
+BENCHMARK(BM_walk_vkt_members_indexed)->Apply(corpora);
 BENCHMARK(BM_walk_vkt_members_predecoded)->Apply(corpora);
 BENCHMARK(BM_values_vkt)->Apply(corpora);
 #if VKT_BENCH_HAVE_FLEXBUFFERS
 BENCHMARK(BM_open_flex)->Apply(corpora);
 BENCHMARK(BM_paths_flex)->Apply(corpora);
+BENCHMARK(BM_first_flex)->Apply(corpora);
 BENCHMARK_TEMPLATE(BM_walk_flex, true)->Apply(corpora);
 BENCHMARK_TEMPLATE(BM_walk_flex, false)->Apply(corpora);
 #endif

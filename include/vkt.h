@@ -16,6 +16,7 @@
 #ifndef VKT_VKT_H_
 #define VKT_VKT_H_
 
+#include <atomic>
 #include <cstddef>
 #include <cstring>  // memcpy
 #include <iterator>
@@ -106,6 +107,8 @@ class VKTWriterObject;
 namespace vkt_internal {
 struct WriterTables;
 class ValueSource;
+struct KeyState;
+struct NameBlock;
 }  // namespace vkt_internal
 class VKTWriterValue;
 // The implementation's accessor to the private parts below; not for users.
@@ -521,10 +524,11 @@ class VKTValue {
 // One member of an object, as VKTValue::members() hands it out.
 struct VKTMember {
   vkt_u32 keyTag = 0;  // the name's key tag in the image's key table
-  // The name. It points into the VKTObject's name block when
-  // VKTObject::decodeKeyNames has run (valid until the object dies), else
-  // into the iterator that produced it (valid until that iterator moves on
-  // or dies). Not NUL-terminated in general.
+  // The name. It points into a name block of the VKTObject when
+  // VKTObject::decodeKeyNames has run or earlier walks decoded the names
+  // (valid until the object dies), else into the iterator that produced it
+  // (valid until that iterator moves on or dies). Not NUL-terminated in
+  // general.
   std::string_view name;
   VKTValue value;
   // The prepared key of this member's name, for lookups in other objects.
@@ -597,7 +601,11 @@ class VKTElementRange {
 // Members by position. Without VKTObject::decodeKeyNames each step rebuilds
 // the name from the key table into a buffer the iterator owns; that buffer
 // allocates only when a name is longer than any before it (and not at all up
-// to the string's small size). With the names decoded nothing is allocated.
+// to the string's small size). Once walks of one object have rebuilt as many
+// names as its key table holds, the walk that passes that count decodes all
+// names once into a block the object keeps until it dies (the size
+// decodeKeyNames takes), and later walks, on any thread, take names from it;
+// concurrent walks stay safe. With the names decoded nothing is allocated.
 class VKTMemberIterator {
  public:
   typedef std::input_iterator_tag iterator_category;
@@ -628,12 +636,31 @@ class VKTMemberIterator {
   void load();
   void loadRebuilt();
 
+  friend class VKTObject;
+  // The key table's arrays, read once by begin() when names are rebuilt, so
+  // that each step only climbs from the name's leaf.
+  struct KeyTrie {
+    const vkt_u8* base = nullptr;
+    const vkt_u8* check = nullptr;
+    const vkt_u8* tail = nullptr;
+    vkt_u32 positions = 0;  // of base and check
+    vkt_u32 keys = 0;       // of tail
+    vkt_u8 baseWidth = 0, checkWidth = 0, tailWidth = 0;
+  };
+
   VKTElementIterator mValues;     // positions and member values
   const vkt_u8* mKeys = nullptr;  // key tags (versions 2 and up)
+  // The names that earlier walks decoded for the object, when begin()
+  // found them; else names are rebuilt from mTrie.
+  const vkt_internal::NameBlock* mWalkNames = nullptr;
   vkt_u32 mKeyWidth = 1;
   vkt_u32 mCount = 0;
   VKTMember mMember;
-  std::string mNameBuffer;  // the rebuilt name, without decoded names
+  KeyTrie mTrie;
+  // The rebuilt name, without decoded names: in place up to its size, else
+  // in the string.
+  char mName[48];
+  std::string mLongName;
 };
 
 class VKTMemberRange {
@@ -667,8 +694,9 @@ class VKTMemberRange {
 // nothing. A VKTObject owns memory and is not copied.
 //
 // Threads: any number of threads may read one object at once, except for
-// lookups with a hint while the key cache is enabled, setKeyHashEnabled and
-// decodeKeyNames.
+// lookups with a hint while the key cache is enabled, setKeyHashEnabled,
+// decodeKeyNames and buildKeyIndex. Member walks are reads, also when one of
+// them decodes the names that later walks share (see VKTMemberIterator).
 class VKTObject {
  public:
   // Copies the image (VKT_ALLOC_DUPLICATE). `structFilter` may be null; it is
@@ -803,7 +831,9 @@ class VKTObject {
 
   // Turns the key cache on or off. With it on, lookups that pass a hint
   // remember each key's verdict, so a repeated lookup skips the trie walk.
-  // Turning it on again keeps the entries; turning it off frees them. See
+  // Turning it on again keeps the entries; turning it off frees them. The
+  // first call that turns it on allocates one small block, which holds the
+  // cache (and the names and index below) until the object dies. See
   // VKTValue::at for what a caller takes on by passing hints.
   void setKeyHashEnabled(bool state);
 
@@ -825,7 +855,19 @@ class VKTObject {
   // to the object: no other call on the object may run at the same time.
   // Time is linear in the names' total length.
   void decodeKeyNames();
-  bool hasKeyNames() const { return !mKeyNameStarts.empty(); }
+  bool hasKeyNames() const { return mKeyNameStarts != nullptr; }
+
+  // Decodes the names (decodeKeyNames) and indexes them by a hash, so that
+  // every lookup by a plain name (VKTValue::at, findMember, isMember,
+  // prepareKey) hashes the name once instead of walking the key table byte
+  // by byte; the answers stay the same. Takes 8 to 16 bytes per name on top
+  // of the names' block, and lives until the object dies; a second call
+  // does nothing. A table whose names could not be decoded, or that spells a
+  // name twice (verify refuses both), is left unindexed. It writes to the
+  // object: no other call on the object may run at the same time. Time is
+  // linear in the names' total length.
+  void buildKeyIndex();
+  bool hasKeyIndex() const;
 
  private:
   friend class VKTValue;
@@ -833,31 +875,26 @@ class VKTObject {
   friend class VKTMemberRange;
   friend class VKTInternal;
 
-  // One cache entry; a chain is a run of entries linked by `next`.
-  struct KeyHashEntry {
-    const char* key;  // the caller's pointer; the string is not copied
-    vkt_u32 value;    // key tag, or FALSE_HASH for an absent key
-    vkt_u32 next;     // index of the chain's next entry, or NO_ENTRY
-  };
-  // First and last entry of one chain, NO_ENTRY while it is empty.
-  struct KeyHashChain {
-    vkt_u32 head;
-    vkt_u32 tail;
-  };
-
   void loadHeader(const vkt_u8* header, VKTFilter* structFilter);
   void init(VKTFilter* structFilter);
   void decodeInfo();
   void filterInfo(VKTFilter* structFilter);
+  // Reads the string offset array's head into mStringOffsets, mStringCount
+  // and mStringWidth; run once the info range is plain.
+  void loadStringTable();
   // Bytes of mImage: the front part in the purge modes and for an image
   // opened through a VKTReadStream (never more than the image), else all.
   vkt_u32 frontPartSize() const;
   void releaseStreamBuffer();
-  // Frees what the object owns (the destructor's work), and leaves it empty.
+  // Frees what the object owns (the destructor's work); release also leaves
+  // it empty, for a move to fill.
+  void freeOwned();
   void release();
   void makeEmpty();
 
   bool findKey(const char* key, vkt_u32* result, vkt_u32* hint) const;
+  // findKey's answer from the name index.
+  bool findIndexedKey(const char* key, vkt_u32* result) const;
   std::string getKey(vkt_u32 keyTag) const;
   // Rebuilds the name of `keyTag` into *out, reusing its capacity.
   void getKeyInto(vkt_u32 keyTag, std::string* out) const;
@@ -865,17 +902,27 @@ class VKTObject {
   // out[0] to out[count - 1] (versions 2 and up: a key array).
   void getKeysInto(const vkt_u8* tags, vkt_u32 width, vkt_u32 count,
                    std::string* out) const;
-  template <typename Emit>
-  vkt_u32 climbKey(vkt_u32 keyTag, Emit emit) const;
+  // The member walk's rebuild: the trie set up once, then the name of
+  // `keyTag` into it->mName or it->mLongName.
+  void setupKeyTrie(VKTMemberIterator::KeyTrie* trie) const;
+  // The walks' shared name block, or null; a walk of `members` members
+  // counts them, and the one that passes the table's size decodes it.
+  const vkt_internal::NameBlock* walkNames(vkt_u32 members) const;
+  // Every key name into *block; false when they would pass 4 GiB.
+  bool decodeNames(vkt_internal::NameBlock* block) const;
+  std::string_view rebuildMemberName(VKTMemberIterator* it,
+                                     vkt_u32 keyTag) const;
   const char* sortedKey(vkt_u32 keyTag) const;
   // The decoded name of `keyTag`; REQUIRES: hasKeyNames().
   std::string_view keyName(vkt_u32 keyTag) const {
-    if (size_t(keyTag) + 1 >= mKeyNameStarts.size()) return std::string_view();
+    if (keyTag >= mKeyNameCount) return std::string_view();
     const vkt_u32 begin = mKeyNameStarts[keyTag];
-    return std::string_view(mKeyNames.data() + begin,
+    return std::string_view(mKeyNames + begin,
                             mKeyNameStarts[keyTag + 1] - begin - 1);
   }
   vkt_u32 calcKeyHash(const char* key, vkt_u32* hint) const;
+  // The key state, made on first use.
+  vkt_internal::KeyState& keyState();
   bool findKeyTagFromHashTable(const char* key, vkt_u32* keyTag, bool* success,
                                vkt_u32* hint) const;
   void registerKeyTagToHashTable(const char* key, vkt_u32 keyTag, bool success,
@@ -913,30 +960,41 @@ class VKTObject {
   const vkt_u8* mBStreamEntity;
   const vkt_u8* mRootValuePtr;
   vkt_u32 mTotalStreamEntitySize;
-  // The key cache: one chain per hash once it holds an entry, empty before
-  // and while it is off. Lookups with a hint change both vectors although
-  // they are const.
-  bool mKeyHashEnabled = false;
-  mutable std::vector<KeyHashChain> mKeyHashTable;
-  mutable std::vector<KeyHashEntry> mKeyHashEntries;
-  // decodeKeyNames: the names back to back, each closed by a NUL, and where
-  // each begins (key tag order, one extra entry for the end). Empty before.
-  std::vector<char> mKeyNames;
-  std::vector<vkt_u32> mKeyNameStarts;
+  // The string offset array's entries, count and width, read at open so
+  // that a string read costs one entry (loadStringTable); count 0 when the
+  // array's head does not lie in the bytes in memory.
+  const vkt_u8* mStringOffsets;
+  vkt_u32 mStringCount;
+  vkt_u32 mStringWidth;
+  // Names decoded by member walks themselves, once walks without decoded
+  // names have rebuilt as many names as the table holds (members counts
+  // them in mRebuiltNames): published once by the walk that passed the
+  // count, read by walks on any thread; owned.
+  mutable std::atomic<const vkt_internal::NameBlock*> mWalkNames{nullptr};
+  mutable std::atomic<vkt_u64> mRebuiltNames{0};
+  // The key cache, the decoded names and the name index, made by the first
+  // call that asks for one of them (base/vkt/key_state.h); owned.
+  vkt_internal::KeyState* mKeyState = nullptr;
+  // The decoded name block inside mKeyState, for the member walk's inline
+  // step: the names, where each begins, and how many; null and 0 before
+  // decodeKeyNames.
+  const char* mKeyNames = nullptr;
+  const vkt_u32* mKeyNameStarts = nullptr;
+  vkt_u32 mKeyNameCount = 0;
 };
 
 // A string value is its string tag id and a tag of 1 to 4 bytes; the tag
 // indexes the image's string offset array, whose entries count from the
-// string entity. Any other id reads as tag 0 (readPacked sees no width).
+// string entity, whose head the object reads once at open. Any other id
+// reads as tag 0 (readPacked sees no width).
 inline const char* VKTValue::asString() const {
   if (mObj == nullptr) return "";
   const vkt_u32 tag = readPacked(mPtr + 1, vkt_u32(*mPtr) - kStringTagId + 1);
-  vkt_u32 count, width;
-  const vkt_u8* offsets = packedHead(mObj->mStringOffsetArray, &count, &width);
   // An image without strings has no string 0 for a non-string value to name.
-  if (tag >= count) return "";
+  if (tag >= mObj->mStringCount) return "";
+  const vkt_u32 width = mObj->mStringWidth;
   return reinterpret_cast<const char*>(mObj->mStringEntity) +
-         readPacked(offsets + tag * width, width);
+         readPacked(mObj->mStringOffsets + tag * width, width);
 }
 
 // A stored double is read here; every other kind converts in the library.

@@ -48,6 +48,8 @@ void check_path(const vkt_u8* p, size_t size, bool whole, const char* reason,
   std::copy(p, p + size, copy.get());
   VKTObject object(owned ? copy.release() : copy.get(), vkt_u32(size),
                    vkt_alloc_type(mode));
+  // Every other opening looks names up through the name index.
+  if (mode % 2 == 1) object.buildKeyIndex();
   full_walk::WalkState state;
   vkt_u64 sum = 0;
   const bool steps = full_walk::walk_checked(object.root(), &state, 0, &sum);

@@ -83,9 +83,10 @@ inline vkt_u64 walk_object(VKTObject* object) {
   object->setKeyHashEnabled(cached);
   sum += walk_value(object->root(), &state, 0);
   object->setKeyHashEnabled(false);
-  // Then once more with the names decoded into one block.
+  // Then once more with the names decoded into one block and indexed, so
+  // that every lookup by name goes through the index.
   WalkState decoded;
-  object->decodeKeyNames();
+  object->buildKeyIndex();
   sum += walk_value(object->root(), &decoded, 0);
   return sum;
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <thread>
 
 #include "testutil.h"
 
@@ -81,6 +82,18 @@ TEST(KeyTableTest, FindsEveryKeyAndCachesVerdicts) {
       EXPECT_EQ(A::getKey(obj, i), row.keys[i]) << i;
     }
     EXPECT_EQ(A::getKey(obj, vkt_u32(row.members)), "");
+    // The name index answers every lookup as the walk did, and the cache
+    // still records what goes through it.
+    obj.buildKeyIndex();
+    EXPECT_TRUE(obj.hasKeyIndex());
+    for (vkt_u32 i = 0; i < row.keys.size(); ++i) {
+      const bool member = i < row.members;
+      vkt_u32 found = 12345, hint = 0;
+      EXPECT_EQ(A::findKey(obj, row.keys[i].c_str(), &found, nullptr), member);
+      EXPECT_EQ(found, member ? i : 12345) << i;
+      EXPECT_EQ(A::findKey(obj, row.keys[i].c_str(), &found, &hint), member);
+    }
+    EXPECT_EQ(A::keyHashEntries(obj), row.version != 1 ? row.keys.size() : 0);
   }
 }
 
@@ -107,6 +120,46 @@ TEST(KeyTableTest, NamesOfEveryLengthComeBackWhole) {
     EXPECT_EQ(listed, names);
     EXPECT_EQ(walked, names);
   }
+}
+
+TEST(KeyTableTest, WalksWithoutDecodedNamesAgreeAcrossThreads) {
+  // Objects with fewer members than the table: the first walks rebuild
+  // names, one of them decodes the table for all, and threads walking at
+  // the same time all see the same names.
+  VKTWriterValue root;
+  for (int o = 0; o < 6; ++o) {
+    VKTWriterValue& child = root["o" + std::to_string(o)];
+    for (int k = 0; k < 30; ++k) {
+      child[std::string(size_t(k * 7 % 61), 'n') +
+            std::to_string(o * 100 + k)] = k;
+    }
+  }
+  const vkt_binary image = VKTWriterObject().createImage(root);
+  auto walk = [](const VKTObject& obj) {
+    std::vector<std::string> names;
+    for (const VKTMember& top : obj.root().members()) {
+      names.emplace_back(top.name);
+      for (const VKTMember& m : top.value.members()) {
+        names.emplace_back(m.name);
+        EXPECT_EQ(m.value.asInt(), top.value[m.key()].asInt());
+      }
+    }
+    return names;
+  };
+  VKTObject decoded(image);
+  decoded.decodeKeyNames();
+  const std::vector<std::string> expected = walk(decoded);
+  ASSERT_EQ(expected.size(), 6u * 31);
+  VKTObject shared(image.data(), vkt_u32(image.size()), VKT_ALLOC_REFER);
+  std::vector<std::vector<std::string>> seen(4 * 3);
+  std::vector<std::thread> threads;
+  for (size_t t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (size_t pass = 0; pass < 3; ++pass) seen[t * 3 + pass] = walk(shared);
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  for (const auto& names : seen) EXPECT_EQ(names, expected);
 }
 
 }  // namespace

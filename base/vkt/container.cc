@@ -13,6 +13,7 @@
 // index at or beyond size() gives the null view (one compare with the count
 // already read). The image's bytes themselves are trusted.
 #include "vkt/format.h"
+#include "vkt/key_state.h"
 #include "vkt/packed_array.h"
 
 namespace {
@@ -38,6 +39,15 @@ vkt_u32 search_tag(vkt_u32 count, vkt_u32 tag, TagAt tagAt) {
     }
   }
   return count;
+}
+
+// The name of `tag` in a decoded block; "" for a tag beyond it, as a
+// rebuild gives.
+std::string_view block_name(const vkt_internal::NameBlock& block, vkt_u32 tag) {
+  if (size_t(tag) + 1 >= block.starts.size()) return std::string_view();
+  const vkt_u32 begin = block.starts[tag];
+  return std::string_view(block.names.data() + begin,
+                          block.starts[tag + 1] - begin - 1);
 }
 
 // An array's width for the walks, which index with it: a width id outside the
@@ -184,6 +194,11 @@ VKTMemberIterator VKTMemberRange::begin() const {
   it.mKeys = mKeys;
   it.mKeyWidth = mKeyWidth;
   it.mCount = mValues.mCount;
+  const VKTObject* obj = it.mValues.mObj;
+  if (obj != nullptr && !it.mValues.mRecords && !obj->hasKeyNames()) {
+    it.mWalkNames = obj->walkNames(it.mCount);
+    if (it.mWalkNames == nullptr) obj->setupKeyTrie(&it.mTrie);
+  }
   it.load();
   return it;
 }
@@ -199,8 +214,12 @@ void VKTMemberIterator::loadRebuilt() {
   mMember.value = *mValues;
   if (obj->hasKeyNames()) {
     mMember.name = obj->keyName(mMember.keyTag);
+  } else if (mValues.mRecords) {
+    obj->getKeyInto(mMember.keyTag, &mLongName);
+    mMember.name = mLongName;
+  } else if (mWalkNames != nullptr) {
+    mMember.name = block_name(*mWalkNames, mMember.keyTag);
   } else {
-    obj->getKeyInto(mMember.keyTag, &mNameBuffer);
-    mMember.name = mNameBuffer;
+    mMember.name = obj->rebuildMemberName(this, mMember.keyTag);
   }
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "vkt.h"
+#include "vkt/key_state.h"
 
 class VKTInternal {
  public:
@@ -30,7 +31,7 @@ class VKTInternal {
   }
   // Entries the key cache holds.
   static size_t keyHashEntries(const VKTObject& o) {
-    return o.mKeyHashEntries.size();
+    return o.mKeyState == nullptr ? 0 : o.mKeyState->hashEntries.size();
   }
   // The stream entity in memory, null when it is not.
   static const vkt_u8* streamEntity(const VKTObject& o) {

@@ -16,6 +16,7 @@
 #include <cstring>  // memcpy, strcmp, strlen
 
 #include "vkt/format.h"
+#include "vkt/key_state.h"
 #include "vkt/packed_array.h"
 
 namespace {
@@ -104,6 +105,7 @@ vkt_u32 climb_key(vkt_u32 positions, vkt_u32 leaf, Base base, Check check,
 
 bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint) const {
   if (mVersion == 1) {
+    if (hasKeyIndex()) return findIndexedKey(key, result);
     unsigned_array keyOffsetArray;
     setup_unsigned_array(&keyOffsetArray, mKeyOffsetArray);
     vkt_u32 begin = 0;
@@ -126,19 +128,25 @@ bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint) const {
     return false;
   }
 
-  const bool cached = hint != nullptr && mKeyHashEnabled;
+  const bool cached =
+      hint != nullptr && mKeyState != nullptr && mKeyState->hashEnabled;
   if (cached) {
     bool success;
     if (findKeyTagFromHashTable(key, result, &success, hint)) return success;
   }
 
-  key_trie t;  // the walk down needs no tail
-  setup_unsigned_array(&t.base, mKeyEntity);
-  setup_unsigned_array(&t.check, mKeyEntity + t.base.size);
   vkt_u32 tag;
-  const bool found = with_trie_widths(t, [&](auto base, auto check) {
-    return walk_key(t.base.valueNum, base, check, key, &tag);
-  });
+  bool found;
+  if (hasKeyIndex()) {
+    found = findIndexedKey(key, &tag);
+  } else {
+    key_trie t;  // the walk down needs no tail
+    setup_unsigned_array(&t.base, mKeyEntity);
+    setup_unsigned_array(&t.check, mKeyEntity + t.base.size);
+    found = with_trie_widths(t, [&](auto base, auto check) {
+      return walk_key(t.base.valueNum, base, check, key, &tag);
+    });
+  }
   if (found) {
     *result = tag;
     if (cached) registerKeyTagToHashTable(key, tag, true, hint);
@@ -146,19 +154,6 @@ bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint) const {
   }
   if (cached) registerKeyTagToHashTable(key, 0, false, hint);
   return false;
-}
-
-// The climb from the leaf of `keyTag` (see climb_key); a tag beyond the
-// table gives no bytes.
-template <typename Emit>
-vkt_u32 VKTObject::climbKey(vkt_u32 keyTag, Emit emit) const {
-  key_trie t;
-  setup_key_trie(&t, mKeyEntity);
-  if (keyTag >= t.tail.valueNum) return 0;
-  const vkt_u32 leaf = get_unsigned_array(&t.tail, keyTag);
-  return with_trie_widths(t, [&](auto base, auto check) {
-    return climb_key(t.check.valueNum, leaf, base, check, emit);
-  });
 }
 
 // Version 1 keeps each name as a NUL-terminated string.
@@ -245,48 +240,228 @@ std::string VKTObject::getKey(vkt_u32 keyTag) const {
   return result;
 }
 
+void VKTObject::setupKeyTrie(VKTMemberIterator::KeyTrie* trie) const {
+  key_trie t;
+  setup_key_trie(&t, mKeyEntity);
+  trie->base = t.base.values;
+  trie->check = t.check.values;
+  trie->tail = t.tail.values;
+  trie->positions = t.check.valueNum;
+  trie->keys = t.tail.valueNum;
+  trie->baseWidth = vkt_u8(t.base.valueSize <= 4 ? t.base.valueSize : 0);
+  trie->checkWidth = vkt_u8(t.check.valueSize <= 4 ? t.check.valueSize : 0);
+  trie->tailWidth = vkt_u8(t.tail.valueSize <= 4 ? t.tail.valueSize : 0);
+}
+
+// Climbs into the back of the iterator's buffer, and for a longer name
+// sizes it in that climb and fills the string in a second one; a tag beyond
+// the table gives "".
+std::string_view VKTObject::rebuildMemberName(VKTMemberIterator* it,
+                                              vkt_u32 keyTag) const {
+  const VKTMemberIterator::KeyTrie& t = it->mTrie;
+  if (keyTag >= t.keys) return std::string_view();
+  const vkt_u32 leaf = read_packed(t.tail, t.tailWidth, keyTag);
+  return with_width(t.baseWidth, [&](auto bw) {
+    return with_width(t.checkWidth, [&](auto cw) {
+      const packed<decltype(bw)> base{t.base};
+      const packed<decltype(cw)> check{t.check};
+      char* const end = it->mName + sizeof(it->mName);
+      char* p = end;
+      const vkt_u32 length =
+          climb_key(t.positions, leaf, base, check, [&](char c) {
+            if (p != it->mName) *--p = c;
+          });
+      if (length <= sizeof(it->mName)) return std::string_view(p, length);
+      it->mLongName.resize(length);
+      p = &it->mLongName[0] + length;
+      climb_key(t.positions, leaf, base, check, [&p](char c) { *--p = c; });
+      return std::string_view(it->mLongName);
+    });
+  });
+}
+
 VKTKey VKTObject::prepareKey(const char* name) const {
   vkt_u32 tag;
   return findKey(name, &tag, nullptr) ? VKTKey(tag) : VKTKey();
 }
 
-// The block's NUL-closed names and their starts. The total is summed in 64
-// bits and must fit the 32-bit starts: a table whose names would not (only a
-// hostile image has one; verify refuses it) is left undecoded, and walks
-// rebuild each name from the table as they do without this call.
-void VKTObject::decodeKeyNames() {
-  if (hasKeyNames()) return;
-  vkt_u32 count;
+// The block's NUL-closed names and their starts, with the trie set up once
+// for all of them. The total is summed in 64 bits and must fit the 32-bit
+// starts: a table whose names would not (only a hostile image has one;
+// verify refuses it) is left undecoded, and walks rebuild each name from the
+// table as they do without a block.
+bool VKTObject::decodeNames(vkt_internal::NameBlock* block) const {
+  std::vector<char>& names = block->names;
+  std::vector<vkt_u32>& starts = block->starts;
+  starts.assign(1, 0);
+  auto add = [&](const char* name, size_t length) {
+    if (vkt_u64(names.size()) + length + 1 > 0xFFFFFFFF) return false;
+    names.insert(names.end(), name, name + length);
+    names.push_back('\0');
+    starts.push_back(vkt_u32(names.size()));
+    return true;
+  };
   if (mVersion == 1) {
     unsigned_array keyOffsetArray;
     setup_unsigned_array(&keyOffsetArray, mKeyOffsetArray);
-    count = keyOffsetArray.valueNum;
+    for (vkt_u32 tag = 0; tag < keyOffsetArray.valueNum; ++tag) {
+      const char* s = sortedKey(tag);
+      if (!add(s, std::strlen(s))) return false;
+    }
+    return true;
+  }
+  key_trie t;
+  setup_key_trie(&t, mKeyEntity);
+  std::string name;
+  return with_trie_widths(t, [&](auto base, auto check) {
+    for (vkt_u32 tag = 0; tag < t.tail.valueNum; ++tag) {
+      rebuild_key(t, base, check, tag, &name);
+      if (!add(name.data(), name.size())) return false;
+    }
+    return true;
+  });
+}
+
+void VKTObject::decodeKeyNames() {
+  if (hasKeyNames()) return;
+  vkt_internal::NameBlock block;
+  if (!decodeNames(&block)) return;
+  vkt_internal::KeyState& state = keyState();
+  state.names.swap(block.names);
+  state.nameStarts.swap(block.starts);
+  mKeyNames = state.names.data();
+  mKeyNameStarts = state.nameStarts.data();
+  mKeyNameCount = vkt_u32(state.nameStarts.size() - 1);
+}
+
+// Only the walk whose count passes the table's size decodes, so the block is
+// made at most once and published with one store; walks that start before
+// it is published rebuild their names as before.
+const vkt_internal::NameBlock* VKTObject::walkNames(vkt_u32 members) const {
+  const vkt_internal::NameBlock* block =
+      mWalkNames.load(std::memory_order_acquire);
+  if (block != nullptr || members == 0) return block;
+  const vkt_u64 before =
+      mRebuiltNames.fetch_add(members, std::memory_order_relaxed);
+  unsigned_array tail;  // one entry per key: the table's size in names
+  if (mVersion == 1) {
+    setup_unsigned_array(&tail, mKeyOffsetArray);
   } else {
     key_trie t;
     setup_key_trie(&t, mKeyEntity);
-    count = t.tail.valueNum;
+    tail = t.tail;
   }
-  // Lengths first, so the block is allocated once.
-  std::vector<vkt_u32> starts(size_t(count) + 1);
-  vkt_u64 total = 0;
-  for (vkt_u32 tag = 0; tag < count; ++tag) {
-    starts[tag] = vkt_u32(total);
-    const vkt_u64 length = mVersion == 1 ? std::strlen(sortedKey(tag))
-                                         : climbKey(tag, [](char) {});
-    if (!checked_mul_add(1, length + 1, 0xFFFFFFFF, &total)) return;
+  // Once walks have rebuilt as many names as the table holds, decoding them
+  // all costs about what they spent, so walks pay at most twice what their
+  // rebuilds alone would cost, and long walks little more than the decode.
+  const vkt_u64 keys = tail.valueNum;
+  if (before >= keys || before + members < keys) return nullptr;
+  auto* made = new vkt_internal::NameBlock;
+  if (!decodeNames(made)) {
+    delete made;
+    return nullptr;
   }
-  starts[count] = vkt_u32(total);
-  mKeyNames.resize(size_t(total));
+  mWalkNames.store(made, std::memory_order_release);
+  return made;
+}
+
+vkt_internal::KeyState& VKTObject::keyState() {
+  if (mKeyState == nullptr) mKeyState = new vkt_internal::KeyState;
+  return *mKeyState;
+}
+
+bool VKTObject::hasKeyIndex() const {
+  return mKeyState != nullptr && !mKeyState->index.empty();
+}
+
+// ---------------------------------------------------------------------------
+// Name index: open addressing over the decoded names, one 64-bit slot per
+// entry (the hash's high half, then key tag + 1; 0 marks a free slot), at
+// most half full, so that a lookup hashes the key once and mostly compares
+// one name.
+// ---------------------------------------------------------------------------
+
+namespace {
+
+// Little-endian loads of 8 and 4 bytes, whatever the alignment.
+vkt_u64 load64(const char* p) {
+  vkt_u64 v;
+  std::memcpy(&v, p, sizeof(v));
+  return v;
+}
+vkt_u64 load32(const char* p) {
+  vkt_u32 v;
+  std::memcpy(&v, p, sizeof(v));
+  return v;
+}
+
+// A hash of the `length` bytes at `p`, eight at a time with a multiply
+// each, so that a name costs a few steps rather than one per byte. The
+// last 1 to 7 bytes are read without passing the end: two overlapping
+// 4-byte loads, or up to three single bytes.
+vkt_u64 name_hash(const char* p, size_t length) {
+  const vkt_u64 kMul = 0x9E3779B97F4A7C15ull;
+  vkt_u64 h = length * kMul;
+  size_t i = 0;
+  for (; i + 8 <= length; i += 8) h = (h ^ load64(p + i)) * kMul;
+  const size_t rest = length - i;
+  if (rest >= 4) {
+    h = (h ^ (load32(p + i) << 32 | load32(p + length - 4))) * kMul;
+  } else if (rest > 0) {
+    const vkt_u64 w = vkt_u64(vkt_u8(p[i])) << 16 |
+                      vkt_u64(vkt_u8(p[i + rest / 2])) << 8 |
+                      vkt_u8(p[length - 1]);
+    h = (h ^ w) * kMul;
+  }
+  h ^= h >> 32;
+  h *= 0xD6E8FEB86659FD93ull;
+  return h ^ (h >> 32);
+}
+
+}  // namespace
+
+void VKTObject::buildKeyIndex() {
+  if (hasKeyIndex()) return;
+  decodeKeyNames();
+  if (!hasKeyNames()) return;
+  const vkt_u32 count = mKeyNameCount;
+  size_t slots = 8;
+  while (slots < size_t(count) * 2) slots *= 2;
+  std::vector<vkt_u64> index(slots, 0);
+  const size_t mask = slots - 1;
   for (vkt_u32 tag = 0; tag < count; ++tag) {
-    char* end = mKeyNames.data() + starts[tag + 1] - 1;  // the NUL
-    if (mVersion == 1) {
-      const char* s = sortedKey(tag);
-      std::memcpy(end - std::strlen(s), s, std::strlen(s));
-    } else {
-      climbKey(tag, [&end](char c) { *--end = c; });
+    const std::string_view name = keyName(tag);
+    // A name that the trie spells with a NUL inside (a damaged table) is
+    // one that no walk reaches, and a name listed twice one that the walk
+    // reaches under one tag only: leave such a table to the walk.
+    if (name.find('\0') != std::string_view::npos) return;
+    const vkt_u64 h = name_hash(name.data(), name.size());
+    size_t i = h & mask;
+    for (; index[i] != 0; i = (i + 1) & mask) {
+      if (keyName(vkt_u32(index[i]) - 1) == keyName(tag)) return;
+    }
+    index[i] = (h >> 32) << 32 | (vkt_u64(tag) + 1);
+  }
+  mKeyState->index.swap(index);
+}
+
+bool VKTObject::findIndexedKey(const char* key, vkt_u32* result) const {
+  const size_t length = std::strlen(key);
+  const vkt_u64 h = name_hash(key, length);
+  const std::vector<vkt_u64>& index = mKeyState->index;
+  const size_t mask = index.size() - 1;
+  for (size_t i = h & mask;; i = (i + 1) & mask) {
+    const vkt_u64 slot = index[i];
+    if (slot == 0) return false;
+    if ((slot >> 32) != (h >> 32)) continue;
+    const vkt_u32 tag = vkt_u32(slot) - 1;
+    const vkt_u32 begin = mKeyNameStarts[tag];
+    if (mKeyNameStarts[tag + 1] - begin - 1 == length &&
+        std::memcmp(mKeyNames + begin, key, length) == 0) {
+      *result = tag;
+      return true;
     }
   }
-  mKeyNameStarts.swap(starts);
 }
 
 // ---------------------------------------------------------------------------
@@ -296,12 +471,16 @@ void VKTObject::decodeKeyNames() {
 
 void VKTObject::setKeyHashEnabled(bool state) {
   if (!state) {
-    std::vector<KeyHashChain>().swap(mKeyHashTable);
-    std::vector<KeyHashEntry>().swap(mKeyHashEntries);
+    if (mKeyState == nullptr) return;
+    std::vector<vkt_internal::KeyState::HashChain>().swap(mKeyState->hashTable);
+    std::vector<vkt_internal::KeyState::HashEntry>().swap(
+        mKeyState->hashEntries);
+    mKeyState->hashEnabled = false;
+    return;
   }
-  // The chains come with the first entry, so that enabling costs nothing
+  // The chains come with the first entry, so that enabling costs little
   // for an object that never sees a hint.
-  mKeyHashEnabled = state;
+  keyState().hashEnabled = true;
 }
 
 vkt_u32 VKTObject::calcKeyHash(const char* key, vkt_u32* hint) const {
@@ -320,10 +499,11 @@ vkt_u32 VKTObject::calcKeyHash(const char* key, vkt_u32* hint) const {
 bool VKTObject::findKeyTagFromHashTable(const char* key, vkt_u32* keyTag,
                                         bool* success, vkt_u32* hint) const {
   const vkt_u32 hash = calcKeyHash(key, hint);
-  if (mKeyHashTable.empty()) return false;  // no entry yet
-  const KeyHashChain& chain = mKeyHashTable[hash];
-  for (vkt_u32 i = chain.head; i != NO_ENTRY; i = mKeyHashEntries[i].next) {
-    const KeyHashEntry& entry = mKeyHashEntries[i];
+  const vkt_internal::KeyState& state = *mKeyState;
+  if (state.hashTable.empty()) return false;  // no entry yet
+  const auto& chain = state.hashTable[hash];
+  for (vkt_u32 i = chain.head; i != NO_ENTRY; i = state.hashEntries[i].next) {
+    const auto& entry = state.hashEntries[i];
     // The same pointer spares the string comparison.
     if (entry.key == key || std::strcmp(entry.key, key) == 0) {
       *keyTag = entry.value;
@@ -337,17 +517,18 @@ bool VKTObject::findKeyTagFromHashTable(const char* key, vkt_u32* keyTag,
 void VKTObject::registerKeyTagToHashTable(const char* key, vkt_u32 keyTag,
                                           bool success, vkt_u32* hint) const {
   const vkt_u32 hash = calcKeyHash(key, hint);
-  if (mKeyHashTable.empty()) {
-    mKeyHashTable.assign(HASH_TABLE_SIZE, KeyHashChain{NO_ENTRY, NO_ENTRY});
+  // Only an enabled cache registers, and enabling made the state.
+  vkt_internal::KeyState& state = *mKeyState;
+  if (state.hashTable.empty()) {
+    state.hashTable.assign(HASH_TABLE_SIZE, {NO_ENTRY, NO_ENTRY});
   }
-  KeyHashChain& chain = mKeyHashTable[hash];
-  const vkt_u32 index = vkt_u32(mKeyHashEntries.size());
-  mKeyHashEntries.push_back(
-      KeyHashEntry{key, success ? keyTag : FALSE_HASH, NO_ENTRY});
+  auto& chain = state.hashTable[hash];
+  const vkt_u32 index = vkt_u32(state.hashEntries.size());
+  state.hashEntries.push_back({key, success ? keyTag : FALSE_HASH, NO_ENTRY});
   if (chain.head == NO_ENTRY) {
     chain.head = index;
   } else {
-    mKeyHashEntries[chain.tail].next = index;
+    state.hashEntries[chain.tail].next = index;
   }
   chain.tail = index;
 }

@@ -11,6 +11,7 @@
 #include <utility>  // move
 
 #include "vkt/format.h"
+#include "vkt/key_state.h"
 #include "vkt/packed_array.h"
 #include "vkt/streams.h"
 
@@ -59,6 +60,7 @@ VKTObject::VKTObject(const vkt_u8* ptr, vkt_u32 size, vkt_alloc_type allocType,
   // In the purge modes the pointers already lie in the copy, so the caller's
   // bytes are never written.
   filterInfo(structFilter);
+  loadStringTable();
 }
 
 VKTObject::VKTObject(VKTReadStream* reader, VKTFilter* structFilter)
@@ -89,15 +91,21 @@ VKTObject::VKTObject(VKTReadStream* reader, VKTFilter* structFilter)
   decodeInfo();
   mStreamEntity = nullptr;
   filterInfo(structFilter);
+  loadStringTable();
 }
 
-VKTObject::~VKTObject() { release(); }
+VKTObject::~VKTObject() { freeOwned(); }
 
-void VKTObject::release() {
+void VKTObject::freeOwned() {
   delete mReader;
-  mReader = nullptr;
   releaseStreamBuffer();
   if (mAllocType != VKT_ALLOC_REFER) delete[] mImage;
+  delete mKeyState;
+  delete mWalkNames.load(std::memory_order_relaxed);
+}
+
+void VKTObject::release() {
+  freeOwned();
   makeEmpty();
 }
 
@@ -119,11 +127,15 @@ void VKTObject::makeEmpty() {
     *p = nullptr;
   }
   mTotalStreamEntitySize = 0;
-  mKeyHashEnabled = false;
-  mKeyHashTable.clear();
-  mKeyHashEntries.clear();
-  mKeyNames.clear();
-  mKeyNameStarts.clear();
+  mStringOffsets = nullptr;
+  mStringCount = 0;
+  mStringWidth = 0;
+  mKeyState = nullptr;
+  mWalkNames.store(nullptr, std::memory_order_relaxed);
+  mRebuiltNames.store(0, std::memory_order_relaxed);
+  mKeyNames = nullptr;
+  mKeyNameStarts = nullptr;
+  mKeyNameCount = 0;
 }
 
 VKTObject::VKTObject(VKTObject&& other) noexcept {
@@ -156,11 +168,18 @@ VKTObject& VKTObject::operator=(VKTObject&& other) noexcept {
   mBStreamEntity = other.mBStreamEntity;
   mRootValuePtr = other.mRootValuePtr;
   mTotalStreamEntitySize = other.mTotalStreamEntitySize;
-  mKeyHashEnabled = other.mKeyHashEnabled;
-  mKeyHashTable = std::move(other.mKeyHashTable);
-  mKeyHashEntries = std::move(other.mKeyHashEntries);
-  mKeyNames = std::move(other.mKeyNames);
-  mKeyNameStarts = std::move(other.mKeyNameStarts);
+  mStringOffsets = other.mStringOffsets;
+  mStringCount = other.mStringCount;
+  mStringWidth = other.mStringWidth;
+  // The key state moves as one block, so the name pointers stay valid.
+  mKeyState = other.mKeyState;
+  mWalkNames.store(other.mWalkNames.load(std::memory_order_relaxed),
+                   std::memory_order_relaxed);
+  mRebuiltNames.store(other.mRebuiltNames.load(std::memory_order_relaxed),
+                      std::memory_order_relaxed);
+  mKeyNames = other.mKeyNames;
+  mKeyNameStarts = other.mKeyNameStarts;
+  mKeyNameCount = other.mKeyNameCount;
   other.makeEmpty();
   return *this;
 }
@@ -213,6 +232,24 @@ void VKTObject::decodeInfo() {
       mImageSize - header_field(mHeader, HEADER_OFST_STREAM_ENTITY);
 }
 
+// The head is 2 to 6 bytes (count id, count, width id). A header that puts
+// it outside the bytes in memory (an image nobody checked) leaves no strings
+// to read rather than a read beyond them; a count id outside the family
+// counts none, as the array readers do.
+void VKTObject::loadStringTable() {
+  mStringOffsets = nullptr;
+  mStringCount = 0;
+  mStringWidth = 0;
+  if (mStringOffsetArray == nullptr) return;
+  const vkt_u64 at = vkt_u64(mStringOffsetArray - mImage);
+  const vkt_u64 front = frontPartSize();
+  if (at >= front) return;
+  const vkt_u32 countWidth = vkt_u32(*mStringOffsetArray) - UNSIGNED_ID_BIAS;
+  if (countWidth > 4 || at + 2 + countWidth > front) return;
+  mStringOffsets =
+      VKTValue::packedHead(mStringOffsetArray, &mStringCount, &mStringWidth);
+}
+
 std::vector<VKTSection> VKTObject::sections() const {
   std::vector<VKTSection> result;
   if (mImage == nullptr) return result;  // moved from
@@ -255,6 +292,7 @@ void VKTObject::preparePurge() {
   mAllocType = VKT_ALLOC_PURGE;
   mImage = copy_bytes(mImage, frontPartSize());
   decodeInfo();
+  loadStringTable();
   // The payloads stay in the old allocation, which mStreamEntity now stands
   // for: its start lies the stream entity's offset before it.
   mStreamEntity = newEntity;

@@ -142,8 +142,9 @@ double VKTValue::numberAsDouble() const { return number<double>(mObj, mPtr); }
 std::string_view VKTValue::asStringView() const {
   if (mObj == nullptr) return std::string_view();
   const vkt_u32 tag = readPacked(mPtr + 1, vkt_u32(*mPtr) - kStringTagId + 1);
-  vkt_u32 count, width;
-  const vkt_u8* offsets = packedHead(mObj->mStringOffsetArray, &count, &width);
+  const vkt_u32 count = mObj->mStringCount;
+  const vkt_u32 width = mObj->mStringWidth;
+  const vkt_u8* offsets = mObj->mStringOffsets;
   if (tag >= count) return std::string_view();
   const vkt_u8* after = mObj->mVersion >= 4 ? mObj->mBStreamOffsetArray
                                             : mObj->mStreamOffsetArray;
