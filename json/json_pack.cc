@@ -276,17 +276,10 @@ class JsonSource : public vkt_internal::ValueSource {
     return doc.current_location().get(rest) != simdjson::SUCCESS;
   }
 
-  // The id of a member's key; records repeat their keys place by place, so
-  // the key last seen at each place is tried before the table.
+  // The id of a member's key, kept as a copy when new.
   vkt_u32 keyId(std::string_view key, size_t position, WriterTables& tables) {
-    auto keep = [this](std::string_view x) { return mTexts.keep(x); };
-    if (position >= kKeyPlaces) return tables.keys.add(key, keep);
-    KeyPlace& last = mLastKeys[position];
-    if (last.key.data() == nullptr || last.key != key) {
-      last.id = tables.keys.add(key, keep);
-      last.key = tables.keys.entry(last.id);
-    }
-    return last.id;
+    return tables.keyAt(position, key,
+                        [this](std::string_view x) { return mTexts.keep(x); });
   }
 
   template <typename V>
@@ -443,12 +436,6 @@ class JsonSource : public vkt_internal::ValueSource {
   size_t mNextHint = 0;
   std::vector<std::unique_ptr<NameSet>> mNames;  // one per depth
   std::vector<ObjectScratch> mObjects;           // one per nesting level
-  struct KeyPlace {
-    std::string_view key;  // kept copy; null before the first key here
-    vkt_u32 id;
-  };
-  static constexpr size_t kKeyPlaces = 32;
-  KeyPlace mLastKeys[kKeyPlaces] = {};
 };
 
 bool opens_with_bom(const char* text, size_t size) {

@@ -305,14 +305,20 @@ struct WriterTables {
   // The id of a member's key, `position` its place in its object. Objects
   // of one shape (records) repeat their keys place by place, so the last
   // key seen at each place is tried before the table.
-  vkt_u32 keyAt(size_t position, std::string_view key) {
-    if (position >= kKeyPlaces) return keys.add(key);
+  // A new key is stored as keep(key) (a copy when `key` is transient); the
+  // place remembers the stored text.
+  template <typename Keep>
+  vkt_u32 keyAt(size_t position, std::string_view key, Keep keep) {
+    if (position >= kKeyPlaces) return keys.add(key, keep);
     KeyPlace& last = lastKeys[position];
     if (last.key.data() == nullptr || last.key != key) {
-      last.key = key;
-      last.id = keys.add(key);
+      last.id = keys.add(key, keep);
+      last.key = keys.entry(last.id);
     }
     return last.id;
+  }
+  vkt_u32 keyAt(size_t position, std::string_view key) {
+    return keyAt(position, key, [](std::string_view k) { return k; });
   }
 
   // Sorts every table once all entries are in.
