@@ -27,6 +27,16 @@
 
 #include "vkttypes.h"
 
+// The steps of a read (indexing, a walk's range and step, a string or double
+// read) are a few loads each; they are inlined into the caller's loops even
+// where the compiler's size estimate would call them, as a call costs more
+// than the step.
+#if defined(__GNUC__) || defined(__clang__)
+#define VKT_INLINE inline __attribute__((always_inline))
+#else
+#define VKT_INLINE inline
+#endif
+
 // A growable run of bytes: an image, or a payload.
 typedef std::vector<vkt_u8> vkt_binary;
 // Member names, as VKTValue::getMemberNames fills them.
@@ -601,11 +611,12 @@ class VKTElementRange {
 // Members by position. Without VKTObject::decodeKeyNames each step rebuilds
 // the name from the key table into a buffer the iterator owns; that buffer
 // allocates only when a name is longer than any before it (and not at all up
-// to the string's small size). Once walks of one object have rebuilt as many
-// names as its key table holds, the walk that passes that count decodes all
-// names once into a block the object keeps until it dies (the size
-// decodeKeyNames takes), and later walks, on any thread, take names from it;
-// concurrent walks stay safe. With the names decoded nothing is allocated.
+// to the string's small size). Once walks and lookups by plain name on one
+// object have resolved as many names through the key table as it holds, the
+// one that passes that count decodes and indexes all names once, into a
+// block the object keeps until it dies (what buildKeyIndex takes), and later
+// walks and lookups, on any thread, use it; concurrent readers stay safe.
+// With the names decoded nothing is allocated.
 class VKTMemberIterator {
  public:
   typedef std::input_iterator_tag iterator_category;
@@ -695,8 +706,9 @@ class VKTMemberRange {
 //
 // Threads: any number of threads may read one object at once, except for
 // lookups with a hint while the key cache is enabled, setKeyHashEnabled,
-// decodeKeyNames and buildKeyIndex. Member walks are reads, also when one of
-// them decodes the names that later walks share (see VKTMemberIterator).
+// decodeKeyNames and buildKeyIndex. Member walks and lookups are reads, also
+// when one of them decodes and indexes the names that later ones share (see
+// VKTMemberIterator).
 class VKTObject {
  public:
   // Copies the image (VKT_ALLOC_DUPLICATE). `structFilter` may be null; it is
@@ -865,7 +877,10 @@ class VKTObject {
   // does nothing. A table whose names could not be decoded, or that spells a
   // name twice (verify refuses both), is left unindexed. It writes to the
   // object: no other call on the object may run at the same time. Time is
-  // linear in the names' total length.
+  // linear in the names' total length. Without the call, lookups and walks
+  // make the same block themselves once they have resolved as many names
+  // through the table as it holds (see VKTMemberIterator), unless
+  // decodeKeyNames ran before: its names then serve without an index.
   void buildKeyIndex();
   bool hasKeyIndex() const;
 
@@ -893,8 +908,12 @@ class VKTObject {
   void makeEmpty();
 
   bool findKey(const char* key, vkt_u32* result, vkt_u32* hint) const;
-  // findKey's answer from the name index.
-  bool findIndexedKey(const char* key, vkt_u32* result) const;
+  // findKey's three ways: the name index of `block`, the sorted table of
+  // version 1, the trie of every later version.
+  bool findIndexedKey(const vkt_internal::NameBlock& block, const char* key,
+                      vkt_u32* result) const;
+  bool findSortedKey(const char* key, vkt_u32* result) const;
+  bool walkTrie(const char* key, vkt_u32* result) const;
   std::string getKey(vkt_u32 keyTag) const;
   // Rebuilds the name of `keyTag` into *out, reusing its capacity.
   void getKeyInto(vkt_u32 keyTag, std::string* out) const;
@@ -905,9 +924,11 @@ class VKTObject {
   // The member walk's rebuild: the trie set up once, then the name of
   // `keyTag` into it->mName or it->mLongName.
   void setupKeyTrie(VKTMemberIterator::KeyTrie* trie) const;
-  // The walks' shared name block, or null; a walk of `members` members
-  // counts them, and the one that passes the table's size decodes it.
-  const vkt_internal::NameBlock* walkNames(vkt_u32 members) const;
+  // The shared name block, or null while there is none: `resolved` names
+  // were just resolved through the table of `keys` names, and the call whose
+  // count passes `keys` decodes and indexes them all (key_names.cc).
+  const vkt_internal::NameBlock* sharedNames(vkt_u32 resolved,
+                                             vkt_u32 keys) const;
   // Every key name into *block; false when they would pass 4 GiB.
   bool decodeNames(vkt_internal::NameBlock* block) const;
   std::string_view rebuildMemberName(VKTMemberIterator* it,
@@ -966,18 +987,17 @@ class VKTObject {
   const vkt_u8* mStringOffsets;
   vkt_u32 mStringCount;
   vkt_u32 mStringWidth;
-  // Names decoded by member walks themselves, once walks without decoded
-  // names have rebuilt as many names as the table holds (members counts
-  // them in mRebuiltNames): published once by the walk that passed the
-  // count, read by walks on any thread; owned.
-  mutable std::atomic<const vkt_internal::NameBlock*> mWalkNames{nullptr};
-  mutable std::atomic<vkt_u64> mRebuiltNames{0};
-  // The key cache, the decoded names and the name index, made by the first
-  // call that asks for one of them (base/vkt/key_state.h); owned.
+  // The decoded names and their index (key_names.cc): made by
+  // decodeKeyNames or buildKeyIndex, or by the walk or lookup whose count of
+  // names resolved through the table (mResolvedNames) passes the table's
+  // size; published once, read by walks and lookups on any thread; owned.
+  mutable std::atomic<const vkt_internal::NameBlock*> mNames{nullptr};
+  mutable std::atomic<vkt_u64> mResolvedNames{0};
+  // The key cache, made by the first call that enables it; owned.
   vkt_internal::KeyState* mKeyState = nullptr;
-  // The decoded name block inside mKeyState, for the member walk's inline
-  // step: the names, where each begins, and how many; null and 0 before
-  // decodeKeyNames.
+  // The name block once decodeKeyNames has made or adopted it, for the
+  // member walk's inline step: the names, where each begins, and how many; null
+  // and 0 before decodeKeyNames.
   const char* mKeyNames = nullptr;
   const vkt_u32* mKeyNameStarts = nullptr;
   vkt_u32 mKeyNameCount = 0;
@@ -1012,7 +1032,7 @@ inline double VKTValue::asDouble() const {
 //   array:              ID_ARRAY  | offset array | elements
 //   object (v2 and up): ID_OBJECT | key array | offset array | member values
 // Offsets count from the end of the offset array.
-inline VKTElementRange VKTValue::elements() const {
+VKT_INLINE VKTElementRange VKTValue::elements() const {
   VKTElementRange range;
   if (mObj == nullptr) return range;
   const vkt_u8* p = mPtr + 1;

@@ -141,9 +141,11 @@ TEST(ObjectTest, OpenInPlaceAndKeyCacheAllocateAlmostNothing) {
   // the old hints lead to the right chains again.
   for (int pass = 0; pass < 3; ++pass) {
     if (pass == 2) {
-      // One growing vector of entries: a logarithmic number of
-      // allocations, not one per entry.
-      EXPECT_LE(counter.count(), 16u);
+      // One growing vector of entries, and the shared name block that the
+      // lookups made once they had resolved 500 names through the trie (its
+      // names grow the same way): a logarithmic number of allocations, not
+      // one per entry or per lookup.
+      EXPECT_LE(counter.count(), 32u);
       obj.setKeyHashEnabled(false);
       obj.setKeyHashEnabled(true);
     }

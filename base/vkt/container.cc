@@ -196,8 +196,11 @@ VKTMemberIterator VKTMemberRange::begin() const {
   it.mCount = mValues.mCount;
   const VKTObject* obj = it.mValues.mObj;
   if (obj != nullptr && !it.mValues.mRecords && !obj->hasKeyNames()) {
-    it.mWalkNames = obj->walkNames(it.mCount);
-    if (it.mWalkNames == nullptr) obj->setupKeyTrie(&it.mTrie);
+    it.mWalkNames = obj->mNames.load(std::memory_order_acquire);
+    if (it.mWalkNames == nullptr && it.mCount != 0) {
+      obj->setupKeyTrie(&it.mTrie);
+      it.mWalkNames = obj->sharedNames(it.mCount, it.mTrie.keys);
+    }
   }
   it.load();
   return it;

@@ -1,7 +1,7 @@
-// What a VKTObject adds to its key table on request: the key cache that
-// lookups with a hint fill, the decoded name block, and the name index.
-// The object owns one of these once any of them is asked for; the header
-// shows only the pointer and the name block's inline view.
+// What a VKTObject adds to its key table: the key cache that lookups with a
+// hint fill, and the block of decoded names with their index. The object
+// owns each once it is made; the header shows only the pointers and the name
+// block's inline view.
 #ifndef VKT_KEY_STATE_H_
 #define VKT_KEY_STATE_H_
 
@@ -12,12 +12,16 @@
 namespace vkt_internal {
 
 // Every key name back to back, each closed by a NUL, and where each begins
-// (key tag order, one extra entry for the end).
+// (key tag order, one extra entry for the end); with the name index once one
+// is built: slots of (name hash's high half, key tag + 1), a power of two of
+// them, at most half full, 0 marking a free slot.
 struct NameBlock {
   std::vector<char> names;
   std::vector<vkt_u32> starts;
+  std::vector<vkt_u64> index;
 };
 
+// The key cache that lookups with a hint fill.
 struct KeyState {
   // One cache entry; a chain is a run of entries linked by `next`.
   struct HashEntry {
@@ -31,19 +35,12 @@ struct KeyState {
     vkt_u32 tail;
   };
 
-  // The key cache: one chain per hash once it holds an entry, empty before
-  // and while it is off. Lookups with a hint change both vectors although
-  // the object is const.
+  // One chain per hash once it holds an entry, empty before and while it is
+  // off. Lookups with a hint change both vectors although the object is
+  // const.
   bool hashEnabled = false;
   std::vector<HashChain> hashTable;
   std::vector<HashEntry> hashEntries;
-  // decodeKeyNames: the names back to back, each closed by a NUL, and where
-  // each begins (key tag order, one extra entry for the end). Empty before.
-  std::vector<char> names;
-  std::vector<vkt_u32> nameStarts;
-  // buildKeyIndex: slots of (name hash's high half, key tag + 1), a power
-  // of two of them; empty before.
-  std::vector<vkt_u64> index;
 };
 
 }  // namespace vkt_internal

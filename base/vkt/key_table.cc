@@ -1,6 +1,7 @@
-// The key table read in place: key string to key tag (findKey) and back
-// (getKey), prepared keys, the decoded name block, and the key hash cache in
-// front of findKey.
+// The key table read in place: key string to key tag (walkTrie,
+// findSortedKey) and back (getKey), prepared keys, every name decoded into a
+// block, and the key hash cache that hinted lookups fill (findKey, which
+// chooses among them, is in key_names.cc).
 //
 // Double-array form (every version but 1): three packed arrays, back to back.
 //
@@ -103,57 +104,41 @@ vkt_u32 climb_key(vkt_u32 positions, vkt_u32 leaf, Base base, Check check,
 
 }  // namespace
 
-bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint) const {
-  if (mVersion == 1) {
-    if (hasKeyIndex()) return findIndexedKey(key, result);
-    unsigned_array keyOffsetArray;
-    setup_unsigned_array(&keyOffsetArray, mKeyOffsetArray);
-    vkt_u32 begin = 0;
-    vkt_u32 end = keyOffsetArray.valueNum;
-    while (begin < end) {
-      const vkt_u32 mid = (begin + end) / 2;
-      const char* s = reinterpret_cast<const char*>(mKeyEntity) +
-                      get_unsigned_array(&keyOffsetArray, mid);
-      const int comp = std::strcmp(key, s);
-      if (comp == 0) {
-        *result = mid;
-        return true;
-      }
-      if (comp > 0) {
-        begin = mid + 1;
-      } else {
-        end = mid;
-      }
+// A sorted table (version 1): binary search by strcmp.
+bool VKTObject::findSortedKey(const char* key, vkt_u32* result) const {
+  unsigned_array keyOffsetArray;
+  setup_unsigned_array(&keyOffsetArray, mKeyOffsetArray);
+  vkt_u32 begin = 0;
+  vkt_u32 end = keyOffsetArray.valueNum;
+  while (begin < end) {
+    const vkt_u32 mid = (begin + end) / 2;
+    const char* s = reinterpret_cast<const char*>(mKeyEntity) +
+                    get_unsigned_array(&keyOffsetArray, mid);
+    const int comp = std::strcmp(key, s);
+    if (comp == 0) {
+      *result = mid;
+      return true;
     }
-    return false;
+    if (comp > 0) {
+      begin = mid + 1;
+    } else {
+      end = mid;
+    }
   }
-
-  const bool cached =
-      hint != nullptr && mKeyState != nullptr && mKeyState->hashEnabled;
-  if (cached) {
-    bool success;
-    if (findKeyTagFromHashTable(key, result, &success, hint)) return success;
-  }
-
-  vkt_u32 tag;
-  bool found;
-  if (hasKeyIndex()) {
-    found = findIndexedKey(key, &tag);
-  } else {
-    key_trie t;  // the walk down needs no tail
-    setup_unsigned_array(&t.base, mKeyEntity);
-    setup_unsigned_array(&t.check, mKeyEntity + t.base.size);
-    found = with_trie_widths(t, [&](auto base, auto check) {
-      return walk_key(t.base.valueNum, base, check, key, &tag);
-    });
-  }
-  if (found) {
-    *result = tag;
-    if (cached) registerKeyTagToHashTable(key, tag, true, hint);
-    return true;
-  }
-  if (cached) registerKeyTagToHashTable(key, 0, false, hint);
   return false;
+}
+
+// The walk down the trie; counts the lookup towards the shared names, which
+// answer later lookups through their index once they are made.
+bool VKTObject::walkTrie(const char* key, vkt_u32* result) const {
+  key_trie t;  // the walk down needs no tail, only its count
+  setup_unsigned_array(&t.base, mKeyEntity);
+  setup_unsigned_array(&t.check, mKeyEntity + t.base.size);
+  const bool found = with_trie_widths(t, [&](auto base, auto check) {
+    return walk_key(t.base.valueNum, base, check, key, result);
+  });
+  sharedNames(1, parse_unsigned(mKeyEntity + t.base.size + t.check.size));
+  return found;
 }
 
 // Version 1 keeps each name as a NUL-terminated string.
@@ -312,6 +297,7 @@ bool VKTObject::decodeNames(vkt_internal::NameBlock* block) const {
   }
   key_trie t;
   setup_key_trie(&t, mKeyEntity);
+  starts.reserve(size_t(t.tail.valueNum) + 1);
   std::string name;
   return with_trie_widths(t, [&](auto base, auto check) {
     for (vkt_u32 tag = 0; tag < t.tail.valueNum; ++tag) {
@@ -322,152 +308,15 @@ bool VKTObject::decodeNames(vkt_internal::NameBlock* block) const {
   });
 }
 
-void VKTObject::decodeKeyNames() {
-  if (hasKeyNames()) return;
-  vkt_internal::NameBlock block;
-  if (!decodeNames(&block)) return;
-  vkt_internal::KeyState& state = keyState();
-  state.names.swap(block.names);
-  state.nameStarts.swap(block.starts);
-  mKeyNames = state.names.data();
-  mKeyNameStarts = state.nameStarts.data();
-  mKeyNameCount = vkt_u32(state.nameStarts.size() - 1);
-}
-
-// Only the walk whose count passes the table's size decodes, so the block is
-// made at most once and published with one store; walks that start before
-// it is published rebuild their names as before.
-const vkt_internal::NameBlock* VKTObject::walkNames(vkt_u32 members) const {
-  const vkt_internal::NameBlock* block =
-      mWalkNames.load(std::memory_order_acquire);
-  if (block != nullptr || members == 0) return block;
-  const vkt_u64 before =
-      mRebuiltNames.fetch_add(members, std::memory_order_relaxed);
-  unsigned_array tail;  // one entry per key: the table's size in names
-  if (mVersion == 1) {
-    setup_unsigned_array(&tail, mKeyOffsetArray);
-  } else {
-    key_trie t;
-    setup_key_trie(&t, mKeyEntity);
-    tail = t.tail;
-  }
-  // Once walks have rebuilt as many names as the table holds, decoding them
-  // all costs about what they spent, so walks pay at most twice what their
-  // rebuilds alone would cost, and long walks little more than the decode.
-  const vkt_u64 keys = tail.valueNum;
-  if (before >= keys || before + members < keys) return nullptr;
-  auto* made = new vkt_internal::NameBlock;
-  if (!decodeNames(made)) {
-    delete made;
-    return nullptr;
-  }
-  mWalkNames.store(made, std::memory_order_release);
-  return made;
-}
+// ---------------------------------------------------------------------------
+// Key hash cache: chains of (caller's key pointer, key tag or FALSE_HASH),
+// linked by index through one vector of entries in order of registration.
+// ---------------------------------------------------------------------------
 
 vkt_internal::KeyState& VKTObject::keyState() {
   if (mKeyState == nullptr) mKeyState = new vkt_internal::KeyState;
   return *mKeyState;
 }
-
-bool VKTObject::hasKeyIndex() const {
-  return mKeyState != nullptr && !mKeyState->index.empty();
-}
-
-// ---------------------------------------------------------------------------
-// Name index: open addressing over the decoded names, one 64-bit slot per
-// entry (the hash's high half, then key tag + 1; 0 marks a free slot), at
-// most half full, so that a lookup hashes the key once and mostly compares
-// one name.
-// ---------------------------------------------------------------------------
-
-namespace {
-
-// Little-endian loads of 8 and 4 bytes, whatever the alignment.
-vkt_u64 load64(const char* p) {
-  vkt_u64 v;
-  std::memcpy(&v, p, sizeof(v));
-  return v;
-}
-vkt_u64 load32(const char* p) {
-  vkt_u32 v;
-  std::memcpy(&v, p, sizeof(v));
-  return v;
-}
-
-// A hash of the `length` bytes at `p`, eight at a time with a multiply
-// each, so that a name costs a few steps rather than one per byte. The
-// last 1 to 7 bytes are read without passing the end: two overlapping
-// 4-byte loads, or up to three single bytes.
-vkt_u64 name_hash(const char* p, size_t length) {
-  const vkt_u64 kMul = 0x9E3779B97F4A7C15ull;
-  vkt_u64 h = length * kMul;
-  size_t i = 0;
-  for (; i + 8 <= length; i += 8) h = (h ^ load64(p + i)) * kMul;
-  const size_t rest = length - i;
-  if (rest >= 4) {
-    h = (h ^ (load32(p + i) << 32 | load32(p + length - 4))) * kMul;
-  } else if (rest > 0) {
-    const vkt_u64 w = vkt_u64(vkt_u8(p[i])) << 16 |
-                      vkt_u64(vkt_u8(p[i + rest / 2])) << 8 |
-                      vkt_u8(p[length - 1]);
-    h = (h ^ w) * kMul;
-  }
-  h ^= h >> 32;
-  h *= 0xD6E8FEB86659FD93ull;
-  return h ^ (h >> 32);
-}
-
-}  // namespace
-
-void VKTObject::buildKeyIndex() {
-  if (hasKeyIndex()) return;
-  decodeKeyNames();
-  if (!hasKeyNames()) return;
-  const vkt_u32 count = mKeyNameCount;
-  size_t slots = 8;
-  while (slots < size_t(count) * 2) slots *= 2;
-  std::vector<vkt_u64> index(slots, 0);
-  const size_t mask = slots - 1;
-  for (vkt_u32 tag = 0; tag < count; ++tag) {
-    const std::string_view name = keyName(tag);
-    // A name that the trie spells with a NUL inside (a damaged table) is
-    // one that no walk reaches, and a name listed twice one that the walk
-    // reaches under one tag only: leave such a table to the walk.
-    if (name.find('\0') != std::string_view::npos) return;
-    const vkt_u64 h = name_hash(name.data(), name.size());
-    size_t i = h & mask;
-    for (; index[i] != 0; i = (i + 1) & mask) {
-      if (keyName(vkt_u32(index[i]) - 1) == keyName(tag)) return;
-    }
-    index[i] = (h >> 32) << 32 | (vkt_u64(tag) + 1);
-  }
-  mKeyState->index.swap(index);
-}
-
-bool VKTObject::findIndexedKey(const char* key, vkt_u32* result) const {
-  const size_t length = std::strlen(key);
-  const vkt_u64 h = name_hash(key, length);
-  const std::vector<vkt_u64>& index = mKeyState->index;
-  const size_t mask = index.size() - 1;
-  for (size_t i = h & mask;; i = (i + 1) & mask) {
-    const vkt_u64 slot = index[i];
-    if (slot == 0) return false;
-    if ((slot >> 32) != (h >> 32)) continue;
-    const vkt_u32 tag = vkt_u32(slot) - 1;
-    const vkt_u32 begin = mKeyNameStarts[tag];
-    if (mKeyNameStarts[tag + 1] - begin - 1 == length &&
-        std::memcmp(mKeyNames + begin, key, length) == 0) {
-      *result = tag;
-      return true;
-    }
-  }
-}
-
-// ---------------------------------------------------------------------------
-// Key hash cache: chains of (caller's key pointer, key tag or FALSE_HASH),
-// linked by index through one vector of entries in order of registration.
-// ---------------------------------------------------------------------------
 
 void VKTObject::setKeyHashEnabled(bool state) {
   if (!state) {

@@ -101,7 +101,7 @@ void VKTObject::freeOwned() {
   releaseStreamBuffer();
   if (mAllocType != VKT_ALLOC_REFER) delete[] mImage;
   delete mKeyState;
-  delete mWalkNames.load(std::memory_order_relaxed);
+  delete mNames.load(std::memory_order_relaxed);
 }
 
 void VKTObject::release() {
@@ -131,8 +131,8 @@ void VKTObject::makeEmpty() {
   mStringCount = 0;
   mStringWidth = 0;
   mKeyState = nullptr;
-  mWalkNames.store(nullptr, std::memory_order_relaxed);
-  mRebuiltNames.store(0, std::memory_order_relaxed);
+  mNames.store(nullptr, std::memory_order_relaxed);
+  mResolvedNames.store(0, std::memory_order_relaxed);
   mKeyNames = nullptr;
   mKeyNameStarts = nullptr;
   mKeyNameCount = 0;
@@ -171,12 +171,13 @@ VKTObject& VKTObject::operator=(VKTObject&& other) noexcept {
   mStringOffsets = other.mStringOffsets;
   mStringCount = other.mStringCount;
   mStringWidth = other.mStringWidth;
-  // The key state moves as one block, so the name pointers stay valid.
+  // The key cache and the name block move as pointers, so the name view
+  // stays valid.
   mKeyState = other.mKeyState;
-  mWalkNames.store(other.mWalkNames.load(std::memory_order_relaxed),
-                   std::memory_order_relaxed);
-  mRebuiltNames.store(other.mRebuiltNames.load(std::memory_order_relaxed),
-                      std::memory_order_relaxed);
+  mNames.store(other.mNames.load(std::memory_order_relaxed),
+               std::memory_order_relaxed);
+  mResolvedNames.store(other.mResolvedNames.load(std::memory_order_relaxed),
+                       std::memory_order_relaxed);
   mKeyNames = other.mKeyNames;
   mKeyNameStarts = other.mKeyNameStarts;
   mKeyNameCount = other.mKeyNameCount;
