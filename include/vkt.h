@@ -491,7 +491,7 @@ class VKTValue {
   // One packed number of `width` bytes, least significant first, 0 for a
   // width outside 1 to 4; the one byte-level read kept in this header, so
   // that indexing and a walk's steps inline.
-  static vkt_u32 readPacked(const vkt_u8* p, vkt_u32 width) {
+  VKT_INLINE static vkt_u32 readPacked(const vkt_u8* p, vkt_u32 width) {
     switch (width) {
       case 1:
         return p[0];
@@ -661,9 +661,12 @@ class VKTMemberIterator {
 
   VKTElementIterator mValues;     // positions and member values
   const vkt_u8* mKeys = nullptr;  // key tags (versions 2 and up)
-  // The names that earlier walks decoded for the object, when begin()
-  // found them; else names are rebuilt from mTrie.
-  const vkt_internal::NameBlock* mWalkNames = nullptr;
+  // The object's decoded names, when begin() found them (decodeKeyNames, or
+  // the block that walks and lookups made): the names, where each begins,
+  // and how many; else names are rebuilt from mTrie.
+  const char* mNames = nullptr;
+  const vkt_u32* mNameStarts = nullptr;
+  vkt_u32 mNameCount = 0;
   vkt_u32 mKeyWidth = 1;
   vkt_u32 mCount = 0;
   VKTMember mMember;
@@ -934,12 +937,17 @@ class VKTObject {
   std::string_view rebuildMemberName(VKTMemberIterator* it,
                                      vkt_u32 keyTag) const;
   const char* sortedKey(vkt_u32 keyTag) const;
+  // Name `keyTag` of `count` decoded names (their bytes, each NUL-closed,
+  // and where each begins); "" for a tag beyond them, as a rebuild gives.
+  static std::string_view decodedName(const char* names, const vkt_u32* starts,
+                                      vkt_u32 count, vkt_u32 keyTag) {
+    if (keyTag >= count) return std::string_view();
+    const vkt_u32 begin = starts[keyTag];
+    return std::string_view(names + begin, starts[keyTag + 1] - begin - 1);
+  }
   // The decoded name of `keyTag`; REQUIRES: hasKeyNames().
   std::string_view keyName(vkt_u32 keyTag) const {
-    if (keyTag >= mKeyNameCount) return std::string_view();
-    const vkt_u32 begin = mKeyNameStarts[keyTag];
-    return std::string_view(mKeyNames + begin,
-                            mKeyNameStarts[keyTag + 1] - begin - 1);
+    return decodedName(mKeyNames, mKeyNameStarts, mKeyNameCount, keyTag);
   }
   vkt_u32 calcKeyHash(const char* key, vkt_u32* hint) const;
   // The key state, made on first use.
@@ -1050,14 +1058,14 @@ VKT_INLINE VKTElementRange VKTValue::elements() const {
   return range;
 }
 
-inline void VKTMemberIterator::load() {
+VKT_INLINE void VKTMemberIterator::load() {
   if (mValues.mIndex >= mCount) return;
-  const VKTObject* obj = mValues.mObj;
-  if (mValues.mRecords || !obj->hasKeyNames()) return loadRebuilt();
+  if (mNameStarts == nullptr) return loadRebuilt();
   mMember.keyTag =
       VKTValue::readPacked(mKeys + mValues.mIndex * mKeyWidth, mKeyWidth);
   mMember.value = *mValues;
-  mMember.name = obj->keyName(mMember.keyTag);
+  mMember.name =
+      VKTObject::decodedName(mNames, mNameStarts, mNameCount, mMember.keyTag);
 }
 
 // Turns a VKTWriterValue tree into an image. One object can write any number

@@ -41,15 +41,6 @@ vkt_u32 search_tag(vkt_u32 count, vkt_u32 tag, TagAt tagAt) {
   return count;
 }
 
-// The name of `tag` in a decoded block; "" for a tag beyond it, as a
-// rebuild gives.
-std::string_view block_name(const vkt_internal::NameBlock& block, vkt_u32 tag) {
-  if (size_t(tag) + 1 >= block.starts.size()) return std::string_view();
-  const vkt_u32 begin = block.starts[tag];
-  return std::string_view(block.names.data() + begin,
-                          block.starts[tag + 1] - begin - 1);
-}
-
 // An array's width for the walks, which index with it: a width id outside the
 // family reads every entry as 0, as get_unsigned_array does.
 vkt_u32 usable_width(const unsigned_array& a) {
@@ -195,11 +186,25 @@ VKTMemberIterator VKTMemberRange::begin() const {
   it.mKeyWidth = mKeyWidth;
   it.mCount = mValues.mCount;
   const VKTObject* obj = it.mValues.mObj;
-  if (obj != nullptr && !it.mValues.mRecords && !obj->hasKeyNames()) {
-    it.mWalkNames = obj->mNames.load(std::memory_order_acquire);
-    if (it.mWalkNames == nullptr && it.mCount != 0) {
+  if (obj == nullptr || it.mValues.mRecords) {
+    it.load();
+    return it;
+  }
+  if (obj->hasKeyNames()) {
+    it.mNames = obj->mKeyNames;
+    it.mNameStarts = obj->mKeyNameStarts;
+    it.mNameCount = obj->mKeyNameCount;
+  } else {
+    const vkt_internal::NameBlock* block =
+        obj->mNames.load(std::memory_order_acquire);
+    if (block == nullptr && it.mCount != 0) {
       obj->setupKeyTrie(&it.mTrie);
-      it.mWalkNames = obj->sharedNames(it.mCount, it.mTrie.keys);
+      block = obj->sharedNames(it.mCount, it.mTrie.keys);
+    }
+    if (block != nullptr) {
+      it.mNames = block->names.data();
+      it.mNameStarts = block->starts.data();
+      it.mNameCount = vkt_u32(block->starts.size() - 1);
     }
   }
   it.load();
@@ -220,8 +225,6 @@ void VKTMemberIterator::loadRebuilt() {
   } else if (mValues.mRecords) {
     obj->getKeyInto(mMember.keyTag, &mLongName);
     mMember.name = mLongName;
-  } else if (mWalkNames != nullptr) {
-    mMember.name = block_name(*mWalkNames, mMember.keyTag);
   } else {
     mMember.name = obj->rebuildMemberName(this, mMember.keyTag);
   }
