@@ -526,6 +526,7 @@ class VKTValue {
   VKTMemberRange recordMembers() const;
   // The member with key tag `tag`; REQUIRES: an object view.
   bool findTag(vkt_u32 tag, VKTValue* value) const;
+  bool findRecordTag(vkt_u32 tag, VKTValue* value) const;  // version 1
 
   const VKTObject* mObj;
   const vkt_u8* mPtr;

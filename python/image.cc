@@ -14,8 +14,9 @@ namespace {
 
 py::object sErrorType;
 
-// Key names are decoded once when the image opens, unless sharing makes the
-// names alone far larger than the image (the same bound as the tool's text).
+// Key names are decoded and indexed once when the image opens, so that every
+// lookup by name hashes it once, unless sharing makes the names alone far
+// larger than the image (the same bound as the tool's text).
 bool worth_decoding(vkt_u64 nameBytes, vkt_u64 imageSize) {
   return nameBytes <= (vkt_u64(8) << 20) || nameBytes / 100 <= imageSize;
 }
@@ -40,7 +41,7 @@ std::shared_ptr<ImageState> open_image(py::buffer data, bool trusted) {
   if (!ok) raise_error(std::string("bad image: ") + report.reason, report);
   state->object.reset(new VKTObject(p, vkt_u32(report.end), VKT_ALLOC_REFER));
   if (worth_decoding(report.keyNameBytes, report.end)) {
-    state->object->decodeKeyNames();
+    state->object->buildKeyIndex();
   }
   return state;
 }

@@ -86,32 +86,41 @@ bool VKTValue::findMember(const VKTKey& key, VKTValue* value) const {
 }
 
 bool VKTValue::findTag(vkt_u32 tag, VKTValue* value) const {
-  unsigned_array keys;
-  setup_unsigned_array(&keys, mPtr + 1);
-  const vkt_u8* base = mPtr + 1 + keys.size;
-  if (mObj->mVersion == 1) {
-    // The first array holds offsets of records that open with the key tag.
-    auto record = [&](vkt_u32 i) {
-      return base + get_unsigned_array(&keys, i);
-    };
-    const vkt_u32 found = search_tag(
-        keys.valueNum, tag, [&](vkt_u32 i) { return parse_key(record(i)); });
-    if (found == keys.valueNum) return false;
-    const vkt_u8* p = record(found);
-    *value = VKTValue(mObj, p + get_value_size(p));
-    return true;
-  }
-  // The width is picked once, so the search loop reads without a switch.
-  const vkt_u32 found = with_width(keys.valueSize, [&](auto width) {
-    return search_tag(keys.valueNum, tag, [&](vkt_u32 i) {
-      return read_packed<decltype(width)::value>(keys.values, i);
+  if (mObj->mVersion == 1) return findRecordTag(tag, value);
+  // ID_OBJECT | key array | offset array | member values, the heads read as
+  // the walks read them; the width is picked once, so the search loop reads
+  // without a switch.
+  vkt_u32 count, width;
+  const vkt_u8* keys = packedHead(mPtr + 1, &count, &width);
+  const vkt_u32 found = with_width(width, [&](auto w) {
+    return search_tag(count, tag, [&](vkt_u32 i) {
+      return read_packed<decltype(w)::value>(keys, i);
     });
   });
-  if (found == keys.valueNum) return false;
-  unsigned_array offsets;
-  setup_unsigned_array(&offsets, base);
-  *value =
-      VKTValue(mObj, base + offsets.size + get_unsigned_array(&offsets, found));
+  if (found == count) return false;
+  vkt_u32 offsetCount, offsetWidth;
+  const vkt_u8* offsets =
+      packedHead(keys + count * width, &offsetCount, &offsetWidth);
+  *value = VKTValue(mObj,
+                    offsets + offsetCount * offsetWidth +
+                        readPacked(offsets + found * offsetWidth, offsetWidth));
+  return true;
+}
+
+// A version-1 object: the first array holds offsets of records that open
+// with the key tag.
+bool VKTValue::findRecordTag(vkt_u32 tag, VKTValue* value) const {
+  unsigned_array records;
+  setup_unsigned_array(&records, mPtr + 1);
+  const vkt_u8* base = mPtr + 1 + records.size;
+  auto record = [&](vkt_u32 i) {
+    return base + get_unsigned_array(&records, i);
+  };
+  const vkt_u32 found = search_tag(
+      records.valueNum, tag, [&](vkt_u32 i) { return parse_key(record(i)); });
+  if (found == records.valueNum) return false;
+  const vkt_u8* p = record(found);
+  *value = VKTValue(mObj, p + get_value_size(p));
   return true;
 }
 
