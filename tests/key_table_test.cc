@@ -122,10 +122,11 @@ TEST(KeyTableTest, NamesOfEveryLengthComeBackWhole) {
   }
 }
 
-TEST(KeyTableTest, WalksWithoutDecodedNamesAgreeAcrossThreads) {
+TEST(KeyTableTest, WalksAndLookupsWithoutDecodedNamesAgreeAcrossThreads) {
   // Objects with fewer members than the table: the first walks rebuild
-  // names, one of them decodes the table for all, and threads walking at
-  // the same time all see the same names.
+  // names and the first lookups walk the trie, one of them decodes and
+  // indexes the table for all, and threads reading at the same time all see
+  // the same names and find the same members.
   VKTWriterValue root;
   for (int o = 0; o < 6; ++o) {
     VKTWriterValue& child = root["o" + std::to_string(o)];
@@ -142,6 +143,7 @@ TEST(KeyTableTest, WalksWithoutDecodedNamesAgreeAcrossThreads) {
       for (const VKTMember& m : top.value.members()) {
         names.emplace_back(m.name);
         EXPECT_EQ(m.value.asInt(), top.value[m.key()].asInt());
+        EXPECT_EQ(top.value[std::string(m.name)], m.value);
       }
     }
     return names;
