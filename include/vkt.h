@@ -557,7 +557,7 @@ class VKTElementIterator {
   typedef const VKTValue* pointer;
   typedef VKTValue reference;
 
-  VKTValue operator*() const {
+  VKT_INLINE VKTValue operator*() const {
     const vkt_u8* p =
         mEntity + VKTValue::readPacked(mOffsets + mIndex * mWidth, mWidth);
     return mRecords ? recordValue(mObj, p) : VKTValue(mObj, p);
