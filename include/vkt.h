@@ -27,10 +27,10 @@
 
 #include "vkttypes.h"
 
-// The steps of a read (indexing, a walk's range and step, a string or double
-// read) are a few loads each; they are inlined into the caller's loops even
-// where the compiler's size estimate would call them, as a call costs more
-// than the step.
+// A walk's steps (setting up a range, one element or member, one packed
+// number) are a few loads each; they are inlined into the caller's loops
+// even where the compiler's size estimate would call them, as a call costs
+// more than the step.
 #if defined(__GNUC__) || defined(__clang__)
 #define VKT_INLINE inline __attribute__((always_inline))
 #else
