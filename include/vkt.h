@@ -896,7 +896,9 @@ class VKTObject {
 
   void loadHeader(const vkt_u8* header, VKTFilter* structFilter);
   void init(VKTFilter* structFilter);
-  void decodeInfo();
+  // The section pointers from the header fields at `header`: the plain
+  // copy, or the image's own bytes when they are the same.
+  void decodeInfo(const vkt_u8* header);
   void filterInfo(VKTFilter* structFilter);
   // Reads the string offset array's head into mStringOffsets, mStringCount
   // and mStringWidth; run once the info range is plain.
