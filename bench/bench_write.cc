@@ -65,6 +65,26 @@ void counted_free(void* p) {
   std::free(block);
 }
 
+// Over-aligned blocks (the writer's slabs): the prefix is one alignment.
+void* counted_aligned_alloc(size_t size, std::align_val_t alignment) {
+  const size_t a = size_t(alignment) < 16 ? 16 : size_t(alignment);
+  void* p = std::aligned_alloc(a, (size + a + a - 1) / a * a);
+  if (p == nullptr) throw std::bad_alloc();
+  size = footprint(size);
+  *static_cast<size_t*>(p) = size;
+  gLive += size;
+  if (gLive > gPeak) gPeak = gLive;
+  return static_cast<char*>(p) + a;
+}
+
+void counted_aligned_free(void* p, std::align_val_t alignment) {
+  if (p == nullptr) return;
+  const size_t a = size_t(alignment) < 16 ? 16 : size_t(alignment);
+  void* block = static_cast<char*>(p) - a;
+  gLive -= *static_cast<size_t*>(block);
+  std::free(block);
+}
+
 // Heap bytes live at the peak of `work`, above what was live before it.
 // The work runs on a thread of its own, which starts with the writer's
 // per-thread block lists empty, so that every block it uses is counted.
@@ -85,6 +105,15 @@ void operator delete(void* p) noexcept { counted_free(p); }
 void operator delete[](void* p) noexcept { counted_free(p); }
 void operator delete(void* p, size_t) noexcept { counted_free(p); }
 void operator delete[](void* p, size_t) noexcept { counted_free(p); }
+void* operator new(size_t size, std::align_val_t a) {
+  return counted_aligned_alloc(size, a);
+}
+void operator delete(void* p, std::align_val_t a) noexcept {
+  counted_aligned_free(p, a);
+}
+void operator delete(void* p, size_t, std::align_val_t a) noexcept {
+  counted_aligned_free(p, a);
+}
 
 // The key table builder alone, which is private to the writer.
 static vkt_binary key_table(const std::set<std::string>& keys) {

@@ -150,6 +150,8 @@ class ValueBuffer {
     if (mUsed + more > mBytes->size()) grow(mUsed + more);
     return mBytes->data() + mUsed;
   }
+  // Counts `n` bytes written at room() as in use.
+  void advance(size_t n) { mUsed += n; }
   void append(const vkt_u8* p, size_t n) {
     std::memcpy(room(n), p, n);
     mUsed += n;
