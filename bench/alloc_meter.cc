@@ -62,9 +62,7 @@ void* operator new(size_t size, std::align_val_t a) {
   return counted_aligned(size, a);
 }
 void operator delete(void* p, std::align_val_t) noexcept { release(p); }
-void operator delete(void* p, size_t, std::align_val_t) noexcept {
-  release(p);
-}
+void operator delete(void* p, size_t, std::align_val_t) noexcept { release(p); }
 
 AllocMeter::AllocMeter() : mBase(gLive.load()) { gPeak = mBase; }
 

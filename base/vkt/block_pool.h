@@ -139,6 +139,62 @@ class BlockPool {
   }
 };
 
+// Blocks of any size up to kLargestPooled (member pages, member lists) from
+// the pool of the smallest class that holds them, larger ones from the heap.
+// The caller gives a block back with the size it asked for.
+const size_t kLargestPooled = 1024;
+
+// The size of the class that serves `bytes`: steps of a half and a quarter
+// between powers of two, so a block wastes at most a third of itself.
+inline size_t pooled_size(size_t bytes) {
+  if (bytes <= 32) return 32;
+  if (bytes > kLargestPooled) return bytes;
+  size_t power = 32;
+  while (power * 2 < bytes) power *= 2;  // power < bytes <= 2 power
+  return bytes <= power + power / 2 ? power + power / 2 : power * 2;
+}
+
+template <typename F>
+inline auto with_pool(size_t bytes, F f) {
+  switch (pooled_size(bytes)) {
+    case 32:
+      return f(BlockPool<32>());
+    case 48:
+      return f(BlockPool<48>());
+    case 64:
+      return f(BlockPool<64>());
+    case 96:
+      return f(BlockPool<96>());
+    case 128:
+      return f(BlockPool<128>());
+    case 192:
+      return f(BlockPool<192>());
+    case 256:
+      return f(BlockPool<256>());
+    case 384:
+      return f(BlockPool<384>());
+    case 512:
+      return f(BlockPool<512>());
+    case 768:
+      return f(BlockPool<768>());
+    default:
+      return f(BlockPool<1024>());
+  }
+}
+
+inline void* take_sized(size_t bytes) {
+  if (bytes > kLargestPooled) return ::operator new(bytes);
+  return with_pool(bytes, [](auto pool) { return decltype(pool)::take(); });
+}
+
+inline void give_sized(void* p, size_t bytes) {
+  if (bytes > kLargestPooled) {
+    ::operator delete(p);
+    return;
+  }
+  with_pool(bytes, [p](auto pool) { decltype(pool)::give(p); });
+}
+
 // Class-wide operator new and delete that take T's blocks from its pool.
 template <typename T>
 struct Pooled {

@@ -17,7 +17,30 @@ void release(Block* block) {
   if (--block->mRefCount < 1) Block::destroy(block);
 }
 
+// The types whose nodes point at a block.
+const vkt_u32 kBlockTypes = 1u << TYPE_STRING | 1u << TYPE_STREAM |
+                            1u << TYPE_ARRAY | 1u << TYPE_OBJECT;
+
 }  // namespace
+
+// Defined ahead of the setters, which take its test inline.
+void VKTWriterValue::clear() {
+  static_assert(kNullType == TYPE_NULL, "the header's null is the encoding's");
+  if (kBlockTypes >> mType & 1) {
+    switch (mType) {
+      case TYPE_STRING:
+        release(mStringInfo);
+        break;
+      case TYPE_STREAM:
+        release(mStreamInfo);
+        break;
+      default:
+        releaseContainer();
+        break;
+    }
+  }
+  mType = TYPE_NULL;
+}
 
 VKTWriterValue::VKTWriterValue(VKTWriterValue&& r) noexcept : mType(TYPE_NULL) {
   share(r);
@@ -73,25 +96,6 @@ VKTWriterValue& VKTWriterValue::operator=(const VKTWriterValue& r) {
   return *this;
 }
 
-void VKTWriterValue::clear() {
-  static_assert(kNullType == TYPE_NULL, "the header's null is the encoding's");
-  switch (mType) {
-    case TYPE_STRING:
-      release(mStringInfo);
-      break;
-    case TYPE_STREAM:
-      release(mStreamInfo);
-      break;
-    case TYPE_ARRAY:
-    case TYPE_OBJECT:
-      releaseContainer();
-      break;
-    default:
-      break;
-  }
-  mType = TYPE_NULL;
-}
-
 void VKTWriterValue::releaseContainer() {
   // A walk in element order over the blocks whose last reference is gone,
   // as a recursive delete would take them, with its stack on the heap past
@@ -116,6 +120,15 @@ void VKTWriterValue::releaseContainer() {
     if (--(isArray ? static_cast<ArrayInfo*>(block)->mRefCount
                    : static_cast<ObjectInfo*>(block)->mRefCount) > 0) {
       return;
+    }
+    if (isArray) {  // an array of plain scalars goes at once
+      ArrayInfo* array = static_cast<ArrayInfo*>(block);
+      vkt_u32 types = 0;
+      for (const VKTWriterValue& e : *array) types |= 1u << e.mType;
+      if (!(types & kBlockTypes)) {
+        delete array;
+        return;
+      }
     }
     if (fewCount < kFew) {
       few[fewCount++] = Dying{isArray, block, 0};
@@ -243,7 +256,7 @@ void VKTWriterValue::append(const VKTWriterValue& ref) {
 }
 
 VKTWriterValue& VKTWriterValue::operator[](vkt_u32 index) {
-  toArray();
+  if (mType != TYPE_ARRAY) toArray();
   mArrayInfo->growTo(size_t(index) + 1);
   return mArrayInfo->mData[index];
 }
