@@ -12,6 +12,7 @@
 //   of a wide object, and a large stream payload copied from a read stream
 //   into a sink that stores nothing.
 #include <benchmark/benchmark.h>
+#include <malloc.h>  // malloc_usable_size
 
 #include <cstdlib>
 #include <functional>
@@ -65,24 +66,21 @@ void counted_free(void* p) {
   std::free(block);
 }
 
-// Over-aligned blocks (the writer's slabs): the prefix is one alignment.
+// Over-aligned blocks (the writer's slabs) come from aligned_alloc and
+// count what it made room for.
 void* counted_aligned_alloc(size_t size, std::align_val_t alignment) {
-  const size_t a = size_t(alignment) < 16 ? 16 : size_t(alignment);
-  void* p = std::aligned_alloc(a, (size + a + a - 1) / a * a);
+  const size_t a = size_t(alignment);
+  void* p = std::aligned_alloc(a, (size + a - 1) / a * a);
   if (p == nullptr) throw std::bad_alloc();
-  size = footprint(size);
-  *static_cast<size_t*>(p) = size;
-  gLive += size;
+  gLive += malloc_usable_size(p);
   if (gLive > gPeak) gPeak = gLive;
-  return static_cast<char*>(p) + a;
+  return p;
 }
 
-void counted_aligned_free(void* p, std::align_val_t alignment) {
+void counted_aligned_free(void* p, std::align_val_t) {
   if (p == nullptr) return;
-  const size_t a = size_t(alignment) < 16 ? 16 : size_t(alignment);
-  void* block = static_cast<char*>(p) - a;
-  gLive -= *static_cast<size_t*>(block);
-  std::free(block);
+  gLive -= malloc_usable_size(p);
+  std::free(p);
 }
 
 // Heap bytes live at the peak of `work`, above what was live before it.

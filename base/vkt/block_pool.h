@@ -28,6 +28,42 @@ namespace vkt_internal {
 const size_t kPoolBytes = 1 << 20;
 const size_t kSlabBytes = 64 << 10;  // also the slabs' alignment
 
+// Empty slabs kept by one thread for its next ones, so that a loop that
+// builds and drops trees does not hand its slabs to the heap and ask for
+// them again each time (an aligned block costs the heap more than a plain
+// one). A slab emptied on any thread may join that thread's spares.
+class SpareSlabs {
+ public:
+  static const size_t kMost = 16;
+
+  static SpareSlabs& forThread() {
+    thread_local SpareSlabs spares;
+    return spares;
+  }
+  void* take() {
+    if (mCount != 0) return mSlabs[--mCount];
+    return ::operator new(kSlabBytes, std::align_val_t(kSlabBytes));
+  }
+  void give(void* slab) {
+    if (mCount == kMost || mClosed) {
+      ::operator delete(slab, std::align_val_t(kSlabBytes));
+      return;
+    }
+    mSlabs[mCount++] = slab;
+  }
+  ~SpareSlabs() {
+    mClosed = true;
+    while (mCount != 0) {
+      ::operator delete(mSlabs[--mCount], std::align_val_t(kSlabBytes));
+    }
+  }
+
+ private:
+  void* mSlabs[kMost];
+  size_t mCount = 0;
+  bool mClosed = false;  // the thread is ending: slabs go to the heap
+};
+
 // The head of a slab, at its first byte, found from any block by masking.
 //
 //   slab:  SlabHead | block | block | ... (kSlabBytes, aligned to it)
@@ -45,12 +81,11 @@ struct SlabHead {
                                        ~std::uintptr_t(kSlabBytes - 1));
   }
   static SlabHead* make() {
-    void* p = ::operator new(kSlabBytes, std::align_val_t(kSlabBytes));
-    return new (p) SlabHead;
+    return new (SpareSlabs::forThread().take()) SlabHead;
   }
   static void free(SlabHead* slab) {
     slab->~SlabHead();
-    ::operator delete(static_cast<void*>(slab), std::align_val_t(kSlabBytes));
+    SpareSlabs::forThread().give(slab);
   }
   // One block back.
   static void giveBack(void* block) {
@@ -98,6 +133,9 @@ class BlockPool {
       ~(alignof(std::max_align_t) - 1);
 
   struct State {
+    // The thread's spare slabs are made first, so they outlast this.
+    State() { SpareSlabs::forThread(); }
+
     void* head = nullptr;  // the free list
     size_t count = 0;
     SlabHead* slab = nullptr;  // the slab being cut
