@@ -122,6 +122,10 @@ class OpenIndex {
   std::vector<vkt_u32> mSlots;
 };
 
+// The types whose nodes point at a block.
+const vkt_u32 kBlockTypes = 1u << TYPE_STRING | 1u << TYPE_STREAM |
+                            1u << TYPE_ARRAY | 1u << TYPE_OBJECT;
+
 }  // namespace vkt_internal
 
 struct VKTWriterValue::StringInfo {
@@ -191,13 +195,22 @@ struct VKTWriterValue::StreamInfo {
 // by doubling. Elements past the size are null nodes.
 struct VKTWriterValue::ArrayInfo
     : vkt_internal::Pooled<VKTWriterValue::ArrayInfo> {
-  ArrayInfo() = default;
+  ArrayInfo() {
+    for (VKTWriterValue& v : mInline) new (&v) VKTWriterValue;
+  }
   ArrayInfo(const ArrayInfo&) = delete;
   ArrayInfo& operator=(const ArrayInfo&) = delete;
+  // Only elements that hold a block have anything to let go of.
   ~ArrayInfo() {
-    if (mData == mInline) return;
-    for (vkt_u32 i = 0; i < mCapacity; ++i) mData[i].~VKTWriterValue();
-    vkt_internal::give_sized(mData, mCapacity * sizeof(VKTWriterValue));
+    const vkt_u32 slots = mData == mInline ? 2 : mCapacity;
+    for (vkt_u32 i = 0; i < slots; ++i) {
+      if (vkt_internal::kBlockTypes >> mData[i].mType & 1) {
+        mData[i].~VKTWriterValue();
+      }
+    }
+    if (mData != mInline) {
+      vkt_internal::give_sized(mData, mCapacity * sizeof(VKTWriterValue));
+    }
   }
 
   static void destroy(ArrayInfo* a) { delete a; }
@@ -242,7 +255,9 @@ struct VKTWriterValue::ArrayInfo
   vkt_u32 mCapacity = 2;
   mutable vkt_u32 mSizeHint = 0;  // writer scratch: the image's likely size
   VKTWriterValue* mData = mInline;
-  VKTWriterValue mInline[2];
+  union {  // destroyed by ~ArrayInfo, and only when they hold a block
+    VKTWriterValue mInline[2];
+  };
 };
 
 // One member of an object: its node and its key, in one stretch of the

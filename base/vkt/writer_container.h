@@ -149,7 +149,7 @@ struct ShortArray {
 inline void write_short_array(WriterTables& tables, const ShortArray& a) {
   static_assert(kShortArray * 9 < 256, "offsets fit one byte");
   if (tables.tooLarge) return;
-  vkt_u8 offsets[kShortArray];
+  vkt_u8 offsets[kShortArray] = {};
   bool stored[kShortArray];
   vkt_u32 entity = 0;
   for (size_t i = 0; i < a.count; ++i) {
@@ -167,12 +167,13 @@ inline void write_short_array(WriterTables& tables, const ShortArray& a) {
   }
   ValueBuffer& out = *tables.value;
   const size_t head = 4 + a.count;
-  vkt_u8* p = out.room(head + entity + SCALAR_BUFFER_SIZE);
+  vkt_u8* p = out.room(4 + kShortArray + entity + SCALAR_BUFFER_SIZE);
   p[0] = ID_ARRAY;
   p[1] = ID_UNSIGNED8;
   p[2] = vkt_u8(a.count);
   p[3] = ID_UNSIGNED8;
-  if (a.count != 0) std::memcpy(p + 4, offsets, a.count);
+  // All eight offsets, the unused ones landing where the scalars go next.
+  std::memcpy(p + 4, offsets, kShortArray);
   p += head;
   for (size_t i = 0; i < a.count; ++i) {
     if (!stored[i]) continue;

@@ -146,7 +146,7 @@ vkt_u32 VKTWriterValue::encodeScalar(const VKTWriterObject::Tables& tables,
       generate_single(out, mFloatValue);
       break;
     case TYPE_DOUBLE:
-      generate_double(out, mDoubleValue);
+      generate_double_words(out, mDoubleValue);
       break;
     case TYPE_STRING:
       generate_string(out, tables.strings.tag(mStringInfo->mTag));

@@ -8,6 +8,7 @@
 #include "vkt/writer_blocks.h"
 
 using vkt_internal::hash_bytes;
+using vkt_internal::kBlockTypes;
 
 namespace {
 
@@ -16,10 +17,6 @@ template <typename Block>
 void release(Block* block) {
   if (--block->mRefCount < 1) Block::destroy(block);
 }
-
-// The types whose nodes point at a block.
-const vkt_u32 kBlockTypes = 1u << TYPE_STRING | 1u << TYPE_STREAM |
-                            1u << TYPE_ARRAY | 1u << TYPE_OBJECT;
 
 }  // namespace
 
