@@ -266,7 +266,7 @@ class JsonSource : public vkt_internal::ValueSource {
     if (n.type == TYPE_DOUBLE) {
       generate_double_words(buf, n.d);
     } else if (n.type == TYPE_INTEGER) {
-      generate_integer(buf, vkt_s32(n.i));
+      generate_words(buf, integer_word(vkt_s32(n.i)));
     } else {
       generate_long_integer(buf, n.i);
     }
@@ -405,26 +405,29 @@ class JsonSource : public vkt_internal::ValueSource {
     switch (type) {
       case od::json_type::number: {
         // The first walk kept its image; the text's number is skipped.
+        // Every image was appended with 16 bytes of room behind its start.
         const vkt_u8* image = mNumbers.data() + mNextNumber;
         const vkt_u32 size = get_value_size(image);
-        std::memcpy(buf, image, size);
+        copy_scalar_words(buf, image, size);
         mNextNumber += size;
         break;
       }
       case od::json_type::string: {
         od::raw_json_string unused;  // the first walk kept its id
         known(v.get_raw_json_string(), &unused);
-        generate_string(buf, tables.strings.tag(mStrings[mNextString++]));
+        generate_words(
+            buf, unsigned_word(tables.strings.tag(mStrings[mNextString++]),
+                               ID_STRING_TAG8));
         break;
       }
       case od::json_type::boolean: {
         bool b = false;
         known(v.get_bool(), &b);
-        buf[0] = b ? ID_TRUE : ID_FALSE;
+        generate_words(buf, b ? ID_TRUE : ID_FALSE);
         break;
       }
       default:
-        buf[0] = ID_NULL;
+        generate_words(buf, ID_NULL);
         break;
     }
     return get_value_size(buf);

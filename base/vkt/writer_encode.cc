@@ -130,14 +130,17 @@ bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
   }
 }
 
+// The common kinds as whole words (see generate_words); every kind fills
+// all SCALAR_BUFFER_SIZE bytes of out, zero behind the image, or only the
+// image's bytes of a buffer its caller zeroed.
 vkt_u32 VKTWriterValue::encodeScalar(const VKTWriterObject::Tables& tables,
                                      vkt_u8* out) const {
   switch (mType) {
     case TYPE_BOOL:
-      out[0] = mBoolValue ? ID_TRUE : ID_FALSE;
+      generate_words(out, mBoolValue ? ID_TRUE : ID_FALSE);
       break;
     case TYPE_INTEGER:
-      generate_integer(out, mIntegerValue);
+      generate_words(out, integer_word(mIntegerValue));
       break;
     case TYPE_LONG_INTEGER:
       generate_long_integer(out, mLongIntegerValue);
@@ -149,7 +152,8 @@ vkt_u32 VKTWriterValue::encodeScalar(const VKTWriterObject::Tables& tables,
       generate_double_words(out, mDoubleValue);
       break;
     case TYPE_STRING:
-      generate_string(out, tables.strings.tag(mStringInfo->mTag));
+      generate_words(out, unsigned_word(tables.strings.tag(mStringInfo->mTag),
+                                        ID_STRING_TAG8));
       break;
     case TYPE_STREAM:
       if (mStreamInfo->mStreamFlags & VKT_STREAM_FLAG_BOUND) {
@@ -159,7 +163,7 @@ vkt_u32 VKTWriterValue::encodeScalar(const VKTWriterObject::Tables& tables,
       }
       break;
     default:  // TYPE_NULL
-      out[0] = ID_NULL;
+      generate_words(out, ID_NULL);
       break;
   }
   return get_value_size(out);
@@ -170,7 +174,7 @@ void VKTWriterValue::createImage(VKTWriterObject::Tables& tables) const {
     createContainerImage(tables);
     return;
   }
-  vkt_u8 buf[SCALAR_BUFFER_SIZE];
+  vkt_u8 buf[SCALAR_BUFFER_SIZE] = {};
   tables.value->append(buf, encodeScalar(tables, buf));
 }
 
