@@ -20,7 +20,7 @@ void release(Block* block) {
 
 }  // namespace
 
-// Defined ahead of the setters, which take its test inline.
+// The setters test kBlockTypes themselves and call this only for a block.
 void VKTWriterValue::clear() {
   static_assert(kNullType == TYPE_NULL, "the header's null is the encoding's");
   if (kBlockTypes >> mType & 1) {
@@ -163,31 +163,31 @@ void VKTWriterValue::releaseContainer() {
 }
 
 void VKTWriterValue::setInt(vkt_s32 value) {
-  clear();
+  if (kBlockTypes >> mType & 1) clear();
   mType = TYPE_INTEGER;
   mIntegerValue = value;
 }
 
 void VKTWriterValue::setLongInt(vkt_s64 value) {
-  clear();
+  if (kBlockTypes >> mType & 1) clear();
   mType = TYPE_LONG_INTEGER;
   mLongIntegerValue = value;
 }
 
 void VKTWriterValue::setFloat(float value) {
-  clear();
+  if (kBlockTypes >> mType & 1) clear();
   mType = TYPE_SINGLE;
   mFloatValue = value;
 }
 
 void VKTWriterValue::setDouble(double value) {
-  clear();
+  if (kBlockTypes >> mType & 1) clear();
   mType = TYPE_DOUBLE;
   mDoubleValue = value;
 }
 
 void VKTWriterValue::setBool(bool value) {
-  clear();
+  if (kBlockTypes >> mType & 1) clear();
   mType = TYPE_BOOL;
   mBoolValue = value;
 }
@@ -232,14 +232,14 @@ void VKTWriterValue::setStream(VKTReadStream* reader, vkt_u32 alignment,
 
 void VKTWriterValue::toArray() {
   if (mType == TYPE_ARRAY) return;
-  clear();
+  if (kBlockTypes >> mType & 1) clear();
   mType = TYPE_ARRAY;
   mArrayInfo = new ArrayInfo;
 }
 
 void VKTWriterValue::toObject() {
   if (mType == TYPE_OBJECT) return;
-  clear();
+  if (kBlockTypes >> mType & 1) clear();
   mType = TYPE_OBJECT;
   mObjectInfo = new ObjectInfo;
 }
