@@ -230,18 +230,21 @@ void VKTWriterValue::setStream(VKTReadStream* reader, vkt_u32 alignment,
   mStreamInfo = info;
 }
 
+// The block is made first, so a failed allocation leaves the node as it was.
 void VKTWriterValue::toArray() {
   if (mType == TYPE_ARRAY) return;
+  ArrayInfo* array = new ArrayInfo;
   if (kBlockTypes >> mType & 1) clear();
   mType = TYPE_ARRAY;
-  mArrayInfo = new ArrayInfo;
+  mArrayInfo = array;
 }
 
 void VKTWriterValue::toObject() {
   if (mType == TYPE_OBJECT) return;
+  ObjectInfo* object = new ObjectInfo;
   if (kBlockTypes >> mType & 1) clear();
   mType = TYPE_OBJECT;
-  mObjectInfo = new ObjectInfo;
+  mObjectInfo = object;
 }
 
 void VKTWriterValue::append(const VKTWriterValue& ref) {
