@@ -2,7 +2,11 @@
 // order and merging of stream table entries, which the tags show.
 #include <gtest/gtest.h>
 
+#include <set>
+#include <string>
+
 #include "testutil.h"
+#include "vkt/writer_blocks.h"  // hash_bytes
 
 template <typename T>
 static VKTWriterValue val(T x) {
@@ -157,4 +161,27 @@ TEST(WriterEncode, ShortArraysNestedMatchTheirImageAtTheRoot) {
       }
     }
   }
+}
+
+// The tables find entries by the writer's hash: it must read every byte of
+// a text of any length (its words overlap near the end), tell lengths apart,
+// and spread small changes into the low bits the tables index by.
+TEST(WriterEncode, HashSeesEveryByteAndSpreadsLowBits) {
+  const std::string text(48, 'a');
+  std::set<vkt_u64> lengths;
+  for (size_t n = 0; n <= text.size(); ++n) {
+    const vkt_u64 whole = vkt_internal::hash_bytes(text.data(), n);
+    EXPECT_TRUE(lengths.insert(whole).second) << "length " << n;
+    for (size_t i = 0; i < n; ++i) {
+      std::string changed = text.substr(0, n);
+      changed[i] ^= 1;
+      EXPECT_NE(vkt_internal::hash_bytes(changed.data(), n), whole)
+          << "length " << n << " byte " << i;
+    }
+  }
+  std::set<vkt_u64> low;
+  for (vkt_u64 i = 0; i < 4096; ++i) {
+    low.insert(vkt_internal::hash_bytes(&i, sizeof i) & 0xFFFF);
+  }
+  EXPECT_GT(low.size(), 3800u);  // about 3,970 for an even spread
 }
