@@ -12,6 +12,7 @@
 //   of a wide object, and a large stream payload copied from a read stream
 //   into a sink that stores nothing.
 #include <benchmark/benchmark.h>
+#include <malloc.h>  // malloc_usable_size
 
 #include <cstdlib>
 #include <functional>
@@ -65,6 +66,23 @@ void counted_free(void* p) {
   std::free(block);
 }
 
+// Over-aligned blocks (the writer's slabs) come from aligned_alloc and
+// count what it made room for.
+void* counted_aligned_alloc(size_t size, std::align_val_t alignment) {
+  const size_t a = size_t(alignment);
+  void* p = std::aligned_alloc(a, (size + a - 1) / a * a);
+  if (p == nullptr) throw std::bad_alloc();
+  gLive += malloc_usable_size(p);
+  if (gLive > gPeak) gPeak = gLive;
+  return p;
+}
+
+void counted_aligned_free(void* p, std::align_val_t) {
+  if (p == nullptr) return;
+  gLive -= malloc_usable_size(p);
+  std::free(p);
+}
+
 // Heap bytes live at the peak of `work`, above what was live before it.
 // The work runs on a thread of its own, which starts with the writer's
 // per-thread block lists empty, so that every block it uses is counted.
@@ -85,6 +103,15 @@ void operator delete(void* p) noexcept { counted_free(p); }
 void operator delete[](void* p) noexcept { counted_free(p); }
 void operator delete(void* p, size_t) noexcept { counted_free(p); }
 void operator delete[](void* p, size_t) noexcept { counted_free(p); }
+void* operator new(size_t size, std::align_val_t a) {
+  return counted_aligned_alloc(size, a);
+}
+void operator delete(void* p, std::align_val_t a) noexcept {
+  counted_aligned_free(p, a);
+}
+void operator delete(void* p, size_t, std::align_val_t a) noexcept {
+  counted_aligned_free(p, a);
+}
 
 // The key table builder alone, which is private to the writer.
 static vkt_binary key_table(const std::set<std::string>& keys) {

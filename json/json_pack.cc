@@ -72,6 +72,7 @@ class TextStore {
 struct ContainerHint {
   vkt_u32 count;
   vkt_u32 sizeHint;
+  bool shortArray;  // an array of at most kShortArray scalars
 };
 
 // One member of an object in the second walk: its key and where its image
@@ -190,7 +191,7 @@ class JsonSource : public vkt_internal::ValueSource {
     if (depth > tables.deepest) tables.deepest = depth;
     const size_t before = tables.sizeHint;
     const size_t hint = mHints.size();
-    mHints.push_back(ContainerHint{0, 0});
+    mHints.push_back(ContainerHint{0, 0, false});
     vkt_u32 count = 0;
     if (isArray) {
       od::array a;
@@ -223,8 +224,11 @@ class JsonSource : public vkt_internal::ValueSource {
       }
     }
     tables.sizeHint += vkt_internal::head_hint(count, !isArray);
-    mHints[hint] =
-        ContainerHint{count, vkt_internal::clamp_u32(tables.sizeHint - before)};
+    // No container inside added a hint of its own.
+    const bool shortArray = isArray && count <= vkt_internal::kShortArray &&
+                            mHints.size() == hint + 1;
+    mHints[hint] = ContainerHint{
+        count, vkt_internal::clamp_u32(tables.sizeHint - before), shortArray};
     return true;
   }
 
@@ -258,15 +262,15 @@ class JsonSource : public vkt_internal::ValueSource {
   // Appends a number's image to those the second walk takes in text order:
   // no larger than the number's text, mostly, and read without a parse.
   void keepNumber(const Number& n) {
-    vkt_u8 buf[SCALAR_BUFFER_SIZE];
+    vkt_u8 buf[SCALAR_BUFFER_SIZE] = {};
     if (n.type == TYPE_DOUBLE) {
-      generate_double(buf, n.d);
+      generate_double_words(buf, n.d);
     } else if (n.type == TYPE_INTEGER) {
-      generate_integer(buf, vkt_s32(n.i));
+      generate_words(buf, integer_word(vkt_s32(n.i)));
     } else {
       generate_long_integer(buf, n.i);
     }
-    mNumbers.insert(mNumbers.end(), buf, buf + get_value_size(buf));
+    mNumberImages.appendScalar(buf, get_value_size(buf));
   }
 
   template <typename V>
@@ -299,6 +303,16 @@ class JsonSource : public vkt_internal::ValueSource {
     if (type == od::json_type::array) {
       od::array a;
       known(v.get_array(), &a);
+      if (hint.shortArray) {  // in one step, as the tree's walk does
+        vkt_internal::ShortArray scalars;
+        for (auto element : a) {
+          od::value e;
+          known(element, &e);
+          scalars.add(emitScalar(e, tables, scalars.next()));
+        }
+        vkt_internal::write_short_array(tables, scalars);
+        return;
+      }
       ContainerWriter writer(tables);
       writer.open(true, hint.count, hint.sizeHint);
       for (auto element : a) {
@@ -391,26 +405,29 @@ class JsonSource : public vkt_internal::ValueSource {
     switch (type) {
       case od::json_type::number: {
         // The first walk kept its image; the text's number is skipped.
+        // Every image was appended with 16 bytes of room behind its start.
         const vkt_u8* image = mNumbers.data() + mNextNumber;
         const vkt_u32 size = get_value_size(image);
-        std::memcpy(buf, image, size);
+        copy_scalar_words(buf, image, size);
         mNextNumber += size;
         break;
       }
       case od::json_type::string: {
         od::raw_json_string unused;  // the first walk kept its id
         known(v.get_raw_json_string(), &unused);
-        generate_string(buf, tables.strings.tag(mStrings[mNextString++]));
+        generate_words(
+            buf, unsigned_word(tables.strings.tag(mStrings[mNextString++]),
+                               ID_STRING_TAG8));
         break;
       }
       case od::json_type::boolean: {
         bool b = false;
         known(v.get_bool(), &b);
-        buf[0] = b ? ID_TRUE : ID_FALSE;
+        generate_words(buf, b ? ID_TRUE : ID_FALSE);
         break;
       }
       default:
-        buf[0] = ID_NULL;
+        generate_words(buf, ID_NULL);
         break;
     }
     return get_value_size(buf);
@@ -431,6 +448,7 @@ class JsonSource : public vkt_internal::ValueSource {
   std::vector<vkt_u32> mStrings;  // string ids in text order
   size_t mNextString = 0;
   vkt_binary mNumbers;  // number images in text order
+  vkt_internal::ValueBuffer mNumberImages{&mNumbers};  // appends to mNumbers
   size_t mNextNumber = 0;
   std::vector<ContainerHint> mHints;  // in text order
   size_t mNextHint = 0;

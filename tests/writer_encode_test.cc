@@ -2,7 +2,11 @@
 // order and merging of stream table entries, which the tags show.
 #include <gtest/gtest.h>
 
+#include <set>
+#include <string>
+
 #include "testutil.h"
+#include "vkt/writer_blocks.h"  // hash_bytes
 
 template <typename T>
 static VKTWriterValue val(T x) {
@@ -127,4 +131,57 @@ TEST(WriterEncode, TablesStoreEachStringAndPayloadOnce) {
         << i;
   }
   EXPECT_NE(streams[0].asStream(), streams[2].asStream());
+}
+
+// A nested array of up to eight scalars is written in one step: its image
+// must be the bytes the general path gives the same array at the root, for
+// every length around the bound, with repeats and with sharing off.
+TEST(WriterEncode, ShortArraysNestedMatchTheirImageAtTheRoot) {
+  VKTWriterValue text, longInt, single;
+  text = "s";
+  longInt = vkt_s64(1) << 40;
+  single = 2.5f;
+  const VKTWriterValue pool[] = {
+      VKTWriterValue(), val(true), val(false), val(0), val(-129), val(1.5),
+      val(0.0),         text,      longInt,    single, val(1.5),  text};
+  for (const bool optimize : {true, false}) {
+    for (size_t n = 0; n <= 10; ++n) {
+      for (size_t start = 0; start < 4; ++start) {
+        VKTWriterValue inner, outer;
+        inner.toArray();
+        for (size_t i = 0; i < n; ++i) {
+          inner.append(pool[(start + i * (start + 1)) % 12]);
+        }
+        outer.append(inner);
+        const vkt_binary whole = written_root(outer, optimize);
+        ASSERT_GE(whole.size(), 5u);
+        EXPECT_EQ(to_hex({whole.begin() + 5, whole.end()}),
+                  to_hex(written_root(inner, optimize)))
+            << "n " << n << " start " << start << " optimize " << optimize;
+      }
+    }
+  }
+}
+
+// The tables find entries by the writer's hash: it must read every byte of
+// a text of any length (its words overlap near the end), tell lengths apart,
+// and spread small changes into the low bits the tables index by.
+TEST(WriterEncode, HashSeesEveryByteAndSpreadsLowBits) {
+  const std::string text(48, 'a');
+  std::set<vkt_u64> lengths;
+  for (size_t n = 0; n <= text.size(); ++n) {
+    const vkt_u64 whole = vkt_internal::hash_bytes(text.data(), n);
+    EXPECT_TRUE(lengths.insert(whole).second) << "length " << n;
+    for (size_t i = 0; i < n; ++i) {
+      std::string changed = text.substr(0, n);
+      changed[i] ^= 1;
+      EXPECT_NE(vkt_internal::hash_bytes(changed.data(), n), whole)
+          << "length " << n << " byte " << i;
+    }
+  }
+  std::set<vkt_u64> low;
+  for (vkt_u64 i = 0; i < 4096; ++i) {
+    low.insert(vkt_internal::hash_bytes(&i, sizeof i) & 0xFFFF);
+  }
+  EXPECT_GT(low.size(), 3800u);  // about 3,970 for an even spread
 }

@@ -1,67 +1,237 @@
-// Per-thread free lists for the writer's small blocks of a few fixed sizes.
+// Per-thread free lists for the writer's small blocks of a few fixed sizes,
+// carved from slabs.
 //
 // A tree is made of many blocks of the same few sizes, and a program that
-// builds, writes and drops trees in a loop asks the heap for the same sizes
-// over and over; with its frees in between, the general allocator spends
-// more time sorting and merging them than the tree spends being built. A
-// block given back here goes on its thread's list for its size, and the
-// next block of that size comes off it. A list holds at most kPoolBytes;
-// past that, and when the thread ends, blocks go back to the heap.
+// builds, writes and drops trees in a loop asks for the same sizes over and
+// over. Asking the general allocator for each one costs more than building
+// the node, and its header and rounding add a quarter to the block. So the
+// blocks of one size come from slabs of kSlabBytes: a thread cuts its blocks
+// one after another from the slab it holds and takes a new slab when that
+// one is full. A block given back goes on its thread's list for its size,
+// and the next block of that size comes off it; a list holds at most
+// kPoolBytes, and past that (and when the thread ends) a block goes back to
+// its slab, which returns to the heap once every block cut from it is back.
 //
-// The blocks are plain heap blocks, so any thread may give back a block
-// another thread took: it simply joins the giver's list.
+// Any thread may give back a block another thread took (a tree moves
+// between threads): it joins the giver's list, or goes back to its slab,
+// whose count of blocks still out is atomic for that reason.
 #ifndef VKT_BLOCK_POOL_H_
 #define VKT_BLOCK_POOL_H_
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <new>
 
 namespace vkt_internal {
 
 const size_t kPoolBytes = 1 << 20;
+const size_t kSlabBytes = 64 << 10;  // also the slabs' alignment
+
+// Empty slabs kept by one thread for its next ones, so that a loop that
+// builds and drops trees does not hand its slabs to the heap and ask for
+// them again each time (an aligned block costs the heap more than a plain
+// one). A slab emptied on any thread may join that thread's spares.
+class SpareSlabs {
+ public:
+  static const size_t kMost = 16;
+
+  static SpareSlabs& forThread() {
+    thread_local SpareSlabs spares;
+    return spares;
+  }
+  void* take() {
+    if (mCount != 0) return mSlabs[--mCount];
+    return ::operator new(kSlabBytes, std::align_val_t(kSlabBytes));
+  }
+  void give(void* slab) {
+    if (mCount == kMost || mClosed) {
+      ::operator delete(slab, std::align_val_t(kSlabBytes));
+      return;
+    }
+    mSlabs[mCount++] = slab;
+  }
+  ~SpareSlabs() {
+    mClosed = true;
+    while (mCount != 0) {
+      ::operator delete(mSlabs[--mCount], std::align_val_t(kSlabBytes));
+    }
+  }
+
+ private:
+  void* mSlabs[kMost];
+  size_t mCount = 0;
+  bool mClosed = false;  // the thread is ending: slabs go to the heap
+};
+
+// The head of a slab, at its first byte, found from any block by masking.
+//
+//   slab:  SlabHead | block | block | ... (kSlabBytes, aligned to it)
+//
+// `out` counts blocks cut and not yet back, plus kHeld while the cutting
+// thread still holds the slab (the thread adds the blocks it cut only when
+// it lets go, so cutting needs no atomic step). The slab goes back to the
+// heap when the count reaches zero, on whichever side gets there.
+struct SlabHead {
+  static const std::int64_t kHeld = std::int64_t(1) << 40;
+  std::atomic<std::int64_t> out{kHeld};
+
+  static SlabHead* of(void* block) {
+    return reinterpret_cast<SlabHead*>(reinterpret_cast<std::uintptr_t>(block) &
+                                       ~std::uintptr_t(kSlabBytes - 1));
+  }
+  static SlabHead* make() {
+    return new (SpareSlabs::forThread().take()) SlabHead;
+  }
+  static void free(SlabHead* slab) {
+    slab->~SlabHead();
+    SpareSlabs::forThread().give(slab);
+  }
+  // One block back.
+  static void giveBack(void* block) {
+    SlabHead* slab = of(block);
+    if (slab->out.fetch_sub(1, std::memory_order_acq_rel) == 1) free(slab);
+  }
+  // The cutting thread lets go after cutting `cut` blocks.
+  void release(std::int64_t cut) {
+    if (out.fetch_add(cut - kHeld, std::memory_order_acq_rel) == kHeld - cut) {
+      free(this);
+    }
+  }
+};
 
 template <size_t kSize>
 class BlockPool {
  public:
   static_assert(kSize >= sizeof(void*), "a free block holds the next one");
+  static_assert(kSize % alignof(void*) == 0, "blocks stay aligned");
 
   static void* take() {
-    List& list = freeList();
-    if (list.head == nullptr) return ::operator new(kSize);
-    void* p = list.head;
-    list.head = *static_cast<void**>(p);
-    --list.count;
+    State& state = threadState();
+    if (state.head == nullptr) return state.cutBlock();
+    void* p = state.head;
+    state.head = *static_cast<void**>(p);
+    --state.count;
     return p;
   }
 
   static void give(void* p) {
-    List& list = freeList();
-    if (list.count == kPoolBytes / kSize) {
-      ::operator delete(p);
+    State& state = threadState();
+    if (state.count == kPoolBytes / kSize) {
+      SlabHead::giveBack(p);
       return;
     }
-    *static_cast<void**>(p) = list.head;
-    list.head = p;
-    ++list.count;
+    *static_cast<void**>(p) = state.head;
+    state.head = p;
+    ++state.count;
   }
 
  private:
-  struct List {
-    void* head = nullptr;
+  // Blocks start behind the head, at the largest fundamental alignment.
+  static const size_t kFirst =
+      (sizeof(SlabHead) + alignof(std::max_align_t) - 1) &
+      ~(alignof(std::max_align_t) - 1);
+
+  struct State {
+    // The thread's spare slabs are made first, so they outlast this.
+    State() { SpareSlabs::forThread(); }
+
+    void* head = nullptr;  // the free list
     size_t count = 0;
-    ~List() {
+    SlabHead* slab = nullptr;  // the slab being cut
+    char* next = nullptr;      // its next block
+    char* end = nullptr;
+    std::int64_t cut = 0;  // blocks cut from it
+
+    void* cutBlock() {
+      if (size_t(end - next) < kSize) newSlab();
+      void* p = next;
+      next += kSize;
+      ++cut;
+      return p;
+    }
+    void newSlab() {
+      SlabHead* fresh = SlabHead::make();  // may throw: nothing changed yet
+      if (slab != nullptr) slab->release(cut);
+      slab = fresh;
+      next = reinterpret_cast<char*>(fresh) + kFirst;
+      end = reinterpret_cast<char*>(fresh) + kSlabBytes;
+      cut = 0;
+    }
+    // Everything back; a block asked for after this takes a slab of its own.
+    ~State() {
       while (head != nullptr) {
-        void* next = *static_cast<void**>(head);
-        ::operator delete(head);
-        head = next;
+        void* following = *static_cast<void**>(head);
+        SlabHead::giveBack(head);
+        head = following;
       }
+      count = 0;
+      if (slab != nullptr) slab->release(cut);
+      slab = nullptr;
+      next = end = nullptr;
     }
   };
-  static List& freeList() {
-    thread_local List list;
-    return list;
+  static State& threadState() {
+    thread_local State state;
+    return state;
   }
 };
+
+// Blocks of any size up to kLargestPooled (member pages, member lists) from
+// the pool of the smallest class that holds them, larger ones from the heap.
+// The caller gives a block back with the size it asked for.
+const size_t kLargestPooled = 1024;
+
+// The size of the class that serves `bytes`: steps of a half and a quarter
+// between powers of two, so a block wastes at most a third of itself.
+inline size_t pooled_size(size_t bytes) {
+  if (bytes <= 32) return 32;
+  if (bytes > kLargestPooled) return bytes;
+  size_t power = 32;
+  while (power * 2 < bytes) power *= 2;  // power < bytes <= 2 power
+  return bytes <= power + power / 2 ? power + power / 2 : power * 2;
+}
+
+template <typename F>
+inline auto with_pool(size_t bytes, F f) {
+  switch (pooled_size(bytes)) {
+    case 32:
+      return f(BlockPool<32>());
+    case 48:
+      return f(BlockPool<48>());
+    case 64:
+      return f(BlockPool<64>());
+    case 96:
+      return f(BlockPool<96>());
+    case 128:
+      return f(BlockPool<128>());
+    case 192:
+      return f(BlockPool<192>());
+    case 256:
+      return f(BlockPool<256>());
+    case 384:
+      return f(BlockPool<384>());
+    case 512:
+      return f(BlockPool<512>());
+    case 768:
+      return f(BlockPool<768>());
+    default:
+      return f(BlockPool<1024>());
+  }
+}
+
+inline void* take_sized(size_t bytes) {
+  if (bytes > kLargestPooled) return ::operator new(bytes);
+  return with_pool(bytes, [](auto pool) { return decltype(pool)::take(); });
+}
+
+inline void give_sized(void* p, size_t bytes) {
+  if (bytes > kLargestPooled) {
+    ::operator delete(p);
+    return;
+  }
+  with_pool(bytes, [p](auto pool) { decltype(pool)::give(p); });
+}
 
 // Class-wide operator new and delete that take T's blocks from its pool.
 template <typename T>

@@ -615,6 +615,72 @@ static inline void generate_bstream(vkt_u8* p, vkt_u32 value) {
 // Scratch room for one scalar; the largest takes 9 bytes.
 const vkt_u32 SCALAR_BUFFER_SIZE = 16;
 
+// Word forms of the generators, for a walk that then reads the buffer by
+// words (to compare or copy it): the image is made in a register and stored
+// as the buffer's two whole words, zero behind it, so each read finds one
+// store of its own size; an id byte stored beside its payload would stall
+// every such read.
+static inline void write_64bit_word(vkt_u8* p, vkt_u64 v) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  std::memcpy(p, &v, 8);  // one store, already in the image's order
+#else
+  write_64bit_bytes(p, v, 8);
+#endif
+}
+// The `n` bytes (at most 16) of a scalar's image at `image`, which may be
+// followed by other bytes, copied as words into the SCALAR_BUFFER_SIZE
+// bytes at p, zero behind them. `image` must be readable for 16 bytes.
+static inline void copy_scalar_words(vkt_u8* p, const vkt_u8* image,
+                                     vkt_u32 n) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  vkt_u64 low, high;
+  std::memcpy(&low, image, 8);
+  std::memcpy(&high, image + 8, 8);
+  if (n < 8) low &= (vkt_u64(1) << (8 * n)) - 1;
+  high = n <= 8    ? 0
+         : n >= 16 ? high
+                   : high & ((vkt_u64(1) << (8 * (n - 8))) - 1);
+  std::memcpy(p, &low, 8);
+  std::memcpy(p + 8, &high, 8);
+#else
+  std::memset(p, 0, 16);
+  std::memcpy(p, image, n);
+#endif
+}
+// An image of at most 8 bytes, given as a little-endian word, into the
+// SCALAR_BUFFER_SIZE bytes at p.
+static inline void generate_words(vkt_u8* p, vkt_u64 low) {
+  write_64bit_word(p, low);
+  write_64bit_word(p + 8, 0);
+}
+static inline vkt_u64 integer_word(vkt_s32 value) {
+  if (value == 0) return ID_INTEGER0;
+  const int bytes = fits_signed(value, 1)   ? 1
+                    : fits_signed(value, 2) ? 2
+                    : fits_signed(value, 3) ? 3
+                                            : 4;
+  const vkt_u64 payload = vkt_u32(value) & (~vkt_u64(0) >> (64 - 8 * bytes));
+  return vkt_u64(ID_INTEGER8 + bytes - 1) | payload << 8;
+}
+// `id` as for generate_unsigned.
+static inline vkt_u64 unsigned_word(vkt_u32 value, vkt_u8 id) {
+  const vkt_u32 bytes = value < (1u << 8)    ? 1
+                        : value < (1u << 16) ? 2
+                        : value < (1u << 24) ? 3
+                                             : 4;
+  return vkt_u64(id + bytes - 1) | vkt_u64(value) << 8;
+}
+static inline void generate_double_words(vkt_u8* p, double value) {
+  if (value == 0.0) {
+    generate_words(p, ID_ZERO_FLOAT);
+    return;
+  }
+  vkt_u64 bits;
+  std::memcpy(&bits, &value, sizeof(bits));
+  write_64bit_word(p, ID_DOUBLE_FLOAT | bits << 8);
+  write_64bit_word(p + 8, bits >> 56);
+}
+
 static inline void concat_binary(vkt_binary& b1, const vkt_binary& b2) {
   b1.insert(b1.end(), b2.begin(), b2.end());
 }

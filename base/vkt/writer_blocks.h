@@ -25,24 +25,51 @@
 
 namespace vkt_internal {
 
-// A 64-bit hash of n bytes, eight at a time. Only equality of hashes is
-// used (never their order), so the mixing just has to spread well.
+// The high and low halves of a 64 x 64-bit product, folded: one multiply
+// that mixes every bit of both words into every bit of the result.
+inline vkt_u64 fold_multiply(vkt_u64 a, vkt_u64 b) {
+  __extension__ typedef unsigned __int128 u128;
+  const u128 product = u128(a) * b;
+  return vkt_u64(product) ^ vkt_u64(product >> 64);
+}
+
+// A 64-bit hash of n bytes. Only equality of hashes is used (never their
+// order), so the mixing just has to spread well, low bits included (the
+// tables index by them). Sixteen bytes go into one multiply; the multiplies
+// of a longer text are independent of each other, so a short image (a
+// coordinate pair, a key) costs one or two of them in flight at once.
 inline vkt_u64 hash_bytes(const void* data, size_t n) {
-  const vkt_u64 kMul = 0x9E3779B97F4A7C15ull;
+  const vkt_u64 k0 = 0x9E3779B97F4A7C15ull, k1 = 0xD6E8FEB86659FD93ull;
+  const vkt_u64 k2 = 0xC2B2AE3D27D4EB4Full, k3 = 0x165667B19E3779F9ull;
   const unsigned char* p = static_cast<const unsigned char*>(data);
-  vkt_u64 h = n * kMul;
-  for (; n >= 8; p += 8, n -= 8) {
+  auto word = [](const unsigned char* q) {
     vkt_u64 w;
-    std::memcpy(&w, p, 8);
-    h = (h ^ w) * kMul;
-    h ^= h >> 29;
+    std::memcpy(&w, q, 8);
+    return w;
+  };
+  vkt_u64 a = 0, b = 0;
+  if (n >= 8) {
+    // The first sixteen bytes and, from the 17th on, every sixteen bytes to
+    // the last ones (read overlapping the ones before).
+    a = word(p);
+    b = word(p + (n >= 16 ? 8 : n - 8));
+    vkt_u64 h = 0;
+    for (size_t at = 16; at < n; at += 16) {
+      const size_t from = at + 16 <= n ? at : n - 16;
+      h ^= fold_multiply(word(p + from) ^ k2, word(p + from + 8) ^ k3 ^ at);
+    }
+    return fold_multiply(fold_multiply(a ^ k0, b ^ k1 ^ n) ^ h, k2 ^ n);
   }
-  vkt_u64 w = 0;
-  if (n != 0) std::memcpy(&w, p, n);  // an empty payload may have no pointer
-  h = (h ^ w) * kMul;
-  h ^= h >> 32;  // the tables index by the low bits: fold the high ones in
-  h *= 0xD6E8FEB86659FD93ull;
-  return h ^ (h >> 32);
+  if (n >= 4) {
+    vkt_u32 lo, hi;
+    std::memcpy(&lo, p, 4);
+    std::memcpy(&hi, p + n - 4, 4);
+    a = lo;
+    b = hi;
+  } else if (n != 0) {  // an empty payload may have no pointer
+    a = vkt_u64(p[0]) << 16 | vkt_u64(p[n / 2]) << 8 | p[n - 1];
+  }
+  return fold_multiply(fold_multiply(a ^ k0, b ^ k1 ^ n), k2 ^ n);
 }
 
 // An open-addressing index over entries kept in a vector elsewhere: a slot
@@ -95,21 +122,24 @@ class OpenIndex {
   std::vector<vkt_u32> mSlots;
 };
 
+// The types whose nodes point at a block.
+const vkt_u32 kBlockTypes = 1u << TYPE_STRING | 1u << TYPE_STREAM |
+                            1u << TYPE_ARRAY | 1u << TYPE_OBJECT;
+
 }  // namespace vkt_internal
 
 struct VKTWriterValue::StringInfo {
-  // The pooled block sizes: texts of up to 11 and 43 bytes. A heap block
-  // costs its size plus an 8-byte header, in steps of 16, so these fill
-  // blocks of 32 and 64 bytes exactly.
+  // Pools of their own for texts of up to 11 and 43 bytes, the commonest;
+  // longer ones take the pool of their size class, or the heap.
   static const size_t kSmall = 24;
   static const size_t kShort = 56;
 
-  // A new block holding `text`, from a pool when it is short.
+  // A new block holding `text`.
   static StringInfo* make(std::string_view text) {
     const size_t bytes = blockBytes(text.size());
     void* p = bytes <= kSmall   ? vkt_internal::BlockPool<kSmall>::take()
               : bytes <= kShort ? vkt_internal::BlockPool<kShort>::take()
-                                : ::operator new(bytes);
+                                : vkt_internal::take_sized(bytes);
     return new (p) StringInfo(text);
   }
   // Gives the block back where make took it.
@@ -121,7 +151,7 @@ struct VKTWriterValue::StringInfo {
     } else if (bytes <= kShort) {
       vkt_internal::BlockPool<kShort>::give(s);
     } else {
-      ::operator delete(s);
+      vkt_internal::give_sized(s, bytes);
     }
   }
   std::string_view text() const {
@@ -165,13 +195,22 @@ struct VKTWriterValue::StreamInfo {
 // by doubling. Elements past the size are null nodes.
 struct VKTWriterValue::ArrayInfo
     : vkt_internal::Pooled<VKTWriterValue::ArrayInfo> {
-  ArrayInfo() = default;
+  ArrayInfo() {
+    for (VKTWriterValue& v : mInline) new (&v) VKTWriterValue;
+  }
   ArrayInfo(const ArrayInfo&) = delete;
   ArrayInfo& operator=(const ArrayInfo&) = delete;
+  // Only elements that hold a block have anything to let go of.
   ~ArrayInfo() {
-    if (mData == mInline) return;
-    for (vkt_u32 i = 0; i < mCapacity; ++i) mData[i].~VKTWriterValue();
-    ::operator delete(mData);
+    const vkt_u32 slots = mData == mInline ? 2 : mCapacity;
+    for (vkt_u32 i = 0; i < slots; ++i) {
+      if (vkt_internal::kBlockTypes >> mData[i].mType & 1) {
+        mData[i].~VKTWriterValue();
+      }
+    }
+    if (mData != mInline) {
+      vkt_internal::give_sized(mData, mCapacity * sizeof(VKTWriterValue));
+    }
   }
 
   static void destroy(ArrayInfo* a) { delete a; }
@@ -182,34 +221,43 @@ struct VKTWriterValue::ArrayInfo
   // Grows the array with null elements to `count` elements, if shorter.
   void growTo(size_t count) {
     if (count <= mSize) return;
-    if (count > mCapacity) {
-      size_t capacity = 2 * size_t(mCapacity);
-      if (capacity < count) capacity = count;
-      // A node is a kind and a pointer or scalar: moving its bytes moves
-      // its reference, and the old slots are then left without destruction
-      // (the inline ones are made null for their own destructors).
-      VKTWriterValue* data = static_cast<VKTWriterValue*>(
-          ::operator new(capacity * sizeof(VKTWriterValue)));
-      std::memcpy(static_cast<void*>(data), static_cast<void*>(mData),
-                  mSize * sizeof(VKTWriterValue));
-      for (size_t i = mSize; i < capacity; ++i) new (&data[i]) VKTWriterValue;
-      if (mData != mInline) {
-        ::operator delete(mData);
-      } else {
-        for (VKTWriterValue& v : mInline) new (&v) VKTWriterValue;
-      }
-      mData = data;
-      mCapacity = vkt_u32(capacity);
-    }
+    if (count > mCapacity) reallocate(count);
     mSize = vkt_u32(count);
   }
 
+ private:
+  // Room for at least `count` elements, the first mSize of them moved.
+  void reallocate(size_t count) {
+    size_t capacity = 2 * size_t(mCapacity);
+    if (capacity < count) capacity = count;
+    capacity = vkt_internal::pooled_size(capacity * sizeof(VKTWriterValue)) /
+               sizeof(VKTWriterValue);
+    // A node is a kind and a pointer or scalar: moving its bytes moves
+    // its reference, and the old slots are then left without destruction
+    // (the inline ones are made null for their own destructors).
+    VKTWriterValue* data = static_cast<VKTWriterValue*>(
+        vkt_internal::take_sized(capacity * sizeof(VKTWriterValue)));
+    std::memcpy(static_cast<void*>(data), static_cast<void*>(mData),
+                mSize * sizeof(VKTWriterValue));
+    for (size_t i = mSize; i < capacity; ++i) new (&data[i]) VKTWriterValue;
+    if (mData != mInline) {
+      vkt_internal::give_sized(mData, mCapacity * sizeof(VKTWriterValue));
+    } else {
+      for (VKTWriterValue& v : mInline) new (&v) VKTWriterValue;
+    }
+    mData = data;
+    mCapacity = vkt_u32(capacity);
+  }
+
+ public:
   vkt_s32 mRefCount = 1;
   vkt_u32 mSize = 0;
   vkt_u32 mCapacity = 2;
   mutable vkt_u32 mSizeHint = 0;  // writer scratch: the image's likely size
   VKTWriterValue* mData = mInline;
-  VKTWriterValue mInline[2];
+  union {  // destroyed by ~ArrayInfo, and only when they hold a block
+    VKTWriterValue mInline[2];
+  };
 };
 
 // One member of an object: its node and its key, in one stretch of the
@@ -263,17 +311,57 @@ struct VKTWriterValue::ObjectInfo
   // not change, only the order in which it is walked).
   void sort() const;
 
+  // The member pointers: a vector of exactly the room reserve() asks, in a
+  // pooled block.
+  class MemberList {
+   public:
+    MemberList() = default;
+    MemberList(const MemberList&) = delete;
+    MemberList& operator=(const MemberList&) = delete;
+    ~MemberList() {
+      if (mData != nullptr) vkt_internal::give_sized(mData, bytes(mCapacity));
+    }
+    size_t size() const { return mSize; }
+    bool empty() const { return mSize == 0; }
+    size_t capacity() const { return mCapacity; }
+    Member** begin() const { return mData; }
+    Member** end() const { return mData + mSize; }
+    Member*& operator[](size_t i) const { return mData[i]; }
+    Member* back() const { return mData[mSize - 1]; }
+    // Room for `count` pointers; throws with the list unchanged.
+    void reserve(size_t count) {
+      if (count <= mCapacity) return;
+      count = vkt_internal::pooled_size(bytes(count)) / sizeof(Member*);
+      Member** data =
+          static_cast<Member**>(vkt_internal::take_sized(bytes(count)));
+      if (mSize != 0) std::memcpy(data, mData, mSize * sizeof(Member*));
+      if (mData != nullptr) vkt_internal::give_sized(mData, bytes(mCapacity));
+      mData = data;
+      mCapacity = vkt_u32(count);
+    }
+    // REQUIRES: room reserved.
+    void push_back(Member* m) { mData[mSize++] = m; }
+
+   private:
+    static size_t bytes(size_t count) { return count * sizeof(Member*); }
+    Member** mData = nullptr;
+    vkt_u32 mSize = 0;
+    vkt_u32 mCapacity = 0;
+  };
+
   vkt_s32 mRefCount = 1;
   mutable vkt_u32 mSizeHint = 0;  // writer scratch: the image's likely size
-  mutable std::vector<Member*> mMembers;
+  MemberList mMembers;
   // The members by key hash, absent while the object is small; rebuilt
   // when a sort moves the members.
   mutable std::unique_ptr<vkt_internal::OpenIndex> mIndex;
 
  private:
-  // A page: the next page's address, then members.
+  // A page: the next page's address and the page's whole size, then
+  // members.
   struct Page {
     Page* next;
+    size_t bytes;
   };
   // Room for a member of `bytes` bytes in the last page, or a new page.
   void* allocate(size_t bytes, std::string_view firstKey);

@@ -125,6 +125,65 @@ class ContainerWriter {
   vkt_u32 mReserved = 0;
 };
 
+// An array of at most kShortArray scalars (a coordinate pair, a short
+// list of numbers) is written in one step instead of through a
+// ContainerWriter, with the same bytes: its count and its offsets fit one
+// byte each, and its equal scalars are found by comparing a few buffers.
+const size_t kShortArray = 8;
+
+// The scalars of one short array, each image zero past its size.
+struct ShortArray {
+  vkt_u8 images[kShortArray][SCALAR_BUFFER_SIZE];
+  vkt_u32 sizes[kShortArray];
+  size_t count = 0;
+
+  // The zeroed buffer of the next scalar; add() counts it once encoded.
+  vkt_u8* next() {
+    std::memset(images[count], 0, SCALAR_BUFFER_SIZE);
+    return images[count];
+  }
+  void add(vkt_u32 size) { sizes[count++] = size; }
+};
+
+//   ID_ARRAY | ID_UNSIGNED8 count ID_UNSIGNED8 offsets | scalars stored once
+inline void write_short_array(WriterTables& tables, const ShortArray& a) {
+  static_assert(kShortArray * 9 < 256, "offsets fit one byte");
+  if (tables.tooLarge) return;
+  vkt_u8 offsets[kShortArray] = {};
+  bool stored[kShortArray];
+  vkt_u32 entity = 0;
+  for (size_t i = 0; i < a.count; ++i) {
+    stored[i] = true;
+    offsets[i] = vkt_u8(entity);
+    for (size_t j = 0; tables.optimize && j < i; ++j) {
+      if (stored[j] &&
+          std::memcmp(a.images[i], a.images[j], SCALAR_BUFFER_SIZE) == 0) {
+        stored[i] = false;
+        offsets[i] = offsets[j];
+        break;
+      }
+    }
+    if (stored[i]) entity += a.sizes[i];
+  }
+  ValueBuffer& out = *tables.value;
+  const size_t head = 4 + a.count;
+  vkt_u8* p = out.room(4 + kShortArray + entity + SCALAR_BUFFER_SIZE);
+  p[0] = ID_ARRAY;
+  p[1] = ID_UNSIGNED8;
+  p[2] = vkt_u8(a.count);
+  p[3] = ID_UNSIGNED8;
+  // All eight offsets, the unused ones landing where the scalars go next.
+  std::memcpy(p + 4, offsets, kShortArray);
+  p += head;
+  for (size_t i = 0; i < a.count; ++i) {
+    if (!stored[i]) continue;
+    std::memcpy(p, a.images[i], SCALAR_BUFFER_SIZE);  // room holds the tail
+    p += a.sizes[i];
+  }
+  out.advance(head + entity);
+  if (out.size() > kMaxImageSize) tables.tooLarge = true;
+}
+
 }  // namespace vkt_internal
 
 #endif  // VKT_WRITER_CONTAINER_H_

@@ -67,6 +67,25 @@ bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
   };
   Open open[VKT_MAX_DEPTH];
   size_t depth = 0;  // containers open
+  // An array of a few scalars that intern nothing, prepared in one step
+  // without opening it; false for any other node (then nothing is done).
+  auto prepareShort = [&tables, &depth](const VKTWriterValue& e) {
+    if (e.mType != TYPE_ARRAY || depth == VKT_MAX_DEPTH ||
+        e.mArrayInfo->size() > vkt_internal::kShortArray) {
+      return false;
+    }
+    const ArrayInfo& array = *e.mArrayInfo;
+    size_t hint = kSizeHint[TYPE_ARRAY] + head_hint(array.size(), false);
+    for (const VKTWriterValue& x : array) {
+      if (kVisited >> x.mType & 1) return false;
+      hint += kSizeHint[x.mType];
+    }
+    tables.sizeHint += hint;
+    tables.values += 1 + array.size();
+    if (depth + 1 > tables.deepest) tables.deepest = depth + 1;
+    array.mSizeHint = clamp_u32(hint);
+    return true;
+  };
   const VKTWriterValue* node = this;
   for (;;) {
     // `node` is a value not yet visited.
@@ -85,6 +104,7 @@ bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
         while (top.next < array.size()) {
           const VKTWriterValue& e = array.begin()[top.next++];
           if (kVisited >> e.mType & 1) {
+            if (prepareShort(e)) continue;
             node = &e;  // interned or opened above
             break;
           }
@@ -98,6 +118,7 @@ bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
         if (top.next < object.mMembers.size()) {
           const Member* member = object.mMembers[top.next++];
           member->mKeyTag = tables.keyAt(top.next - 1, member->key());
+          if (prepareShort(member->mValue)) continue;
           node = &member->mValue;
           break;
         }
@@ -109,14 +130,17 @@ bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
   }
 }
 
+// The common kinds as whole words (see generate_words); every kind fills
+// all SCALAR_BUFFER_SIZE bytes of out, zero behind the image, or only the
+// image's bytes of a buffer its caller zeroed.
 vkt_u32 VKTWriterValue::encodeScalar(const VKTWriterObject::Tables& tables,
                                      vkt_u8* out) const {
   switch (mType) {
     case TYPE_BOOL:
-      out[0] = mBoolValue ? ID_TRUE : ID_FALSE;
+      generate_words(out, mBoolValue ? ID_TRUE : ID_FALSE);
       break;
     case TYPE_INTEGER:
-      generate_integer(out, mIntegerValue);
+      generate_words(out, integer_word(mIntegerValue));
       break;
     case TYPE_LONG_INTEGER:
       generate_long_integer(out, mLongIntegerValue);
@@ -125,10 +149,11 @@ vkt_u32 VKTWriterValue::encodeScalar(const VKTWriterObject::Tables& tables,
       generate_single(out, mFloatValue);
       break;
     case TYPE_DOUBLE:
-      generate_double(out, mDoubleValue);
+      generate_double_words(out, mDoubleValue);
       break;
     case TYPE_STRING:
-      generate_string(out, tables.strings.tag(mStringInfo->mTag));
+      generate_words(out, unsigned_word(tables.strings.tag(mStringInfo->mTag),
+                                        ID_STRING_TAG8));
       break;
     case TYPE_STREAM:
       if (mStreamInfo->mStreamFlags & VKT_STREAM_FLAG_BOUND) {
@@ -138,7 +163,7 @@ vkt_u32 VKTWriterValue::encodeScalar(const VKTWriterObject::Tables& tables,
       }
       break;
     default:  // TYPE_NULL
-      out[0] = ID_NULL;
+      generate_words(out, ID_NULL);
       break;
   }
   return get_value_size(out);
@@ -149,7 +174,7 @@ void VKTWriterValue::createImage(VKTWriterObject::Tables& tables) const {
     createContainerImage(tables);
     return;
   }
-  vkt_u8 buf[SCALAR_BUFFER_SIZE];
+  vkt_u8 buf[SCALAR_BUFFER_SIZE] = {};
   tables.value->append(buf, encodeScalar(tables, buf));
 }
 
@@ -171,10 +196,24 @@ void VKTWriterValue::createContainerImage(
       isArray ? mArrayInfo->size() : mObjectInfo->mMembers.size();
   writer.open(isArray, count,
               isArray ? mArrayInfo->mSizeHint : mObjectInfo->mSizeHint);
+  // A short array of scalars in one step; false for any other node.
+  auto writeShort = [&tables](const VKTWriterValue& node) {
+    if (node.mType != TYPE_ARRAY ||
+        node.mArrayInfo->size() > vkt_internal::kShortArray) {
+      return false;
+    }
+    vkt_internal::ShortArray a;
+    for (const VKTWriterValue& e : *node.mArrayInfo) {
+      if (e.mType == TYPE_ARRAY || e.mType == TYPE_OBJECT) return false;
+      a.add(e.encodeScalar(tables, a.next()));
+    }
+    vkt_internal::write_short_array(tables, a);
+    return true;
+  };
   auto add = [&](const VKTWriterValue& element) {
     if (element.mType == TYPE_ARRAY || element.mType == TYPE_OBJECT) {
       const vkt_u32 begin = vkt_u32(tables.value->size());
-      element.createContainerImage(tables);
+      if (!writeShort(element)) element.createContainerImage(tables);
       writer.addContainer(begin);
     } else {
       vkt_u8 buf[SCALAR_BUFFER_SIZE] = {};

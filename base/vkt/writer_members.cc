@@ -43,7 +43,7 @@ VKTWriterValue::ObjectInfo::~ObjectInfo() {
   for (Member* m : mMembers) m->~Member();
   while (mPages != nullptr) {
     Page* next = mPages->next;
-    ::operator delete(mPages);
+    vkt_internal::give_sized(mPages, mPages->bytes);
     mPages = next;
   }
 }
@@ -57,7 +57,11 @@ void* VKTWriterValue::ObjectInfo::allocate(size_t bytes,
             : std::min<size_t>(2 * mPageBytes, kMaxPage);
     if (size < kFirstPage) size = kFirstPage;
     if (size < bytes) size = bytes;
-    Page* page = static_cast<Page*>(::operator new(sizeof(Page) + size));
+    // The page takes the whole of the pooled block it gets.
+    const size_t whole = vkt_internal::pooled_size(sizeof(Page) + size);
+    size = whole - sizeof(Page);
+    Page* page = static_cast<Page*>(vkt_internal::take_sized(whole));
+    page->bytes = whole;
     page->next = mPages;
     mPages = page;
     mPageBytes = vkt_u32(size);

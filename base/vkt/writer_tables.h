@@ -150,6 +150,8 @@ class ValueBuffer {
     if (mUsed + more > mBytes->size()) grow(mUsed + more);
     return mBytes->data() + mUsed;
   }
+  // Counts `n` bytes written at room() as in use.
+  void advance(size_t n) { mUsed += n; }
   void append(const vkt_u8* p, size_t n) {
     std::memcpy(room(n), p, n);
     mUsed += n;
@@ -207,8 +209,10 @@ class SiblingSet {
   }
 
   // A new element's image: answers the offset of an equal image stored
-  // before, or the image's own offset when it is new.
-  vkt_u32 place(const Image& image, const vkt_u8* buffer) {
+  // before, or the image's own offset when it is new. Taken by value, so a
+  // caller's fields reach it in registers rather than through a copy in
+  // memory read back whole.
+  vkt_u32 place(Image image, const vkt_u8* buffer) {
     if (!mIndex.empty() || mImages.size() == kScanUpTo) {
       return placeHashed(image, buffer);
     }
@@ -222,7 +226,7 @@ class SiblingSet {
  private:
   static const size_t kScanUpTo = 8;
 
-  vkt_u32 placeHashed(const Image& image, const vkt_u8* buffer) {
+  vkt_u32 placeHashed(Image hashed, const vkt_u8* buffer) {
     if (mIndex.empty()) {  // from scanning to the index
       mIndex.reserve(mCount);
       for (vkt_u32 i = 0; i < mImages.size(); ++i) {
@@ -232,8 +236,7 @@ class SiblingSet {
             [this](vkt_u32 j) { return mImages[j].hash; });
       }
     }
-    Image hashed = image;
-    hashed.hash = Traits::hash(image, buffer);
+    hashed.hash = Traits::hash(hashed, buffer);
     const vkt_u32 next = vkt_u32(mImages.size());
     const vkt_u32 found = mIndex.findOrAdd(
         hashed.hash, next,

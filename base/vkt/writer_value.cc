@@ -8,6 +8,7 @@
 #include "vkt/writer_blocks.h"
 
 using vkt_internal::hash_bytes;
+using vkt_internal::kBlockTypes;
 
 namespace {
 
@@ -18,6 +19,25 @@ void release(Block* block) {
 }
 
 }  // namespace
+
+// The setters test kBlockTypes themselves and call this only for a block.
+void VKTWriterValue::clear() {
+  static_assert(kNullType == TYPE_NULL, "the header's null is the encoding's");
+  if (kBlockTypes >> mType & 1) {
+    switch (mType) {
+      case TYPE_STRING:
+        release(mStringInfo);
+        break;
+      case TYPE_STREAM:
+        release(mStreamInfo);
+        break;
+      default:
+        releaseContainer();
+        break;
+    }
+  }
+  mType = TYPE_NULL;
+}
 
 VKTWriterValue::VKTWriterValue(VKTWriterValue&& r) noexcept : mType(TYPE_NULL) {
   share(r);
@@ -73,25 +93,6 @@ VKTWriterValue& VKTWriterValue::operator=(const VKTWriterValue& r) {
   return *this;
 }
 
-void VKTWriterValue::clear() {
-  static_assert(kNullType == TYPE_NULL, "the header's null is the encoding's");
-  switch (mType) {
-    case TYPE_STRING:
-      release(mStringInfo);
-      break;
-    case TYPE_STREAM:
-      release(mStreamInfo);
-      break;
-    case TYPE_ARRAY:
-    case TYPE_OBJECT:
-      releaseContainer();
-      break;
-    default:
-      break;
-  }
-  mType = TYPE_NULL;
-}
-
 void VKTWriterValue::releaseContainer() {
   // A walk in element order over the blocks whose last reference is gone,
   // as a recursive delete would take them, with its stack on the heap past
@@ -116,6 +117,15 @@ void VKTWriterValue::releaseContainer() {
     if (--(isArray ? static_cast<ArrayInfo*>(block)->mRefCount
                    : static_cast<ObjectInfo*>(block)->mRefCount) > 0) {
       return;
+    }
+    if (isArray) {  // an array of plain scalars goes at once
+      ArrayInfo* array = static_cast<ArrayInfo*>(block);
+      vkt_u32 types = 0;
+      for (const VKTWriterValue& e : *array) types |= 1u << e.mType;
+      if (!(types & kBlockTypes)) {
+        delete array;
+        return;
+      }
     }
     if (fewCount < kFew) {
       few[fewCount++] = Dying{isArray, block, 0};
@@ -153,31 +163,31 @@ void VKTWriterValue::releaseContainer() {
 }
 
 void VKTWriterValue::setInt(vkt_s32 value) {
-  clear();
+  if (kBlockTypes >> mType & 1) clear();
   mType = TYPE_INTEGER;
   mIntegerValue = value;
 }
 
 void VKTWriterValue::setLongInt(vkt_s64 value) {
-  clear();
+  if (kBlockTypes >> mType & 1) clear();
   mType = TYPE_LONG_INTEGER;
   mLongIntegerValue = value;
 }
 
 void VKTWriterValue::setFloat(float value) {
-  clear();
+  if (kBlockTypes >> mType & 1) clear();
   mType = TYPE_SINGLE;
   mFloatValue = value;
 }
 
 void VKTWriterValue::setDouble(double value) {
-  clear();
+  if (kBlockTypes >> mType & 1) clear();
   mType = TYPE_DOUBLE;
   mDoubleValue = value;
 }
 
 void VKTWriterValue::setBool(bool value) {
-  clear();
+  if (kBlockTypes >> mType & 1) clear();
   mType = TYPE_BOOL;
   mBoolValue = value;
 }
@@ -220,18 +230,21 @@ void VKTWriterValue::setStream(VKTReadStream* reader, vkt_u32 alignment,
   mStreamInfo = info;
 }
 
+// The block is made first, so a failed allocation leaves the node as it was.
 void VKTWriterValue::toArray() {
   if (mType == TYPE_ARRAY) return;
-  clear();
+  ArrayInfo* array = new ArrayInfo;
+  if (kBlockTypes >> mType & 1) clear();
   mType = TYPE_ARRAY;
-  mArrayInfo = new ArrayInfo;
+  mArrayInfo = array;
 }
 
 void VKTWriterValue::toObject() {
   if (mType == TYPE_OBJECT) return;
-  clear();
+  ObjectInfo* object = new ObjectInfo;
+  if (kBlockTypes >> mType & 1) clear();
   mType = TYPE_OBJECT;
-  mObjectInfo = new ObjectInfo;
+  mObjectInfo = object;
 }
 
 void VKTWriterValue::append(const VKTWriterValue& ref) {
@@ -243,7 +256,7 @@ void VKTWriterValue::append(const VKTWriterValue& ref) {
 }
 
 VKTWriterValue& VKTWriterValue::operator[](vkt_u32 index) {
-  toArray();
+  if (mType != TYPE_ARRAY) toArray();
   mArrayInfo->growTo(size_t(index) + 1);
   return mArrayInfo->mData[index];
 }
