@@ -12,11 +12,12 @@
 #include <cstring>  // memcpy, strlen
 
 #include "vkt/format.h"
+#include "vkt/hash_bytes.h"
 #include "vkt/key_state.h"
 
 namespace {
 
-// Little-endian loads of 8 and 4 bytes, whatever the alignment.
+// Loads of 8 and 4 bytes, whatever the alignment, for comparing names.
 vkt_u64 load64(const char* p) {
   vkt_u64 v;
   std::memcpy(&v, p, sizeof(v));
@@ -49,29 +50,6 @@ inline bool same_bytes(const char* a, const char* b, size_t length) {
   return true;
 }
 
-// A hash of the `length` bytes at `p`, eight at a time with a multiply
-// each, so that a name costs a few steps rather than one per byte. The
-// last 1 to 7 bytes are read without passing the end: two overlapping
-// 4-byte loads, or up to three single bytes.
-inline vkt_u64 name_hash(const char* p, size_t length) {
-  const vkt_u64 kMul = 0x9E3779B97F4A7C15ull;
-  vkt_u64 h = length * kMul;
-  size_t i = 0;
-  for (; i + 8 <= length; i += 8) h = (h ^ load64(p + i)) * kMul;
-  const size_t rest = length - i;
-  if (rest >= 4) {
-    h = (h ^ (load32(p + i) << 32 | load32(p + length - 4))) * kMul;
-  } else if (rest > 0) {
-    const vkt_u64 w = vkt_u64(vkt_u8(p[i])) << 16 |
-                      vkt_u64(vkt_u8(p[i + rest / 2])) << 8 |
-                      vkt_u8(p[length - 1]);
-    h = (h ^ w) * kMul;
-  }
-  h ^= h >> 32;
-  h *= 0xD6E8FEB86659FD93ull;
-  return h ^ (h >> 32);
-}
-
 std::string_view name_of(const vkt_internal::NameBlock& block, vkt_u32 tag) {
   const vkt_u32 begin = block.starts[tag];
   return std::string_view(block.names.data() + begin,
@@ -91,7 +69,7 @@ void index_names(vkt_internal::NameBlock* block) {
   for (vkt_u32 tag = 0; tag < count; ++tag) {
     const std::string_view name = name_of(*block, tag);
     if (name.find('\0') != std::string_view::npos) return;
-    const vkt_u64 h = name_hash(name.data(), name.size());
+    const vkt_u64 h = vkt_internal::hash_bytes(name.data(), name.size());
     size_t i = h & mask;
     for (; index[i] != 0; i = (i + 1) & mask) {
       if (name_of(*block, vkt_u32(index[i]) - 1) == name) return;
@@ -165,7 +143,7 @@ const vkt_internal::NameBlock* VKTObject::sharedNames(vkt_u32 resolved,
 inline bool VKTObject::findIndexedKey(const vkt_internal::NameBlock& block,
                                       const char* key, vkt_u32* result) const {
   const size_t length = std::strlen(key);
-  const vkt_u64 h = name_hash(key, length);
+  const vkt_u64 h = vkt_internal::hash_bytes(key, length);
   const std::vector<vkt_u64>& index = block.index;
   const size_t mask = index.size() - 1;
   for (size_t i = h & mask;; i = (i + 1) & mask) {
