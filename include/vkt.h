@@ -33,8 +33,10 @@
 // more than the step.
 #if defined(__GNUC__) || defined(__clang__)
 #define VKT_INLINE inline __attribute__((always_inline))
+#define VKT_UNLIKELY(x) __builtin_expect(!!(x), 0)
 #else
 #define VKT_INLINE inline
+#define VKT_UNLIKELY(x) (x)
 #endif
 
 // A growable run of bytes: an image, or a payload.
@@ -321,7 +323,7 @@ class VKTValue {
   // Scalars. Integers narrowed by asInt keep their low 32 bits. A float or
   // double is truncated toward zero and saturates at the target's limits; a
   // NaN gives 0 (and true from asBool).
-  bool asBool() const;
+  bool asBool() const;  // a stored true or false inline, below VKTObject
   vkt_s32 asInt() const;
   vkt_s64 asLongInt() const;
   float asFloat() const;
@@ -388,7 +390,7 @@ class VKTValue {
     const vkt_u8* offsets = packedHead(mPtr + 1, &count, &width);
     if (index >= count) return VKTValue();
     return VKTValue(mObj, offsets + count * width +
-                              readPacked(offsets + index * width, width));
+                              readEntry(offsets + index * width, width));
   }
 
   // Member of an object by name; the null view when it is missing. A member
@@ -486,34 +488,47 @@ class VKTValue {
   static const vkt_u8 kObjectId = 33;
   static const vkt_u8 kStringTagId = 21;  // 1-byte tag; 22 to 24: 2 to 4
   static const vkt_u8 kDoubleId = 31;     // then 8 bytes, low byte first
+  static const vkt_u8 kTrueId = 2;        // and kFalseId, 3: no payload
   static const vkt_u32 kUnsignedIdBias = 12;
   static constexpr TypeTable makeTypeTable();  // value.cc
+  // Packed numbers are read as one 4-byte word, masked to their width, with
+  // no branch on the width. Every packed number read here (container heads
+  // and entries, key tags, string tags and the string offset array) lies in
+  // front of the stream offset and size arrays, which are at least 3 bytes
+  // each and in memory: the verifier checks the section order and both
+  // arrays, and the library writes them. So the up to 3 bytes read past a
+  // number are always the image's own.
+  static constexpr vkt_u32 kPackedMask[5] = {0, 0xFF, 0xFFFF, 0xFFFFFF,
+                                             0xFFFFFFFF};
+  // Four bytes at p, least significant first.
+  VKT_INLINE static vkt_u32 loadWord(const vkt_u8* p) {
+    vkt_u32 word;
+    std::memcpy(&word, p, sizeof(word));
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    word = __builtin_bswap32(word);
+#endif
+    return word;
+  }
   // One packed number of `width` bytes, least significant first, 0 for a
   // width outside 1 to 4; the one byte-level read kept in this header, so
   // that indexing and a walk's steps inline.
   VKT_INLINE static vkt_u32 readPacked(const vkt_u8* p, vkt_u32 width) {
-    switch (width) {
-      case 1:
-        return p[0];
-      case 2:
-        return vkt_u32(p[0]) | vkt_u32(p[1]) << 8;
-      case 3:
-        return vkt_u32(p[0]) | vkt_u32(p[1]) << 8 | vkt_u32(p[2]) << 16;
-      case 4:
-        return vkt_u32(p[0]) | vkt_u32(p[1]) << 8 | vkt_u32(p[2]) << 16 |
-               vkt_u32(p[3]) << 24;
-      default:
-        return 0;
-    }
+    return width <= 4 ? loadWord(p) & kPackedMask[width] : 0;
   }
-  // asDouble for every value that is no stored double (value.cc).
+  // The same for a width of 0 to 4, as packedHead gives it.
+  VKT_INLINE static vkt_u32 readEntry(const vkt_u8* p, vkt_u32 width) {
+    return loadWord(p) & kPackedMask[width];
+  }
+  // asDouble for every value that is no stored double, asBool for every
+  // value that is no stored true or false (value.cc).
   double numberAsDouble() const;
+  bool numberAsBool() const;
   // The head of the packed array at `p` (count id | count | width id |
   // entries): sets *count and *width and answers the first entry. A count id
   // outside the family gives count 0, a width id outside it width 0 (every
   // entry reads as 0), as the library's own array reader does.
-  static const vkt_u8* packedHead(const vkt_u8* p, vkt_u32* count,
-                                  vkt_u32* width) {
+  VKT_INLINE static const vkt_u8* packedHead(const vkt_u8* p, vkt_u32* count,
+                                             vkt_u32* width) {
     const vkt_u32 countWidth = vkt_u32(p[0]) - kUnsignedIdBias;
     *count = readPacked(p + 1, countWidth);
     const vkt_u32 w = vkt_u32(p[1 + countWidth]) - kUnsignedIdBias;
@@ -557,10 +572,11 @@ class VKTElementIterator {
   typedef const VKTValue* pointer;
   typedef VKTValue reference;
 
+  // One test serves both rare cases: a width above 4 only marks records.
   VKT_INLINE VKTValue operator*() const {
-    const vkt_u8* p =
-        mEntity + VKTValue::readPacked(mOffsets + mIndex * mWidth, mWidth);
-    return mRecords ? recordValue(mObj, p) : VKTValue(mObj, p);
+    if (VKT_UNLIKELY(mWidth > 4)) return recordValue();
+    return VKTValue(mObj, mEntity + VKTValue::readEntry(
+                                        mOffsets + mIndex * mWidth, mWidth));
   }
   VKTElementIterator& operator++() {
     ++mIndex;
@@ -579,15 +595,19 @@ class VKTElementIterator {
   friend class VKTMemberIterator;
   friend class VKTMemberRange;
   VKTElementIterator() = default;
-  // The value of a version-1 record at `p`, behind its key tag.
-  static VKTValue recordValue(const VKTObject* obj, const vkt_u8* p);
+  // Added to mWidth in a version-1 object, whose offsets name (key tag,
+  // value) records.
+  static const vkt_u32 kRecords = 8;
+  bool records() const { return mWidth >= kRecords; }
+  vkt_u32 entryWidth() const { return mWidth & (kRecords - 1); }
+  // The value of the current version-1 record, behind its key tag.
+  VKTValue recordValue() const;
 
   const VKTObject* mObj = nullptr;
   const vkt_u8* mOffsets = nullptr;  // first entry of the offset array
   const vkt_u8* mEntity = nullptr;   // what the offsets count from
-  vkt_u32 mWidth = 1;                // bytes per offset
+  vkt_u32 mWidth = 1;                // bytes per offset (0 to 4), + kRecords
   vkt_u32 mIndex = 0;
-  bool mRecords = false;  // version-1 object: offsets name (key, value) records
 };
 
 class VKTElementRange {
@@ -1025,15 +1045,21 @@ inline const char* VKTValue::asString() const {
   if (tag >= mObj->mStringCount) return "";
   const vkt_u32 width = mObj->mStringWidth;
   return reinterpret_cast<const char*>(mObj->mStringEntity) +
-         readPacked(mObj->mStringOffsets + tag * width, width);
+         readEntry(mObj->mStringOffsets + tag * width, width);
+}
+
+// A stored true or false is read here; every other kind converts in the
+// library.
+inline bool VKTValue::asBool() const {
+  if (mObj == nullptr || vkt_u32(*mPtr) - kTrueId > 1) return numberAsBool();
+  return *mPtr == kTrueId;
 }
 
 // A stored double is read here; every other kind converts in the library.
 inline double VKTValue::asDouble() const {
   if (mObj == nullptr || *mPtr != kDoubleId) return numberAsDouble();
   // Bits reinterpreted, so NaN payloads and -0.0 survive.
-  const vkt_u64 bits =
-      vkt_u64(readPacked(mPtr + 5, 4)) << 32 | readPacked(mPtr + 1, 4);
+  const vkt_u64 bits = vkt_u64(loadWord(mPtr + 5)) << 32 | loadWord(mPtr + 1);
   double d;
   std::memcpy(&d, &bits, sizeof(d));
   return d;
@@ -1065,7 +1091,7 @@ VKT_INLINE void VKTMemberIterator::load() {
   if (mValues.mIndex >= mCount) return;
   if (mNameStarts == nullptr) return loadRebuilt();
   mMember.keyTag =
-      VKTValue::readPacked(mKeys + mValues.mIndex * mKeyWidth, mKeyWidth);
+      VKTValue::readEntry(mKeys + mValues.mIndex * mKeyWidth, mKeyWidth);
   mMember.value = *mValues;
   mMember.name =
       VKTObject::decodedName(mNames, mNameStarts, mNameCount, mMember.keyTag);

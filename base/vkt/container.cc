@@ -52,7 +52,8 @@ vkt_u32 usable_width(const unsigned_array& a) {
 vkt_size VKTValue::size() const {
   static_assert(kArrayId == ID_ARRAY && kObjectId == ID_OBJECT &&
                     kStringTagId == ID_STRING_TAG8 &&
-                    kDoubleId == ID_DOUBLE_FLOAT &&
+                    kDoubleId == ID_DOUBLE_FLOAT && kTrueId == ID_TRUE &&
+                    ID_FALSE == kTrueId + 1 &&
                     kUnsignedIdBias == UNSIGNED_ID_BIAS,
                 "the inline walks and at(index) read containers as the "
                 "library writes them");
@@ -101,9 +102,9 @@ bool VKTValue::findTag(vkt_u32 tag, VKTValue* value) const {
   vkt_u32 offsetCount, offsetWidth;
   const vkt_u8* offsets =
       packedHead(keys + count * width, &offsetCount, &offsetWidth);
-  *value = VKTValue(mObj,
-                    offsets + offsetCount * offsetWidth +
-                        readPacked(offsets + found * offsetWidth, offsetWidth));
+  *value =
+      VKTValue(mObj, offsets + offsetCount * offsetWidth +
+                         readEntry(offsets + found * offsetWidth, offsetWidth));
   return true;
 }
 
@@ -153,16 +154,15 @@ VKTElementRange VKTValue::recordElements() const {
   VKTElementIterator& it = range.mBegin;
   it.mObj = mObj;
   it.mOffsets = records.values;
-  it.mWidth = usable_width(records);
+  it.mWidth = usable_width(records) + VKTElementIterator::kRecords;
   it.mEntity = mPtr + 1 + records.size;
-  it.mRecords = true;
   range.mCount = records.valueNum;
   return range;
 }
 
-VKTValue VKTElementIterator::recordValue(const VKTObject* obj,
-                                         const vkt_u8* p) {
-  return VKTValue(obj, p + get_value_size(p));
+VKTValue VKTElementIterator::recordValue() const {
+  const vkt_u8* p = mEntity + read_packed(mOffsets, entryWidth(), mIndex);
+  return VKTValue(mObj, p + get_value_size(p));
 }
 
 VKTMemberRange VKTValue::recordMembers() const {
@@ -195,7 +195,7 @@ VKTMemberIterator VKTMemberRange::begin() const {
   it.mKeyWidth = mKeyWidth;
   it.mCount = mValues.mCount;
   const VKTObject* obj = it.mValues.mObj;
-  if (obj == nullptr || it.mValues.mRecords) {
+  if (obj == nullptr || it.mValues.records()) {
     it.load();
     return it;
   }
@@ -224,14 +224,14 @@ void VKTMemberIterator::loadRebuilt() {
   const vkt_u32 i = mValues.mIndex;
   const VKTObject* obj = mValues.mObj;
   mMember.keyTag =
-      mValues.mRecords
+      mValues.records()
           ? parse_key(mValues.mEntity +
-                      read_packed(mValues.mOffsets, mValues.mWidth, i))
+                      read_packed(mValues.mOffsets, mValues.entryWidth(), i))
           : read_packed(mKeys, mKeyWidth, i);
   mMember.value = *mValues;
   if (obj->hasKeyNames()) {
     mMember.name = obj->keyName(mMember.keyTag);
-  } else if (mValues.mRecords) {
+  } else if (mValues.records()) {
     obj->getKeyInto(mMember.keyTag, &mLongName);
     mMember.name = mLongName;
   } else {

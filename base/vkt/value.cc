@@ -111,7 +111,7 @@ constexpr VKTValue::TypeTable VKTValue::makeTypeTable() {
 // Built while compiling, so no view can see it before it is filled.
 const VKTValue::TypeTable VKTValue::kTypeOfId = makeTypeTable();
 
-bool VKTValue::asBool() const {
+bool VKTValue::numberAsBool() const {
   if (mObj == nullptr) return false;
   switch (identify_value(mPtr)) {
     case TYPE_BOOL:
