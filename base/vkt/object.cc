@@ -241,7 +241,8 @@ void VKTObject::decodeInfo(const vkt_u8* header) {
 // The head is 2 to 6 bytes (count id, count, width id). A header that puts
 // it outside the bytes in memory (an image nobody checked) leaves no strings
 // to read rather than a read beyond them; a count id outside the family
-// counts none, as the array readers do.
+// counts none, as the array readers do. Read byte by byte: nothing has
+// checked the image yet, so the word reads of the walks may not be used.
 void VKTObject::loadStringTable() {
   mStringOffsets = nullptr;
   mStringCount = 0;
@@ -252,8 +253,11 @@ void VKTObject::loadStringTable() {
   if (at >= front) return;
   const vkt_u32 countWidth = vkt_u32(*mStringOffsetArray) - UNSIGNED_ID_BIAS;
   if (countWidth > 4 || at + 2 + countWidth > front) return;
-  mStringOffsets =
-      VKTValue::packedHead(mStringOffsetArray, &mStringCount, &mStringWidth);
+  unsigned_array strings;
+  setup_unsigned_array(&strings, mStringOffsetArray);
+  mStringOffsets = strings.values;
+  mStringCount = strings.valueNum;
+  mStringWidth = strings.valueSize <= 4 ? strings.valueSize : 0;
 }
 
 std::vector<VKTSection> VKTObject::sections() const {
