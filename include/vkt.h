@@ -891,7 +891,7 @@ class VKTObject {
   // to the object: no other call on the object may run at the same time.
   // Time is linear in the names' total length.
   void decodeKeyNames();
-  bool hasKeyNames() const { return mKeyNameStarts != nullptr; }
+  bool hasKeyNames() const { return mDecodedNames != nullptr; }
 
   // Decodes the names (decodeKeyNames) and indexes them by a hash, so that
   // every lookup by a plain name (VKTValue::at, findMember, isMember,
@@ -969,9 +969,7 @@ class VKTObject {
     return std::string_view(names + begin, starts[keyTag + 1] - begin - 1);
   }
   // The decoded name of `keyTag`; REQUIRES: hasKeyNames().
-  std::string_view keyName(vkt_u32 keyTag) const {
-    return decodedName(mKeyNames, mKeyNameStarts, mKeyNameCount, keyTag);
-  }
+  std::string_view keyName(vkt_u32 keyTag) const;
   vkt_u32 calcKeyHash(const char* key, vkt_u32* hint) const;
   // The key state, made on first use.
   vkt_internal::KeyState& keyState();
@@ -1026,12 +1024,8 @@ class VKTObject {
   mutable std::atomic<vkt_u64> mResolvedNames{0};
   // The key cache, made by the first call that enables it; owned.
   vkt_internal::KeyState* mKeyState = nullptr;
-  // The name block once decodeKeyNames has made or adopted it, for the
-  // member walk's inline step: the names, where each begins, and how many; null
-  // and 0 before decodeKeyNames.
-  const char* mKeyNames = nullptr;
-  const vkt_u32* mKeyNameStarts = nullptr;
-  vkt_u32 mKeyNameCount = 0;
+  // mNames once decodeKeyNames has made or adopted it; null before.
+  const vkt_internal::NameBlock* mDecodedNames = nullptr;
 };
 
 // A string value is its string tag id and a tag of 1 to 4 bytes; the tag

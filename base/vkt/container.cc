@@ -199,22 +199,18 @@ VKTMemberIterator VKTMemberRange::begin() const {
     it.load();
     return it;
   }
-  if (obj->hasKeyNames()) {
-    it.mNames = obj->mKeyNames;
-    it.mNameStarts = obj->mKeyNameStarts;
-    it.mNameCount = obj->mKeyNameCount;
-  } else {
-    const vkt_internal::NameBlock* block =
-        obj->mNames.load(std::memory_order_acquire);
+  const vkt_internal::NameBlock* block = obj->mDecodedNames;
+  if (block == nullptr) {
+    block = obj->mNames.load(std::memory_order_acquire);
     if (block == nullptr && it.mCount != 0) {
       obj->setupKeyTrie(&it.mTrie);
       block = obj->sharedNames(it.mCount, it.mTrie.keys);
     }
-    if (block != nullptr) {
-      it.mNames = block->names.data();
-      it.mNameStarts = block->starts.data();
-      it.mNameCount = vkt_u32(block->starts.size() - 1);
-    }
+  }
+  if (block != nullptr) {
+    it.mNames = block->names.data();
+    it.mNameStarts = block->starts.data();
+    it.mNameCount = vkt_u32(block->starts.size() - 1);
   }
   it.load();
   return it;

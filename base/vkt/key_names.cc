@@ -96,9 +96,13 @@ void VKTObject::decodeKeyNames() {
     mNames.store(made, std::memory_order_release);
     block = made;
   }
-  mKeyNames = block->names.data();
-  mKeyNameStarts = block->starts.data();
-  mKeyNameCount = vkt_u32(block->starts.size() - 1);
+  mDecodedNames = block;
+}
+
+std::string_view VKTObject::keyName(vkt_u32 keyTag) const {
+  const vkt_internal::NameBlock& block = *mDecodedNames;
+  return decodedName(block.names.data(), block.starts.data(),
+                     vkt_u32(block.starts.size() - 1), keyTag);
 }
 
 // No other call runs beside this one, so the published block may grow its

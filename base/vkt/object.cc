@@ -133,9 +133,7 @@ void VKTObject::makeEmpty() {
   mKeyState = nullptr;
   mNames.store(nullptr, std::memory_order_relaxed);
   mResolvedNames.store(0, std::memory_order_relaxed);
-  mKeyNames = nullptr;
-  mKeyNameStarts = nullptr;
-  mKeyNameCount = 0;
+  mDecodedNames = nullptr;
 }
 
 VKTObject::VKTObject(VKTObject&& other) noexcept {
@@ -178,9 +176,7 @@ VKTObject& VKTObject::operator=(VKTObject&& other) noexcept {
                std::memory_order_relaxed);
   mResolvedNames.store(other.mResolvedNames.load(std::memory_order_relaxed),
                        std::memory_order_relaxed);
-  mKeyNames = other.mKeyNames;
-  mKeyNameStarts = other.mKeyNameStarts;
-  mKeyNameCount = other.mKeyNameCount;
+  mDecodedNames = other.mDecodedNames;
   other.makeEmpty();
   return *this;
 }
