@@ -473,6 +473,7 @@ class VKTValue {
  private:
   friend class VKTObject;
   friend class VKTMemberIterator;
+  friend class VKTMemberRange;
   friend class VKTElementIterator;
   friend class VKTInternal;
   VKTValue(const VKTObject* obj, const vkt_u8* ptr) : mObj(obj), mPtr(ptr) {}
@@ -572,12 +573,7 @@ class VKTElementIterator {
   typedef const VKTValue* pointer;
   typedef VKTValue reference;
 
-  // One test serves both rare cases: a width above 4 only marks records.
-  VKT_INLINE VKTValue operator*() const {
-    if (VKT_UNLIKELY(mWidth > 4)) return recordValue();
-    return VKTValue(mObj, mEntity + VKTValue::readEntry(
-                                        mOffsets + mIndex * mWidth, mWidth));
-  }
+  VKT_INLINE VKTValue operator*() const { return VKTValue(mObj, valuePtr()); }
   VKTElementIterator& operator++() {
     ++mIndex;
     return *this;
@@ -595,13 +591,25 @@ class VKTElementIterator {
   friend class VKTMemberIterator;
   friend class VKTMemberRange;
   VKTElementIterator() = default;
+  // Where the current value lies. One test serves both rare cases: a width
+  // above 4 only marks records. The walks build their views from this one
+  // pointer: GCC merged two built views through the stack, and the reload
+  // stalled on the store.
+  VKT_INLINE const vkt_u8* valuePtr() const {
+    if (VKT_UNLIKELY(mWidth > 4)) {
+      return recordValue(mEntity, mOffsets, mWidth, mIndex);
+    }
+    return mEntity + VKTValue::readEntry(mOffsets + mIndex * mWidth, mWidth);
+  }
   // Added to mWidth in a version-1 object, whose offsets name (key tag,
   // value) records.
   static const vkt_u32 kRecords = 8;
   bool records() const { return mWidth >= kRecords; }
   vkt_u32 entryWidth() const { return mWidth & (kRecords - 1); }
-  // The value of the current version-1 record, behind its key tag.
-  VKTValue recordValue() const;
+  // Where the value of a version-1 record lies, behind its key tag; takes
+  // the fields, not the iterator, so that a walk keeps them in registers.
+  static const vkt_u8* recordValue(const vkt_u8* entity, const vkt_u8* offsets,
+                                   vkt_u32 width, vkt_u32 index);
 
   const VKTObject* mObj = nullptr;
   const vkt_u8* mOffsets = nullptr;  // first entry of the offset array
@@ -1086,7 +1094,7 @@ VKT_INLINE void VKTMemberIterator::load() {
   if (mNameStarts == nullptr) return loadRebuilt();
   mMember.keyTag =
       VKTValue::readEntry(mKeys + mValues.mIndex * mKeyWidth, mKeyWidth);
-  mMember.value = *mValues;
+  mMember.value.mPtr = mValues.valuePtr();  // begin() set its object
   mMember.name =
       VKTObject::decodedName(mNames, mNameStarts, mNameCount, mMember.keyTag);
 }

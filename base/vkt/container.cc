@@ -160,9 +160,12 @@ VKTElementRange VKTValue::recordElements() const {
   return range;
 }
 
-VKTValue VKTElementIterator::recordValue() const {
-  const vkt_u8* p = mEntity + read_packed(mOffsets, entryWidth(), mIndex);
-  return VKTValue(mObj, p + get_value_size(p));
+const vkt_u8* VKTElementIterator::recordValue(const vkt_u8* entity,
+                                              const vkt_u8* offsets,
+                                              vkt_u32 width, vkt_u32 index) {
+  const vkt_u8* p =
+      entity + read_packed(offsets, width & (kRecords - 1), index);
+  return p + get_value_size(p);
 }
 
 VKTMemberRange VKTValue::recordMembers() const {
@@ -207,6 +210,7 @@ VKTMemberIterator VKTMemberRange::begin() const {
       block = obj->sharedNames(it.mCount, it.mTrie.keys);
     }
   }
+  it.mMember.value = VKTValue(obj, nullptr);
   if (block != nullptr) {
     it.mNames = block->names.data();
     it.mNameStarts = block->starts.data();
