@@ -1259,6 +1259,7 @@ class VKTWriterValue {
   struct ObjectInfo;
 
   void clear();
+  void toObject(std::string_view firstKey);
   // clear() for a node that holds a container: the last reference takes the
   // block, and every container that dies with it, down one at a time.
   void releaseContainer();

@@ -53,6 +53,7 @@ class ContainerWriter {
   void open(bool isArray, size_t count, vkt_u32 sizeHint) {
     mIsArray = isArray;
     mLevel.offsets.clear();
+    mLevel.offsets.reserve(count);  // one allocation, never a doubling
     if (isArray) mLevel.keys.clear();
     if (mTables.optimize) {
       mLevel.siblings.reset(count);

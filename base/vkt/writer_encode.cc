@@ -23,6 +23,14 @@ namespace {
 const vkt_u32 kVisited = 1u << TYPE_STRING | 1u << TYPE_STREAM |
                          1u << TYPE_ARRAY | 1u << TYPE_OBJECT;
 
+// The entry of an object's member order in tables.orders, made on the
+// first call of an image for each key list and count.
+template <typename Object>
+vkt_u32 member_order(vkt_internal::WriterTables& tables, const Object& o) {
+  return tables.orders.find(o.keys(), vkt_u32(o.size()), tables.keys,
+                            [&o](vkt_u32* places) { o.keyOrder(places); });
+}
+
 }  // namespace
 
 // Interns what one node names and notes its share of the size hint; a
@@ -47,8 +55,7 @@ void VKTWriterValue::prepareNode(VKTWriterObject::Tables& tables) const {
       tables.sizeHint += head_hint(mArrayInfo->size(), false);
       break;
     case TYPE_OBJECT:
-      tables.sizeHint += head_hint(mObjectInfo->mMembers.size(), true);
-      mObjectInfo->sort();
+      tables.sizeHint += head_hint(mObjectInfo->size(), true);
       break;
     default:
       break;
@@ -64,6 +71,7 @@ bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
     const VKTWriterValue* node;
     size_t next;    // index of the next element to visit
     size_t before;  // the size hint when the container was opened
+    vkt_u32 order;  // an object's entry in tables.orders
   };
   Open open[VKT_MAX_DEPTH];
   size_t depth = 0;  // containers open
@@ -93,7 +101,10 @@ bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
     node->prepareNode(tables);
     if (node->mType == TYPE_ARRAY || node->mType == TYPE_OBJECT) {
       if (depth == VKT_MAX_DEPTH) return false;
-      open[depth++] = Open{node, 0, before};
+      const vkt_u32 order = node->mType == TYPE_OBJECT
+                                ? member_order(tables, *node->mObjectInfo)
+                                : 0;
+      open[depth++] = Open{node, 0, before, order};
       if (depth > tables.deepest) tables.deepest = depth;
     }
     node = nullptr;
@@ -115,11 +126,11 @@ bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
         array.mSizeHint = clamp_u32(tables.sizeHint - top.before);
       } else {
         const ObjectInfo& object = *top.node->mObjectInfo;
-        if (top.next < object.mMembers.size()) {
-          const Member* member = object.mMembers[top.next++];
-          member->mKeyTag = tables.keyAt(top.next - 1, member->key());
-          if (prepareShort(member->mValue)) continue;
-          node = &member->mValue;
+        if (top.next < object.size()) {
+          const vkt_u32 place = tables.orders.at(top.order)[top.next++];
+          const VKTWriterValue& value = object.node(place);
+          if (prepareShort(value)) continue;
+          node = &value;
           break;
         }
         object.mSizeHint = clamp_u32(tables.sizeHint - top.before);
@@ -185,15 +196,15 @@ void VKTWriterValue::createContainerImage(
   if (tables.tooLarge) return;
   vkt_internal::ContainerWriter writer(tables);
   const bool isArray = mType == TYPE_ARRAY;
+  const size_t count = isArray ? mArrayInfo->size() : mObjectInfo->size();
+  vkt_u32 order = 0;
   if (!isArray) {
+    order = member_order(tables, *mObjectInfo);
+    const vkt_u32* ids = tables.orders.at(order) + count;
     std::vector<vkt_u32>& keys = writer.level().keys;
     keys.clear();
-    for (const Member* member : mObjectInfo->mMembers) {
-      keys.push_back(tables.keys.tag(member->mKeyTag));
-    }
+    for (size_t i = 0; i < count; ++i) keys.push_back(tables.keys.tag(ids[i]));
   }
-  const size_t count =
-      isArray ? mArrayInfo->size() : mObjectInfo->mMembers.size();
   writer.open(isArray, count,
               isArray ? mArrayInfo->mSizeHint : mObjectInfo->mSizeHint);
   // A short array of scalars in one step; false for any other node.
@@ -223,7 +234,9 @@ void VKTWriterValue::createContainerImage(
   if (isArray) {
     for (const VKTWriterValue& element : *mArrayInfo) add(element);
   } else {
-    for (const Member* member : mObjectInfo->mMembers) add(member->mValue);
+    for (size_t i = 0; i < count; ++i) {
+      add(mObjectInfo->node(tables.orders.at(order)[i]));
+    }
   }
   writer.close();
 }

@@ -228,6 +228,9 @@ class SiblingSet {
 
   vkt_u32 placeHashed(Image hashed, const vkt_u8* buffer) {
     if (mIndex.empty()) {  // from scanning to the index
+      // Both sized for the whole container at once: growing by doubling
+      // would hold the old and the new copy together at the peak.
+      mImages.reserve(mCount);
       mIndex.reserve(mCount);
       for (vkt_u32 i = 0; i < mImages.size(); ++i) {
         mImages[i].hash = Traits::hash(mImages[i], buffer);
@@ -261,10 +264,10 @@ struct StretchTraits {
   struct Image {
     vkt_u32 offset;
     vkt_u32 length;
-    vkt_u64 hash;
+    vkt_u32 hash;  // the low half: the index masks it, equal() decides
   };
-  static vkt_u64 hash(const Image& a, const vkt_u8* p) {
-    return hash_bytes(p + a.offset, a.length);
+  static vkt_u32 hash(const Image& a, const vkt_u8* p) {
+    return vkt_u32(hash_bytes(p + a.offset, a.length));
   }
   static bool equal(const Image& a, const Image& b, const vkt_u8* p) {
     return a.length == b.length &&
@@ -279,7 +282,7 @@ struct ScalarTraits {
   struct Image {
     vkt_u64 low, high;
     vkt_u32 offset;
-    vkt_u64 hash;
+    vkt_u32 hash;  // the low half, as for a stretch
   };
   static Image of(const vkt_u8 (&buf)[SCALAR_BUFFER_SIZE], vkt_u32 offset) {
     static_assert(SCALAR_BUFFER_SIZE == 16, "two words hold a scalar");
@@ -288,14 +291,71 @@ struct ScalarTraits {
     std::memcpy(&image.high, buf + 8, 8);
     return image;
   }
-  static vkt_u64 hash(const Image& a, const vkt_u8*) {
+  static vkt_u32 hash(const Image& a, const vkt_u8*) {
     vkt_u64 h =
         (a.low ^ a.high * 0xC2B2AE3D27D4EB4Full) * 0x9E3779B97F4A7C15ull;
-    return h ^ (h >> 32);
+    return vkt_u32(h ^ (h >> 32));
   }
   static bool equal(const Image& a, const Image& b, const vkt_u8*) {
     return a.low == b.low && a.high == b.high;
   }
+};
+
+// The members of the objects of a tree in key order, and their keys' ids,
+// per key list and member count: objects of one shape share both, so the
+// order of a record is worked out once per image rather than once per
+// record, and the second walk finds it again without sorting.
+template <typename TextTable>
+class MemberOrders {
+ public:
+  // Where the entry of the first `count` keys of `list` starts in the pool:
+  // count member places in key order, then the ids of their keys in
+  // `keys`. `fill(places)` writes the places of a new entry.
+  template <typename Fill>
+  vkt_u32 find(const KeyList* list, vkt_u32 count, TextTable& keys, Fill fill) {
+    if (list == mLast.list && count == mLast.count) return mLast.start;
+    const vkt_u32 next = vkt_u32(mEntries.size());
+    const vkt_u32 i = mIndex.findOrAdd(
+        hashOf(list, count), next,
+        [&](vkt_u32 j) {
+          return mEntries[j].list == list && mEntries[j].count == count;
+        },
+        [this](vkt_u32 j) {
+          return hashOf(mEntries[j].list, mEntries[j].count);
+        });
+    if (i == next) {
+      const Entry entry{list, count, vkt_u32(mPool.size())};
+      mPool.resize(mPool.size() + 2 * size_t(count));
+      vkt_u32* places = mPool.data() + entry.start;
+      fill(places);
+      for (vkt_u32 j = 0; j < count; ++j) {
+        places[count + j] = keys.add(list->key(places[j]));
+      }
+      mEntries.push_back(entry);
+    }
+    mLast = mEntries[i];
+    return mLast.start;
+  }
+  // The entry that starts at `start`; good until the next find.
+  const vkt_u32* at(vkt_u32 start) const { return mPool.data() + start; }
+
+ private:
+  struct Entry {
+    const KeyList* list;
+    vkt_u32 count;
+    vkt_u32 start;
+  };
+  static vkt_u64 hashOf(const KeyList* list, vkt_u32 count) {
+    const vkt_u64 h =
+        (vkt_u64(reinterpret_cast<std::uintptr_t>(list)) ^ count) *
+        0x9E3779B97F4A7C15ull;
+    return h ^ (h >> 29);
+  }
+
+  std::vector<Entry> mEntries;
+  OpenIndex mIndex;
+  std::vector<vkt_u32> mPool;
+  Entry mLast = {nullptr, 0, 0};  // an empty object's entry is empty
 };
 
 // The key, string and stream tables of one writeImage call, and the scratch
@@ -342,6 +402,7 @@ struct WriterTables {
   };
 
   TextTable keys;
+  MemberOrders<TextTable> orders;
   struct KeyPlace {
     std::string_view key;  // null before the first key at this place
     vkt_u32 id;

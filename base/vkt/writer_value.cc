@@ -146,10 +146,10 @@ void VKTWriterValue::releaseContainer() {
       }
     } else {
       ObjectInfo* block = static_cast<ObjectInfo*>(top.block);
-      if (top.next < block->mMembers.size()) {
-        child = &block->mMembers[top.next++]->mValue;
+      if (top.next < block->size()) {
+        child = &block->node(top.next++);
       } else {
-        delete block;
+        ObjectInfo::destroy(block);
       }
     }
     if (child != nullptr) {
@@ -239,9 +239,12 @@ void VKTWriterValue::toArray() {
   mArrayInfo = array;
 }
 
-void VKTWriterValue::toObject() {
+void VKTWriterValue::toObject() { toObject(std::string_view()); }
+
+// `firstKey` sizes the new block for the shape it begins.
+void VKTWriterValue::toObject(std::string_view firstKey) {
   if (mType == TYPE_OBJECT) return;
-  ObjectInfo* object = new ObjectInfo;
+  ObjectInfo* object = ObjectInfo::make(firstKey);
   if (kBlockTypes >> mType & 1) clear();
   mType = TYPE_OBJECT;
   mObjectInfo = object;
@@ -267,11 +270,12 @@ void VKTWriterValue::append(const std::string& key, const VKTWriterValue& ref) {
 }
 
 VKTWriterValue& VKTWriterValue::operator[](const std::string& key) {
-  toObject();
+  toObject(key);
   return mObjectInfo->at(key);
 }
 
 VKTWriterValue& VKTWriterValue::operator[](const char* key) {
-  toObject();
-  return mObjectInfo->at(key);
+  const std::string_view k(key);
+  toObject(k);
+  return mObjectInfo->at(k);
 }
