@@ -1250,7 +1250,7 @@ class VKTWriterValue {
  private:
   friend class VKTWriterObject;
 
-  static const vkt_u32 kNullType = 1;  // TYPE_NULL of the value encoding
+  static const vkt_u8 kNullType = 1;  // TYPE_NULL of the value encoding
 
   struct StringInfo;
   struct StreamInfo;
@@ -1278,8 +1278,17 @@ class VKTWriterValue {
   vkt_u32 encodeScalar(const VKTWriterObject::Tables& tables,
                        vkt_u8* out) const;
 
-  vkt_u32 mType;
+  // A string of a few bytes lives in the node itself, with no block:
+  //   mType | size | its bytes (in mShortHead, then mShortTail) | tag
+  // The text's own bytes go from the node's third byte on, unbroken.
+  std::string_view shortText() const;
+  vkt_u32 shortTag() const;
+  void setShortTag(vkt_u32 tag) const;
+
+  vkt_u8 mType;
+  char mShortHead[7];  // a short string's size, then its first six bytes
   union {
+    char mShortTail[8];  // a short string's last four bytes, then the tag
     bool mBoolValue;
     vkt_s32 mIntegerValue;
     vkt_s64 mLongIntegerValue;

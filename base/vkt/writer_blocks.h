@@ -78,11 +78,32 @@ class OpenIndex {
   std::vector<vkt_u32> mSlots;
 };
 
+// The kind of a node that holds a string of at most kShortMost bytes in
+// itself: a number no type of the value encoding uses.
+const vkt_u32 kShortStringType = TYPE_MAX;
+const size_t kShortMost = 10;
+
 // The types whose nodes point at a block.
 const vkt_u32 kBlockTypes = 1u << TYPE_STRING | 1u << TYPE_STREAM |
                             1u << TYPE_ARRAY | 1u << TYPE_OBJECT;
 
 }  // namespace vkt_internal
+
+inline std::string_view VKTWriterValue::shortText() const {
+  static_assert(sizeof(VKTWriterValue) == 16 && alignof(VKTWriterValue) == 8,
+                "mShortHead and mShortTail are unbroken");
+  return std::string_view(reinterpret_cast<const char*>(this) + 2,
+                          vkt_u8(mShortHead[0]));
+}
+inline vkt_u32 VKTWriterValue::shortTag() const {
+  vkt_u32 tag;
+  std::memcpy(&tag, mShortTail + 4, sizeof tag);
+  return tag;
+}
+// Writer scratch in a node of a tree passed as const (see VKTWriterObject).
+inline void VKTWriterValue::setShortTag(vkt_u32 tag) const {
+  std::memcpy(const_cast<char*>(mShortTail) + 4, &tag, sizeof tag);
+}
 
 struct VKTWriterValue::StringInfo {
   // Pools of their own for texts of up to 11 and 43 bytes, the commonest;
@@ -148,7 +169,8 @@ struct VKTWriterValue::StreamInfo {
 
 // Elements in index order. Up to two (a pair is the commonest short array)
 // live in the block itself; more move to one array on the heap, which grows
-// by doubling. Elements past the size are null nodes.
+// by doubling, and whose address then takes the pair's place. Elements past
+// the size are null nodes.
 struct VKTWriterValue::ArrayInfo
     : vkt_internal::Pooled<VKTWriterValue::ArrayInfo> {
   ArrayInfo() {
@@ -158,20 +180,22 @@ struct VKTWriterValue::ArrayInfo
   ArrayInfo& operator=(const ArrayInfo&) = delete;
   // Only elements that hold a block have anything to let go of.
   ~ArrayInfo() {
-    const vkt_u32 slots = mData == mInline ? 2 : mCapacity;
-    for (vkt_u32 i = 0; i < slots; ++i) {
-      if (vkt_internal::kBlockTypes >> mData[i].mType & 1) {
-        mData[i].~VKTWriterValue();
+    VKTWriterValue* nodes = data();
+    for (vkt_u32 i = 0; i < mCapacity; ++i) {
+      if (vkt_internal::kBlockTypes >> nodes[i].mType & 1) {
+        nodes[i].~VKTWriterValue();
       }
     }
-    if (mData != mInline) {
-      vkt_internal::give_sized(mData, mCapacity * sizeof(VKTWriterValue));
+    if (!isInline()) {
+      vkt_internal::give_sized(nodes, mCapacity * sizeof(VKTWriterValue));
     }
   }
 
   static void destroy(ArrayInfo* a) { delete a; }
-  const VKTWriterValue* begin() const { return mData; }
-  const VKTWriterValue* end() const { return mData + mSize; }
+  VKTWriterValue* data() { return isInline() ? mInline : mHeap; }
+  const VKTWriterValue* data() const { return isInline() ? mInline : mHeap; }
+  const VKTWriterValue* begin() const { return data(); }
+  const VKTWriterValue* end() const { return data() + mSize; }
   size_t size() const { return mSize; }
 
   // Grows the array with null elements to `count` elements, if shorter.
@@ -182,6 +206,10 @@ struct VKTWriterValue::ArrayInfo
   }
 
  private:
+  static const vkt_u32 kInline = 2;
+  // A heap array holds at least four, so two means the pair.
+  bool isInline() const { return mCapacity == kInline; }
+
   // Room for at least `count` elements, the first mSize of them moved.
   void reallocate(size_t count) {
     size_t capacity = 2 * size_t(mCapacity);
@@ -190,29 +218,29 @@ struct VKTWriterValue::ArrayInfo
                sizeof(VKTWriterValue);
     // A node is a kind and a pointer or scalar: moving its bytes moves
     // its reference, and the old slots are then left without destruction
-    // (the inline ones are made null for their own destructors).
+    // (the pair's are overwritten by the heap array's address).
     VKTWriterValue* data = static_cast<VKTWriterValue*>(
         vkt_internal::take_sized(capacity * sizeof(VKTWriterValue)));
-    std::memcpy(static_cast<void*>(data), static_cast<void*>(mData),
+    std::memcpy(static_cast<void*>(data), static_cast<void*>(this->data()),
                 mSize * sizeof(VKTWriterValue));
     for (size_t i = mSize; i < capacity; ++i) new (&data[i]) VKTWriterValue;
-    if (mData != mInline) {
-      vkt_internal::give_sized(mData, mCapacity * sizeof(VKTWriterValue));
-    } else {
-      for (VKTWriterValue& v : mInline) new (&v) VKTWriterValue;
+    if (!isInline()) {
+      vkt_internal::give_sized(mHeap, mCapacity * sizeof(VKTWriterValue));
     }
-    mData = data;
+    mHeap = data;
     mCapacity = vkt_u32(capacity);
   }
 
  public:
   vkt_s32 mRefCount = 1;
   vkt_u32 mSize = 0;
-  vkt_u32 mCapacity = 2;
+  vkt_u32 mCapacity = kInline;
   mutable vkt_u32 mSizeHint = 0;  // writer scratch: the image's likely size
-  VKTWriterValue* mData = mInline;
-  union {  // destroyed by ~ArrayInfo, and only when they hold a block
-    VKTWriterValue mInline[2];
+
+ private:
+  union {  // the pair destroyed by ~ArrayInfo, and only when it holds a block
+    VKTWriterValue mInline[kInline];
+    VKTWriterValue* mHeap;
   };
 };
 

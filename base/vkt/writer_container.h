@@ -23,8 +23,9 @@ namespace vkt_internal {
 // A likely size of each value's image by type, for reserving the value
 // buffer up front: scalars at their widest, tags at two bytes, a container's
 // head with one-byte keys and offsets (sharing only makes images smaller).
-const vkt_u8 kSizeHint[] = {0, 1, 1, 5, 9, 0, 0, 3, 3, 0, 5, 9, 0, 0};
-static_assert(sizeof(kSizeHint) == TYPE_OBJECT + 1, "one entry per type");
+// The last entry is the writer's short string.
+const vkt_u8 kSizeHint[] = {0, 1, 1, 5, 9, 0, 0, 3, 3, 0, 5, 9, 0, 0, 3};
+static_assert(sizeof(kSizeHint) == kShortStringType + 1, "one per kind");
 
 inline vkt_u32 head_hint(size_t count, bool withKeys) {
   const vkt_u32 n = vkt_u32(count);

@@ -20,8 +20,9 @@ using vkt_internal::StreamEntry;
 namespace {
 
 // Types that prepareNode does more for than add their size hint.
-const vkt_u32 kVisited = 1u << TYPE_STRING | 1u << TYPE_STREAM |
-                         1u << TYPE_ARRAY | 1u << TYPE_OBJECT;
+const vkt_u32 kVisited =
+    1u << TYPE_STRING | 1u << vkt_internal::kShortStringType |
+    1u << TYPE_STREAM | 1u << TYPE_ARRAY | 1u << TYPE_OBJECT;
 
 // The entry of an object's member order in tables.orders, made on the
 // first call of an image for each key list and count.
@@ -41,6 +42,9 @@ void VKTWriterValue::prepareNode(VKTWriterObject::Tables& tables) const {
   switch (mType) {
     case TYPE_STRING:
       mStringInfo->mTag = tables.strings.add(mStringInfo->text());
+      break;
+    case vkt_internal::kShortStringType:
+      setShortTag(tables.strings.add(shortText()));
       break;
     case TYPE_STREAM: {
       // Bound streams go to the bstream table, all others to the stream table.
@@ -165,6 +169,10 @@ vkt_u32 VKTWriterValue::encodeScalar(const VKTWriterObject::Tables& tables,
     case TYPE_STRING:
       generate_words(out, unsigned_word(tables.strings.tag(mStringInfo->mTag),
                                         ID_STRING_TAG8));
+      break;
+    case vkt_internal::kShortStringType:
+      generate_words(
+          out, unsigned_word(tables.strings.tag(shortTag()), ID_STRING_TAG8));
       break;
     case TYPE_STREAM:
       if (mStreamInfo->mStreamFlags & VKT_STREAM_FLAG_BOUND) {
