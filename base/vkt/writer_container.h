@@ -36,6 +36,19 @@ inline vkt_u32 clamp_u32(size_t n) {
   return n > 0xFFFFFFFFu ? 0xFFFFFFFFu : vkt_u32(n);
 }
 
+// Closes the hint of a container of `count` elements, opened when the
+// image's hint stood at `before`: its offsets become as wide as its
+// elements' hints make them, rather than one byte each, so that the image's
+// hint holds for large containers too; an object's members are counted for
+// the keys' width, known once all keys are in. Answers the container's hint.
+inline vkt_u32 close_hint(WriterTables& tables, size_t count, bool isObject,
+                          size_t before) {
+  const vkt_u32 elements = clamp_u32(tables.sizeHint - before);
+  tables.sizeHint += (unsigned_width(elements) - 1) * count;
+  if (isObject) tables.members += count;
+  return clamp_u32(tables.sizeHint - before);
+}
+
 // One container being written at tables.depth. For an object, the caller
 // fills level().keys with the members' key tags, in key order, before
 // open(). Between open() and close(), each element is added in order: a

@@ -24,6 +24,14 @@ const vkt_u32 kVisited =
     1u << TYPE_STRING | 1u << vkt_internal::kShortStringType |
     1u << TYPE_STREAM | 1u << TYPE_ARRAY | 1u << TYPE_OBJECT;
 
+// An integer's image size, exactly: integers are common and often far
+// below their widest, which kSizeHint counts.
+vkt_u32 integer_hint(vkt_s32 value) {
+  if (value == 0) return 1;
+  return 2 + !fits_signed(value, 1) + !fits_signed(value, 2) +
+         !fits_signed(value, 3);
+}
+
 // The entry of an object's member order in tables.orders, made on the
 // first call of an image for each key list and count.
 template <typename Object>
@@ -37,14 +45,15 @@ vkt_u32 member_order(vkt_internal::WriterTables& tables, const Object& o) {
 // Interns what one node names and notes its share of the size hint; a
 // container is only opened here, its elements follow from prepare's stack.
 void VKTWriterValue::prepareNode(VKTWriterObject::Tables& tables) const {
-  tables.sizeHint += kSizeHint[mType];
+  tables.sizeHint +=
+      mType == TYPE_INTEGER ? integer_hint(mIntegerValue) : kSizeHint[mType];
   ++tables.values;
   switch (mType) {
     case TYPE_STRING:
-      mStringInfo->mTag = tables.strings.add(mStringInfo->text());
+      mStringInfo->mTag = tables.addString(mStringInfo->text());
       break;
     case vkt_internal::kShortStringType:
-      setShortTag(tables.strings.add(shortText()));
+      setShortTag(tables.addString(shortText()));
       break;
     case TYPE_STREAM: {
       // Bound streams go to the bstream table, all others to the stream table.
@@ -81,7 +90,11 @@ bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
   size_t depth = 0;  // containers open
   // An array of a few scalars that intern nothing, prepared in one step
   // without opening it; false for any other node (then nothing is done).
-  auto prepareShort = [&tables, &depth](const VKTWriterValue& e) {
+  auto scalar_hint = [](const VKTWriterValue& e) {
+    return e.mType == TYPE_INTEGER ? integer_hint(e.mIntegerValue)
+                                   : kSizeHint[e.mType];
+  };
+  auto prepareShort = [&](const VKTWriterValue& e) {
     if (e.mType != TYPE_ARRAY || depth == VKT_MAX_DEPTH ||
         e.mArrayInfo->size() > vkt_internal::kShortArray) {
       return false;
@@ -90,7 +103,7 @@ bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
     size_t hint = kSizeHint[TYPE_ARRAY] + head_hint(array.size(), false);
     for (const VKTWriterValue& x : array) {
       if (kVisited >> x.mType & 1) return false;
-      hint += kSizeHint[x.mType];
+      hint += scalar_hint(x);
     }
     tables.sizeHint += hint;
     tables.values += 1 + array.size();
@@ -123,11 +136,12 @@ bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
             node = &e;  // interned or opened above
             break;
           }
-          tables.sizeHint += kSizeHint[e.mType];
+          tables.sizeHint += scalar_hint(e);
           ++tables.values;
         }
         if (node != nullptr) break;
-        array.mSizeHint = clamp_u32(tables.sizeHint - top.before);
+        array.mSizeHint =
+            vkt_internal::close_hint(tables, array.size(), false, top.before);
       } else {
         const ObjectInfo& object = *top.node->mObjectInfo;
         if (top.next < object.size()) {
@@ -137,7 +151,8 @@ bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
           node = &value;
           break;
         }
-        object.mSizeHint = clamp_u32(tables.sizeHint - top.before);
+        object.mSizeHint =
+            vkt_internal::close_hint(tables, object.size(), true, top.before);
       }
       --depth;
     }

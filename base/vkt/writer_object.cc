@@ -16,9 +16,10 @@
 // payloads go from their source straight to the output.
 #include "vkt/packed_array.h"
 #include "vkt/streams.h"
-#include "vkt/writer_tables.h"
+#include "vkt/writer_container.h"
 
 using vkt_internal::kMaxImageSize;
+using vkt_internal::kSizeHint;
 using vkt_internal::StreamEntry;
 using vkt_internal::ValueBuffer;
 
@@ -207,6 +208,17 @@ void write_back(VKTWriteStream& writer, const BackSections& back,
                vkt_u32(start + offsets[SECTION_STREAM_ENTITY]));
 }
 
+// The root value's likely size, once the tables are numbered: prepare's
+// hint with the key arrays as wide as the key table makes them, and each
+// string tag at its own width.
+vkt_u64 root_hint(const vkt_internal::WriterTables& tables) {
+  const size_t keyWidth = unsigned_width(vkt_u32(tables.keys.size()));
+  size_t stringRefs = 0;
+  for (const vkt_u32 refs : tables.stringRefs) stringRefs += refs;
+  return tables.sizeHint + (keyWidth - 1) * tables.members +
+         tables.stringTagHint() - kSizeHint[TYPE_STRING] * stringRefs;
+}
+
 // A ValueSource from two functions, so that the writer's own members can
 // walk a tree through its private parts.
 template <typename Prepare, typename Encode>
@@ -303,13 +315,19 @@ bool VKTWriterObject::assemble(vkt_internal::ValueSource& source,
   }
   const vkt_u64 keySize = image.size() - headerSize;
 
-  // The root's likely size with a little slack for wider offsets and, when
-  // the front becomes the whole image, all that follows it.
-  vkt_u64 expected = image.size() + tables.sizeHint + tables.sizeHint / 8;
+  // The root's likely size with a little slack and, when the front becomes
+  // the whole image, all that follows it. The slack is all the room the
+  // buffer has before it grows, which holds the old and the new buffer at
+  // once, so the hint counts what it can exactly.
+  const vkt_u64 hint = root_hint(tables);
+  vkt_u64 expected = image.size() + hint + hint / 32;
   if (sink == nullptr) {
-    expected += back.strings.size() + 5 * stringOffsets.size() + streams.size +
-                bstreams.size + streams.maxAlignment + bstreams.maxAlignment +
-                8 * (streams.sizes.size() + bstreams.sizes.size()) + 64;
+    expected += back.strings.size() + unsigned_array_size(stringOffsets) +
+                unsigned_array_size(streams.offsets) +
+                unsigned_array_size(streams.sizes) +
+                unsigned_array_size(bstreams.offsets) +
+                unsigned_array_size(bstreams.sizes) + streams.size +
+                bstreams.size + streams.maxAlignment + bstreams.maxAlignment;
   }
   if (expected <= kMaxImageSize) image.reserve(expected);
   if (image.size() <= kMaxImageSize) {

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "vkt/packed_array.h"
 #include "vkt/writer_blocks.h"
 
 namespace vkt_internal {
@@ -384,6 +385,32 @@ struct WriterTables {
     return keyAt(position, key, [](std::string_view k) { return k; });
   }
 
+  // Interns a string value's text and counts the reference, so that the
+  // hint can count each reference's tag at its width once the strings are
+  // numbered.
+  template <typename Keep>
+  vkt_u32 addString(std::string_view text, Keep keep) {
+    const vkt_u32 id = strings.add(text, keep);
+    if (id == stringRefs.size()) {
+      stringRefs.push_back(1);
+    } else {
+      ++stringRefs[id];
+    }
+    return id;
+  }
+  vkt_u32 addString(std::string_view text) {
+    return addString(text, [](std::string_view t) { return t; });
+  }
+  // The bytes of all string tags once the strings are numbered, each at
+  // its own width (sizeHint counted each at kSizeHint's three bytes).
+  size_t stringTagHint() const {
+    size_t bytes = 0;
+    for (vkt_u32 id = 0; id < stringRefs.size(); ++id) {
+      bytes += size_t(stringRefs[id]) * (1 + unsigned_width(strings.tag(id)));
+    }
+    return bytes;
+  }
+
   // Sorts every table once all entries are in.
   void number() {
     keys.number();
@@ -420,7 +447,9 @@ struct WriterTables {
   size_t deepest = 0;   // containers open at once, at most, as prepare saw
   size_t depth = 0;     // of the container being written
   size_t sizeHint = 0;  // the root value's likely size, summed by prepare
-  vkt_u64 values = 0;   // nodes prepare visited: the image's values, unshared
+  size_t members = 0;   // object members, for the key arrays' width
+  std::vector<vkt_u32> stringRefs;  // references to each string, by id
+  vkt_u64 values = 0;  // nodes prepare visited: the image's values, unshared
 };
 
 // What writeImage makes a root value of: walked twice in the same order,
