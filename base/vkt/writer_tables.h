@@ -51,7 +51,8 @@ class Interner {
   const Entry& entry(vkt_u32 id) const { return mEntries[id]; }
 
   // Sorts once; after this tag(id) is the entry's place in table order.
-  void number() {
+  // `closed`: no entry is added after it, so the index and the hashes go.
+  void number(bool closed = false) {
     struct Keyed {
       vkt_u64 prefix;
       vkt_u32 id;
@@ -70,6 +71,10 @@ class Interner {
     for (vkt_u32 i = 0; i < mOrder.size(); ++i) {
       mOrder[i] = keyed[i].id;
       mRank[keyed[i].id] = i;
+    }
+    if (closed) {
+      mIndex = OpenIndex();
+      std::vector<vkt_u64>().swap(mHashes);
     }
   }
 
@@ -411,10 +416,11 @@ struct WriterTables {
     return bytes;
   }
 
-  // Sorts every table once all entries are in.
+  // Sorts every table once all entries are in. Every walk interns its
+  // strings before (an encoding walk may still look a key up).
   void number() {
     keys.number();
-    strings.number();
+    strings.number(true);
     streams.number();
     bstreams.number();
   }
