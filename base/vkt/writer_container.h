@@ -101,7 +101,7 @@ class ContainerWriter {
     ValueBuffer& out = *mTables.value;
     vkt_u32 offset = begin;
     if (mTables.optimize) {
-      offset = mLevel.siblings.place({begin, vkt_u32(out.size()) - begin, 0},
+      offset = mLevel.siblings.place({begin, vkt_u32(out.size()) - begin},
                                      out.data());
       if (offset != begin) out.resize(begin);  // stored before
     }

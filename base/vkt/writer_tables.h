@@ -198,10 +198,67 @@ class ValueBuffer {
   size_t mUsed;
 };
 
+// An open-addressing index like OpenIndex, for a number of entries known
+// up front, whose slots keep bits of each entry's hash above its index + 1:
+// a probe that meets another entry mostly tells it apart by those bits,
+// without reading the entry, so the entries need not keep their hashes.
+class TaggedIndex {
+ public:
+  bool empty() const { return mSlots.empty(); }
+  void clear() { mSlots.clear(); }
+  // Room for `count` entries without growing; the index must be empty.
+  void reserve(size_t count) {
+    size_t slots = 64;
+    while (slots < count * 2) slots *= 2;
+    mSlots.assign(slots, 0);
+    mIndexBits = 1;
+    while (mIndexBits < 32 && (vkt_u64(1) << mIndexBits) <= count) {
+      ++mIndexBits;
+    }
+  }
+
+  // As OpenIndex::findOrAdd, `h` a 64-bit hash: its low bits place the
+  // entry and its high ones tag the slot.
+  template <typename Same, typename HashOf>
+  vkt_u32 findOrAdd(vkt_u64 h, vkt_u32 next, Same same, HashOf hashOf) {
+    if ((size_t(next) + 1) * 2 > mSlots.size() ||
+        vkt_u64(next) + 1 >= vkt_u64(1) << mIndexBits) {
+      grow(next, hashOf);
+    }
+    const vkt_u32 indexMask = vkt_u32((vkt_u64(1) << mIndexBits) - 1);
+    const vkt_u32 tag = vkt_u32(h >> 32) & ~indexMask;
+    const size_t mask = mSlots.size() - 1;
+    for (size_t i = size_t(h) & mask;; i = (i + 1) & mask) {
+      const vkt_u32 slot = mSlots[i];
+      if (slot == 0) {
+        mSlots[i] = tag | (next + 1);
+        return next;
+      }
+      if ((slot & ~indexMask) == tag && same((slot & indexMask) - 1)) {
+        return (slot & indexMask) - 1;
+      }
+    }
+  }
+
+ private:
+  // More entries than reserved for: all placed again in a larger index.
+  template <typename HashOf>
+  void grow(vkt_u32 entries, HashOf hashOf) {
+    reserve(size_t(entries) * 2 + 1);
+    for (vkt_u32 e = 0; e < entries; ++e) {
+      findOrAdd(
+          hashOf(e), e, [](vkt_u32) { return false; }, hashOf);
+    }
+  }
+
+  std::vector<vkt_u32> mSlots;
+  vkt_u32 mIndexBits = 32;
+};
+
 // The element images of the container being written at one depth, each
 // stored once; Traits says what an image is (Image, with its `offset`), how
 // it hashes and when two are equal. The first few are compared one by one;
-// past kScanUpTo they go into a hash index, which grows with them.
+// past kScanUpTo they go into a hash index sized for the whole container.
 template <typename Traits>
 class SiblingSet {
  public:
@@ -232,35 +289,32 @@ class SiblingSet {
  private:
   static const size_t kScanUpTo = 8;
 
-  vkt_u32 placeHashed(Image hashed, const vkt_u8* buffer) {
+  vkt_u32 placeHashed(Image image, const vkt_u8* buffer) {
+    auto hashOf = [this, buffer](vkt_u32 i) {
+      return Traits::hash(mImages[i], buffer);
+    };
     if (mIndex.empty()) {  // from scanning to the index
       // Both sized for the whole container at once: growing by doubling
       // would hold the old and the new copy together at the peak.
       mImages.reserve(mCount);
       mIndex.reserve(mCount);
       for (vkt_u32 i = 0; i < mImages.size(); ++i) {
-        mImages[i].hash = Traits::hash(mImages[i], buffer);
         mIndex.findOrAdd(
-            mImages[i].hash, i, [](vkt_u32) { return false; },
-            [this](vkt_u32 j) { return mImages[j].hash; });
+            hashOf(i), i, [](vkt_u32) { return false; }, hashOf);
       }
     }
-    hashed.hash = Traits::hash(hashed, buffer);
     const vkt_u32 next = vkt_u32(mImages.size());
     const vkt_u32 found = mIndex.findOrAdd(
-        hashed.hash, next,
-        [&](vkt_u32 i) {
-          return mImages[i].hash == hashed.hash &&
-                 Traits::equal(mImages[i], hashed, buffer);
-        },
-        [this](vkt_u32 i) { return mImages[i].hash; });
+        Traits::hash(image, buffer), next,
+        [&](vkt_u32 i) { return Traits::equal(mImages[i], image, buffer); },
+        hashOf);
     if (found != next) return mImages[found].offset;
-    mImages.push_back(hashed);
-    return hashed.offset;
+    mImages.push_back(image);
+    return image.offset;
   }
 
   std::vector<Image> mImages;
-  OpenIndex mIndex;
+  TaggedIndex mIndex;
   size_t mCount = 0;  // elements of the container
 };
 
@@ -270,10 +324,9 @@ struct StretchTraits {
   struct Image {
     vkt_u32 offset;
     vkt_u32 length;
-    vkt_u32 hash;  // the low half: the index masks it, equal() decides
   };
-  static vkt_u32 hash(const Image& a, const vkt_u8* p) {
-    return vkt_u32(hash_bytes(p + a.offset, a.length));
+  static vkt_u64 hash(const Image& a, const vkt_u8* p) {
+    return hash_bytes(p + a.offset, a.length);
   }
   static bool equal(const Image& a, const Image& b, const vkt_u8* p) {
     return a.length == b.length &&
@@ -288,19 +341,17 @@ struct ScalarTraits {
   struct Image {
     vkt_u64 low, high;
     vkt_u32 offset;
-    vkt_u32 hash;  // the low half, as for a stretch
   };
   static Image of(const vkt_u8 (&buf)[SCALAR_BUFFER_SIZE], vkt_u32 offset) {
     static_assert(SCALAR_BUFFER_SIZE == 16, "two words hold a scalar");
-    Image image{0, 0, offset, 0};
+    Image image{0, 0, offset};
     std::memcpy(&image.low, buf, 8);
     std::memcpy(&image.high, buf + 8, 8);
     return image;
   }
-  static vkt_u32 hash(const Image& a, const vkt_u8*) {
-    vkt_u64 h =
-        (a.low ^ a.high * 0xC2B2AE3D27D4EB4Full) * 0x9E3779B97F4A7C15ull;
-    return vkt_u32(h ^ (h >> 32));
+  static vkt_u64 hash(const Image& a, const vkt_u8*) {
+    return fold_multiply(a.low ^ 0x9E3779B97F4A7C15ull,
+                         a.high ^ 0xC2B2AE3D27D4EB4Full);
   }
   static bool equal(const Image& a, const Image& b, const vkt_u8*) {
     return a.low == b.low && a.high == b.high;
