@@ -169,8 +169,10 @@ struct VKTWriterValue::StreamInfo {
 
 // Elements in index order. Up to two (a pair is the commonest short array)
 // live in the block itself; more move to one array on the heap, which grows
-// by doubling, and whose address then takes the pair's place. Elements past
-// the size are null nodes.
+// by doubling. The pair is then left as two null nodes, the second holding
+// the heap array's address in its payload, so that a reference to an inline
+// element kept past the growth (which the interface forbids) reads a null
+// node rather than a pointer. Elements past the size are null nodes.
 struct VKTWriterValue::ArrayInfo
     : vkt_internal::Pooled<VKTWriterValue::ArrayInfo> {
   ArrayInfo() {
@@ -192,8 +194,8 @@ struct VKTWriterValue::ArrayInfo
   }
 
   static void destroy(ArrayInfo* a) { delete a; }
-  VKTWriterValue* data() { return isInline() ? mInline : mHeap; }
-  const VKTWriterValue* data() const { return isInline() ? mInline : mHeap; }
+  VKTWriterValue* data() { return isInline() ? mInline : heap(); }
+  const VKTWriterValue* data() const { return isInline() ? mInline : heap(); }
   const VKTWriterValue* begin() const { return data(); }
   const VKTWriterValue* end() const { return data() + mSize; }
   size_t size() const { return mSize; }
@@ -209,6 +211,16 @@ struct VKTWriterValue::ArrayInfo
   static const vkt_u32 kInline = 2;
   // A heap array holds at least four, so two means the pair.
   bool isInline() const { return mCapacity == kInline; }
+  VKTWriterValue* heap() const {
+    VKTWriterValue* p;
+    std::memcpy(&p, mInline[1].mShortTail, sizeof p);
+    return p;
+  }
+  void setHeap(VKTWriterValue* p) {
+    static_assert(sizeof p <= sizeof mInline[1].mShortTail, "fits a payload");
+    for (VKTWriterValue& v : mInline) v.mType = TYPE_NULL;
+    std::memcpy(mInline[1].mShortTail, &p, sizeof p);
+  }
 
   // Room for at least `count` elements, the first mSize of them moved.
   void reallocate(size_t count) {
@@ -218,16 +230,16 @@ struct VKTWriterValue::ArrayInfo
                sizeof(VKTWriterValue);
     // A node is a kind and a pointer or scalar: moving its bytes moves
     // its reference, and the old slots are then left without destruction
-    // (the pair's are overwritten by the heap array's address).
+    // (the pair's become null, one of them holding the new address).
     VKTWriterValue* data = static_cast<VKTWriterValue*>(
         vkt_internal::take_sized(capacity * sizeof(VKTWriterValue)));
     std::memcpy(static_cast<void*>(data), static_cast<void*>(this->data()),
                 mSize * sizeof(VKTWriterValue));
     for (size_t i = mSize; i < capacity; ++i) new (&data[i]) VKTWriterValue;
     if (!isInline()) {
-      vkt_internal::give_sized(mHeap, mCapacity * sizeof(VKTWriterValue));
+      vkt_internal::give_sized(heap(), mCapacity * sizeof(VKTWriterValue));
     }
-    mHeap = data;
+    setHeap(data);
     mCapacity = vkt_u32(capacity);
   }
 
@@ -238,9 +250,8 @@ struct VKTWriterValue::ArrayInfo
   mutable vkt_u32 mSizeHint = 0;  // writer scratch: the image's likely size
 
  private:
-  union {  // the pair destroyed by ~ArrayInfo, and only when it holds a block
+  union {  // destroyed by ~ArrayInfo, and only when they hold a block
     VKTWriterValue mInline[kInline];
-    VKTWriterValue* mHeap;
   };
 };
 
