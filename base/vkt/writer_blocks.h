@@ -83,6 +83,11 @@ class OpenIndex {
 const vkt_u32 kShortStringType = TYPE_MAX;
 const size_t kShortMost = 10;
 
+// The largest k with 2^k <= n, for n > 0.
+inline size_t floor_log2(size_t n) {
+  return sizeof(unsigned long long) * 8 - 1 - __builtin_clzll(n);
+}
+
 // The types whose nodes point at a block.
 const vkt_u32 kBlockTypes = 1u << TYPE_STRING | 1u << TYPE_STREAM |
                             1u << TYPE_ARRAY | 1u << TYPE_OBJECT;
@@ -342,7 +347,8 @@ struct KeyList {
 // An object: its member count, its key list, and its member nodes, the
 // first ones in the block itself (as many as the last object of the same
 // first key had, so a record takes one block) and the rest in chunks of
-// kChunk nodes. A node never moves however the object grows, and the
+// kFirstChunk nodes, then twice as many each time. A node never moves
+// however the object grows, and the
 // writer walks the members in key order without reordering them.
 //
 //   ObjectInfo:  head | node | node | ... (mInline nodes)
@@ -351,7 +357,7 @@ struct KeyList {
 // once it grows, so building an object of n members takes O(n) expected
 // time.
 struct VKTWriterValue::ObjectInfo {
-  static const vkt_u32 kChunk = 32;
+  static const size_t kFirstChunk = 8;
 
   // A new empty object; `firstKey` (empty when unknown) names the shape the
   // block is sized for.
@@ -368,7 +374,9 @@ struct VKTWriterValue::ObjectInfo {
   VKTWriterValue& node(size_t i) const {
     if (i < mInline) return nodes()[i];
     i -= mInline;
-    return mExtra->chunks[i / kChunk][i % kChunk];
+    // Chunk k holds kFirstChunk << k nodes, from kFirstChunk * (2^k - 1) on.
+    const size_t k = vkt_internal::floor_log2(i / kFirstChunk + 1);
+    return mExtra->chunks[k][i - kFirstChunk * ((size_t(1) << k) - 1)];
   }
   // The member places in key order (unsigned bytes, a prefix first) into
   // out[0, size()); a large object keeps the order for the next write.

@@ -101,8 +101,9 @@ VKTWriterValue::ObjectInfo::~ObjectInfo() {
   }
   if (mKeys != nullptr) KeyList::release(mKeys);
   if (mExtra != nullptr) {
-    for (VKTWriterValue* chunk : mExtra->chunks) {
-      vkt_internal::give_sized(chunk, kChunk * sizeof(VKTWriterValue));
+    for (size_t k = 0; k < mExtra->chunks.size(); ++k) {
+      vkt_internal::give_sized(mExtra->chunks[k],
+                               (kFirstChunk << k) * sizeof(VKTWriterValue));
     }
     delete mExtra;
   }
@@ -110,14 +111,14 @@ VKTWriterValue::ObjectInfo::~ObjectInfo() {
 
 // Room for one more node; throws with the object unchanged.
 void VKTWriterValue::ObjectInfo::addNodeRoom() {
-  if (mCount < mInline + (mExtra ? mExtra->chunks.size() : 0) * kChunk) {
-    return;
-  }
+  const size_t chunks = mExtra != nullptr ? mExtra->chunks.size() : 0;
+  if (mCount < mInline + kFirstChunk * ((size_t(1) << chunks) - 1)) return;
   if (mExtra == nullptr) mExtra = new Extra;
-  mExtra->chunks.reserve(mExtra->chunks.size() + 1);
+  mExtra->chunks.reserve(chunks + 1);
+  const size_t nodes = kFirstChunk << chunks;
   auto* chunk = static_cast<VKTWriterValue*>(
-      vkt_internal::take_sized(kChunk * sizeof(VKTWriterValue)));
-  for (vkt_u32 i = 0; i < kChunk; ++i) new (&chunk[i]) VKTWriterValue;
+      vkt_internal::take_sized(nodes * sizeof(VKTWriterValue)));
+  for (size_t i = 0; i < nodes; ++i) new (&chunk[i]) VKTWriterValue;
   mExtra->chunks.push_back(chunk);  // reserved: cannot throw
 }
 
