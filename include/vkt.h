@@ -1141,11 +1141,13 @@ class VKTWriterObject {
 
 // A node of a tree to be written.
 //
-// Scalars live in the node. Strings, streams, arrays and objects live in a
-// reference-counted payload block, and copying a node shares the block with
-// no copy on write: after `b = a`, `b.append(x)` or `b["k"] = 1` change what
-// `a` sees too, while `b.setInt(1)` only drops b's reference. Setters always
-// make a new block, so shared strings and streams behave like values.
+// Scalars, and strings of up to ten bytes, live in the node. Longer
+// strings, streams, arrays and objects live in a reference-counted payload
+// block, and copying a node shares the block with no copy on write: after
+// `b = a`, `b.append(x)` or `b["k"] = 1` change what `a` sees too, while
+// `b.setInt(1)` only drops b's reference. Setters always make a new block,
+// so shared strings and streams behave like values. Objects built with the
+// same keys in the same order share one copy of the keys.
 //
 // A tree and every node sharing a block with it belong to one thread at a
 // time. Never make a node hold itself. No walk of the tree, its destruction
