@@ -1169,11 +1169,13 @@ class VKTWriterObject {
 
 // A node of a tree to be written.
 //
-// Scalars live in the node. Strings, streams, arrays and objects live in a
-// reference-counted payload block, and copying a node shares the block with
-// no copy on write: after `b = a`, `b.append(x)` or `b["k"] = 1` change what
-// `a` sees too, while `b.setInt(1)` only drops b's reference. Setters always
-// make a new block, so shared strings and streams behave like values.
+// Scalars, and strings of up to ten bytes, live in the node. Longer
+// strings, streams, arrays and objects live in a reference-counted payload
+// block, and copying a node shares the block with no copy on write: after
+// `b = a`, `b.append(x)` or `b["k"] = 1` change what `a` sees too, while
+// `b.setInt(1)` only drops b's reference. Setters always make a new block,
+// so shared strings and streams behave like values. Objects built with the
+// same keys in the same order share one copy of the keys.
 //
 // A tree and every node sharing a block with it belong to one thread at a
 // time. Never make a node hold itself. No walk of the tree, its destruction
@@ -1278,7 +1280,7 @@ class VKTWriterValue {
  private:
   friend class VKTWriterObject;
 
-  static const vkt_u32 kNullType = 1;  // TYPE_NULL of the value encoding
+  static const vkt_u8 kNullType = 1;  // TYPE_NULL of the value encoding
 
   struct StringInfo;
   struct StreamInfo;
@@ -1287,6 +1289,7 @@ class VKTWriterValue {
   struct ObjectInfo;
 
   void clear();
+  void toObject(std::string_view firstKey);
   // clear() for a node that holds a container: the last reference takes the
   // block, and every container that dies with it, down one at a time.
   void releaseContainer();
@@ -1305,8 +1308,17 @@ class VKTWriterValue {
   vkt_u32 encodeScalar(const VKTWriterObject::Tables& tables,
                        vkt_u8* out) const;
 
-  vkt_u32 mType;
+  // A string of a few bytes lives in the node itself, with no block:
+  //   mType | size | its bytes (in mShortHead, then mShortTail) | tag
+  // The text's own bytes go from the node's third byte on, unbroken.
+  std::string_view shortText() const;
+  vkt_u32 shortTag() const;
+  void setShortTag(vkt_u32 tag) const;
+
+  vkt_u8 mType;
+  char mShortHead[7];  // a short string's size, then its first six bytes
   union {
+    char mShortTail[8];  // a short string's last four bytes, then the tag
     bool mBoolValue;
     vkt_s32 mIntegerValue;
     vkt_s64 mLongIntegerValue;

@@ -165,7 +165,7 @@ class JsonSource : public vkt_internal::ValueSource {
             std::memchr(s.data(), 0, s.size()) != nullptr) {
           return false;
         }
-        mStrings.push_back(tables.strings.add(
+        mStrings.push_back(tables.addString(
             s, [this](std::string_view x) { return mTexts.keep(x); }));
         tables.sizeHint += kSizeHint[TYPE_STRING];
         return true;
@@ -228,7 +228,8 @@ class JsonSource : public vkt_internal::ValueSource {
     const bool shortArray = isArray && count <= vkt_internal::kShortArray &&
                             mHints.size() == hint + 1;
     mHints[hint] = ContainerHint{
-        count, vkt_internal::clamp_u32(tables.sizeHint - before), shortArray};
+        count, vkt_internal::close_hint(tables, count, !isArray, before),
+        shortArray};
     return true;
   }
 

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "testutil.h"
-#include "vkt/writer_blocks.h"  // hash_bytes
+#include "vkt/writer_tables.h"  // hash_bytes, TaggedIndex
 
 template <typename T>
 static VKTWriterValue val(T x) {
@@ -184,4 +184,31 @@ TEST(WriterEncode, HashSeesEveryByteAndSpreadsLowBits) {
     low.insert(vkt_internal::hash_bytes(&i, sizeof i) & 0xFFFF);
   }
   EXPECT_GT(low.size(), 3800u);  // about 3,970 for an even spread
+}
+
+// The sibling index finds every entry again past the count it was sized
+// for, whether the hashes differ throughout, only in the high bits its
+// slots keep (one probe chain), or not at all (only `same` tells entries
+// apart).
+TEST(WriterEncode, TaggedIndexFindsEveryEntry) {
+  const vkt_u32 kEntries = 300;
+  for (const vkt_u64 mask : {~0ull, 0xFFFFFFFF00000000ull, 0ull}) {
+    vkt_internal::TaggedIndex index;
+    index.reserve(4);
+    std::vector<vkt_u64> hashes;
+    auto hashOf = [&](vkt_u32 i) { return hashes[i]; };
+    for (vkt_u32 i = 0; i < kEntries; ++i) {
+      hashes.push_back(vkt_internal::hash_bytes(&i, sizeof i) & mask);
+      EXPECT_EQ(index.findOrAdd(
+                    hashes[i], i, [](vkt_u32) { return false; }, hashOf),
+                i);
+    }
+    for (vkt_u32 i = 0; i < kEntries; ++i) {
+      EXPECT_EQ(
+          index.findOrAdd(
+              hashes[i], kEntries, [&](vkt_u32 j) { return j == i; }, hashOf),
+          i)
+          << mask;
+    }
+  }
 }

@@ -59,6 +59,88 @@ TEST(WriterValue, MembersKeepOneNodePerKeyInAnyInsertionOrder) {
   }
 }
 
+// Objects built one after another on a thread share their key lists where
+// their keys agree. Each still writes as it would alone (built on a thread
+// of its own, which shares with nothing), whether it follows another's keys,
+// uses a prefix of them, parts from them at any place, outgrows the shape
+// hints, or gets keys after others took its list up; and its member nodes
+// stay where they were made.
+TEST(WriterValue, ObjectsSharingKeysWriteAsTheyWouldAlone) {
+  std::vector<std::string> wide, wideOther;
+  for (int i = 0; i < 70; ++i)
+    wide.push_back("w" + std::to_string(i * 37 % 70));
+  wideOther = wide;
+  wideOther[40] = "other";
+  std::vector<std::vector<std::string>> shapes = {
+      {"id", "name", "score"},
+      {"id", "name", "score"},
+      {"id", "name"},
+      {"id", "x", "name"},
+      {"id", "name", "score", "tags"},
+      {"b", "a"},
+      {"b", "a", "c"},
+      {"b"},
+      {"", "\xC3", "b", "a"},
+      wide,
+      wide,
+      wideOther,
+      {"w0"},
+  };
+  auto fill = [](VKTWriterValue* o, const std::vector<std::string>& keys,
+                 size_t from, int base) {
+    for (size_t k = from; k < keys.size(); ++k) (*o)[keys[k]] = base + int(k);
+  };
+  std::vector<VKTWriterValue> built(shapes.size());
+  std::vector<std::vector<VKTWriterValue*>> nodes(shapes.size());
+  for (size_t i = 0; i < shapes.size(); ++i) {
+    fill(&built[i], shapes[i], 0, int(i) * 100);
+    for (const std::string& k : shapes[i]) nodes[i].push_back(&built[i][k]);
+  }
+  const std::pair<size_t, const char*> late[] = {
+      {0, "late"}, {1, "later"}, {2, "score"}, {5, "c"}, {9, "w70"}, {7, "a"}};
+  for (const auto& [i, key] : late) {
+    shapes[i].push_back(key);
+    fill(&built[i], shapes[i], shapes[i].size() - 1, int(i) * 100);
+  }
+  for (size_t i = 0; i < shapes.size(); ++i) {
+    for (size_t k = 0; k < nodes[i].size(); ++k) {
+      EXPECT_EQ(&built[i][shapes[i][k]], nodes[i][k]) << i << " " << k;
+    }
+    VKTWriterValue alone;
+    std::thread([&] { fill(&alone, shapes[i], 0, int(i) * 100); }).join();
+    EXPECT_EQ(written_root(built[i]), written_root(alone)) << i;
+  }
+}
+
+// Strings of up to ten bytes live in their node and longer ones in a block;
+// either way a copy keeps its text when the original is set again, and
+// equal texts, set or copied, are one table entry.
+TEST(WriterValue, StringsOfEverySizeKeepTheirText) {
+  std::vector<std::string> texts = {std::string("a\0b", 3)};
+  for (size_t n = 0; n <= 12; ++n)
+    texts.push_back(std::string(n, char('a' + n)));
+  VKTWriterValue root, copies;
+  for (size_t i = 0; i < texts.size(); ++i) {
+    root[i] = texts[i];
+    copies[i] = root[i];
+    root[i] = i % 2 ? "x" : "a longer text than ten";
+  }
+  root.append(copies);
+  VKTObject obj(VKTWriterObject().createImage(root));
+  const VKTValue back = obj.root()[vkt_u32(texts.size())];
+  for (size_t i = 0; i < texts.size(); ++i) {
+    EXPECT_EQ(std::string(back[vkt_u32(i)].asStringView()), texts[i]) << i;
+  }
+  VKTWriterValue same;
+  same[0] = "tenletters";
+  same[1] = std::string("tenletters");
+  same[2] = VKTWriterValue(same[0]);
+  same[3] = "more than ten";
+  same[4] = VKTWriterValue(same[3]);
+  EXPECT_EQ(to_hex(written_root(same, false)),
+            "20 0D 05 0D 00 02 04 06 08 15 01 15 01 15 01 15 00 15 00");
+}
+
 // Destruction takes a tree down one container at a time: 200,000 levels,
 // each held once or twice by the level above, go without a deep call stack,
 // and a level still held elsewhere survives with what is below it.
@@ -105,6 +187,8 @@ TEST(WriterValue, TreesMoveBetweenThreads) {
       VKTWriterValue& pair = (*root)[i];
       pair[0] = i;
       pair[1] = "k" + std::to_string(i % 7);
+      pair[2]["id"] = i;  // objects of one shape share their keys
+      pair[2]["name"] = "a name longer than ten";
     }
   };
   VKTWriterValue reference;
@@ -117,6 +201,13 @@ TEST(WriterValue, TreesMoveBetweenThreads) {
     VKTWriterValue dropped;
     build(&dropped);
     std::thread([&] { dropped = VKTWriterValue(); }).join();
+    // Dropped on another thread while this one builds the same shape.
+    build(&dropped);
+    VKTWriterValue built;
+    std::thread dropper([&] { dropped = VKTWriterValue(); });
+    build(&built);
+    dropper.join();
+    EXPECT_EQ(written_root(built), expected);
   }
   VKTWriterValue again;
   build(&again);

@@ -177,9 +177,9 @@ class BlockPool {
   }
 };
 
-// Blocks of any size up to kLargestPooled (member pages, member lists) from
-// the pool of the smallest class that holds them, larger ones from the heap.
-// The caller gives a block back with the size it asked for.
+// Blocks of any size up to kLargestPooled (object blocks and their node chunks,
+// array storage) from the pool of the smallest class that holds them, larger
+// ones from the heap. The caller gives a block back with the size it asked for.
 const size_t kLargestPooled = 1024;
 
 // The size of the class that serves `bytes`: steps of a half and a quarter

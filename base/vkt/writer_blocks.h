@@ -2,17 +2,19 @@
 // mRefCount, the number of nodes that point at it (1 when made); the last
 // node to let go deletes the block and what it owns.
 //
-// Strings and object members carry their text in the same allocation, right
-// behind the block, so a short string or a member costs one small block:
+// A string carries its text in the same allocation, right behind the block,
+// so a short string costs one small block:
 //
 //   StringInfo:  refcount | tag | size | text bytes | NUL
-//   Member:      value node | key tag | key size | key bytes | NUL
 //
-// The tags are scratch fields of the writer: a writeImage walk stores there
+// The tag is a scratch field of the writer: a writeImage walk stores there
 // where the text stands in its tables, so the second walk needs no lookup.
+// Objects keep their keys in a key list that objects of one shape share.
 #ifndef VKT_WRITER_BLOCKS_H_
 #define VKT_WRITER_BLOCKS_H_
 
+#include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -76,11 +78,37 @@ class OpenIndex {
   std::vector<vkt_u32> mSlots;
 };
 
+// The kind of a node that holds a string of at most kShortMost bytes in
+// itself: a number no type of the value encoding uses.
+const vkt_u32 kShortStringType = TYPE_MAX;
+const size_t kShortMost = 10;
+
+// The largest k with 2^k <= n, for n > 0.
+inline size_t floor_log2(size_t n) {
+  return sizeof(unsigned long long) * 8 - 1 - __builtin_clzll(n);
+}
+
 // The types whose nodes point at a block.
 const vkt_u32 kBlockTypes = 1u << TYPE_STRING | 1u << TYPE_STREAM |
                             1u << TYPE_ARRAY | 1u << TYPE_OBJECT;
 
 }  // namespace vkt_internal
+
+inline std::string_view VKTWriterValue::shortText() const {
+  static_assert(sizeof(VKTWriterValue) == 16 && alignof(VKTWriterValue) == 8,
+                "mShortHead and mShortTail are unbroken");
+  return std::string_view(reinterpret_cast<const char*>(this) + 2,
+                          vkt_u8(mShortHead[0]));
+}
+inline vkt_u32 VKTWriterValue::shortTag() const {
+  vkt_u32 tag;
+  std::memcpy(&tag, mShortTail + 4, sizeof tag);
+  return tag;
+}
+// Writer scratch in a node of a tree passed as const (see VKTWriterObject).
+inline void VKTWriterValue::setShortTag(vkt_u32 tag) const {
+  std::memcpy(const_cast<char*>(mShortTail) + 4, &tag, sizeof tag);
+}
 
 struct VKTWriterValue::StringInfo {
   // Pools of their own for texts of up to 11 and 43 bytes, the commonest;
@@ -146,7 +174,10 @@ struct VKTWriterValue::StreamInfo {
 
 // Elements in index order. Up to two (a pair is the commonest short array)
 // live in the block itself; more move to one array on the heap, which grows
-// by doubling. Elements past the size are null nodes.
+// by doubling. The pair is then left as two null nodes, the second holding
+// the heap array's address in its payload, so that a reference to an inline
+// element kept past the growth (which the interface forbids) reads a null
+// node rather than a pointer. Elements past the size are null nodes.
 struct VKTWriterValue::ArrayInfo
     : vkt_internal::Pooled<VKTWriterValue::ArrayInfo> {
   ArrayInfo() {
@@ -156,20 +187,22 @@ struct VKTWriterValue::ArrayInfo
   ArrayInfo& operator=(const ArrayInfo&) = delete;
   // Only elements that hold a block have anything to let go of.
   ~ArrayInfo() {
-    const vkt_u32 slots = mData == mInline ? 2 : mCapacity;
-    for (vkt_u32 i = 0; i < slots; ++i) {
-      if (vkt_internal::kBlockTypes >> mData[i].mType & 1) {
-        mData[i].~VKTWriterValue();
+    VKTWriterValue* nodes = data();
+    for (vkt_u32 i = 0; i < mCapacity; ++i) {
+      if (vkt_internal::kBlockTypes >> nodes[i].mType & 1) {
+        nodes[i].~VKTWriterValue();
       }
     }
-    if (mData != mInline) {
-      vkt_internal::give_sized(mData, mCapacity * sizeof(VKTWriterValue));
+    if (!isInline()) {
+      vkt_internal::give_sized(nodes, mCapacity * sizeof(VKTWriterValue));
     }
   }
 
   static void destroy(ArrayInfo* a) { delete a; }
-  const VKTWriterValue* begin() const { return mData; }
-  const VKTWriterValue* end() const { return mData + mSize; }
+  VKTWriterValue* data() { return isInline() ? mInline : heap(); }
+  const VKTWriterValue* data() const { return isInline() ? mInline : heap(); }
+  const VKTWriterValue* begin() const { return data(); }
+  const VKTWriterValue* end() const { return data() + mSize; }
   size_t size() const { return mSize; }
 
   // Grows the array with null elements to `count` elements, if shorter.
@@ -180,6 +213,20 @@ struct VKTWriterValue::ArrayInfo
   }
 
  private:
+  static const vkt_u32 kInline = 2;
+  // A heap array holds at least four, so two means the pair.
+  bool isInline() const { return mCapacity == kInline; }
+  VKTWriterValue* heap() const {
+    VKTWriterValue* p;
+    std::memcpy(&p, mInline[1].mShortTail, sizeof p);
+    return p;
+  }
+  void setHeap(VKTWriterValue* p) {
+    static_assert(sizeof p <= sizeof mInline[1].mShortTail, "fits a payload");
+    for (VKTWriterValue& v : mInline) v.mType = TYPE_NULL;
+    std::memcpy(mInline[1].mShortTail, &p, sizeof p);
+  }
+
   // Room for at least `count` elements, the first mSize of them moved.
   void reallocate(size_t count) {
     size_t capacity = 2 * size_t(mCapacity);
@@ -188,149 +235,189 @@ struct VKTWriterValue::ArrayInfo
                sizeof(VKTWriterValue);
     // A node is a kind and a pointer or scalar: moving its bytes moves
     // its reference, and the old slots are then left without destruction
-    // (the inline ones are made null for their own destructors).
+    // (the pair's become null, one of them holding the new address).
     VKTWriterValue* data = static_cast<VKTWriterValue*>(
         vkt_internal::take_sized(capacity * sizeof(VKTWriterValue)));
-    std::memcpy(static_cast<void*>(data), static_cast<void*>(mData),
+    std::memcpy(static_cast<void*>(data), static_cast<void*>(this->data()),
                 mSize * sizeof(VKTWriterValue));
     for (size_t i = mSize; i < capacity; ++i) new (&data[i]) VKTWriterValue;
-    if (mData != mInline) {
-      vkt_internal::give_sized(mData, mCapacity * sizeof(VKTWriterValue));
-    } else {
-      for (VKTWriterValue& v : mInline) new (&v) VKTWriterValue;
+    if (!isInline()) {
+      vkt_internal::give_sized(heap(), mCapacity * sizeof(VKTWriterValue));
     }
-    mData = data;
+    setHeap(data);
     mCapacity = vkt_u32(capacity);
   }
 
  public:
   vkt_s32 mRefCount = 1;
   vkt_u32 mSize = 0;
-  vkt_u32 mCapacity = 2;
+  vkt_u32 mCapacity = kInline;
   mutable vkt_u32 mSizeHint = 0;  // writer scratch: the image's likely size
-  VKTWriterValue* mData = mInline;
+
+ private:
   union {  // destroyed by ~ArrayInfo, and only when they hold a block
-    VKTWriterValue mInline[2];
+    VKTWriterValue mInline[kInline];
   };
 };
 
-// One member of an object: its node and its key, in one stretch of the
-// object's member pages, so the node's address stays put however the object
-// grows or is reordered.
-struct VKTWriterValue::Member {
-  explicit Member(std::string_view key) : mKeySize(vkt_u32(key.size())) {
-    char* p = reinterpret_cast<char*>(this + 1);
+namespace vkt_internal {
+
+// The keys of an object in member order, in one block that objects of one
+// shape share: records built with the same keys in the same order hold one
+// list between them instead of a copy of each key per member.
+//
+//   KeyList:  head | ends[capacity] | text (each key followed by a NUL)
+//
+// An object uses the first n keys of its list (n its member count). A list
+// changes only by a key appended behind its last one, and only while one
+// object alone uses it; an object whose next key differs from what its list
+// holds at that place takes a copy of the list's first keys plus the new
+// one. Lists are counted atomically, as trees move between threads, and
+// come from the heap, so a list may outlive any thread's pools.
+struct KeyList {
+  std::atomic<vkt_s32> refs{1};
+  vkt_u32 count = 0;
+  vkt_u32 capacity;          // keys there is room for
+  vkt_u32 textCapacity;      // text bytes there is room for, NULs included
+  vkt_u32 sortedPrefix = 0;  // how many leading keys are in key order
+
+  // A new list of the first `prefix` keys of `from` (null when prefix is 0)
+  // and `key`, with room to grow by doubling.
+  static KeyList* make(const KeyList* from, vkt_u32 prefix,
+                       std::string_view key) {
+    const vkt_u32 text = (prefix == 0 ? 0 : from->ends()[prefix - 1]);
+    const size_t keys = std::max<size_t>(4, 2 * (size_t(prefix) + 1));
+    const size_t bytes = std::max<size_t>(32, 2 * (text + key.size() + 1));
+    KeyList* list =
+        new (::operator new(sizeof(KeyList) + keys * sizeof(vkt_u32) + bytes))
+            KeyList(vkt_u32(keys), vkt_u32(bytes));
+    if (prefix != 0) {
+      std::memcpy(list->ends(), from->ends(), prefix * sizeof(vkt_u32));
+      std::memcpy(list->text(), from->text(), text);
+      list->count = prefix;
+      list->sortedPrefix = std::min(prefix, from->sortedPrefix);
+    }
+    list->push(key);
+    return list;
+  }
+  static void retain(KeyList* list) {
+    list->refs.fetch_add(1, std::memory_order_relaxed);
+  }
+  static void release(KeyList* list) {
+    if (list->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+      list->~KeyList();
+      ::operator delete(list);
+    }
+  }
+
+  std::string_view key(vkt_u32 i) const {
+    const vkt_u32 begin = i == 0 ? 0 : ends()[i - 1];
+    return std::string_view(text() + begin, ends()[i] - begin - 1);
+  }
+  bool hasRoomFor(size_t keySize) const {
+    return count < capacity && textUsed() + keySize + 1 <= textCapacity;
+  }
+  // REQUIRES: hasRoomFor(key.size()).
+  void push(std::string_view key) {
+    char* p = text() + textUsed();
     if (!key.empty()) std::memcpy(p, key.data(), key.size());
     p[key.size()] = 0;
-  }
-  // Bytes a member with a key of `keySize` bytes takes in a page: the block,
-  // the key and its NUL, rounded up to keep the next block aligned.
-  static size_t bytesFor(size_t keySize) {
-    const size_t n = sizeof(Member) + keySize + 1;
-    return (n + alignof(Member) - 1) & ~(alignof(Member) - 1);
-  }
-  std::string_view key() const {
-    return std::string_view(reinterpret_cast<const char*>(this + 1), mKeySize);
-  }
-  vkt_u64 keyHash() const {
-    return vkt_internal::hash_bytes(this + 1, mKeySize);
+    if (sortedPrefix == count && (count == 0 || this->key(count - 1) < key)) {
+      ++sortedPrefix;
+    }
+    ends()[count] = textUsed() + vkt_u32(key.size()) + 1;
+    ++count;
   }
 
-  VKTWriterValue mValue;
-  mutable vkt_u32 mKeyTag = 0;  // writer scratch: the key's table entry
-  vkt_u32 mKeySize;
+ private:
+  KeyList(vkt_u32 keys, vkt_u32 bytes) : capacity(keys), textCapacity(bytes) {}
+  vkt_u32 textUsed() const { return count == 0 ? 0 : ends()[count - 1]; }
+  vkt_u32* ends() { return reinterpret_cast<vkt_u32*>(this + 1); }
+  const vkt_u32* ends() const {
+    return reinterpret_cast<const vkt_u32*>(this + 1);
+  }
+  char* text() { return reinterpret_cast<char*>(ends() + capacity); }
+  const char* text() const {
+    return reinterpret_cast<const char*>(ends() + capacity);
+  }
 };
 
-// Members in a vector of pointers, sorted by key (unsigned bytes, a prefix
-// first) whenever the writer walks them; appends in key order keep it
-// sorted, others mark it for one sort before the next walk. Lookups scan a
-// small object and go through a hash index of member pointers once it
-// grows, so building an object of n members takes O(n) expected time.
+}  // namespace vkt_internal
+
+// An object: its member count, its key list, and its member nodes, the
+// first ones in the block itself (as many as the last object of the same
+// first key had, so a record takes one block) and the rest in chunks of
+// kFirstChunk nodes, then twice as many each time. A node never moves
+// however the object grows, and the
+// writer walks the members in key order without reordering them.
 //
-// The members themselves lie one after another in pages the object owns
-// (members are never removed, so a page is only freed with the object). A
-// new object sizes its first page and its vector by the last object that
-// began with the same key, so records of one shape take one page each.
-struct VKTWriterValue::ObjectInfo
-    : vkt_internal::Pooled<VKTWriterValue::ObjectInfo> {
-  ObjectInfo() = default;
+//   ObjectInfo:  head | node | node | ... (mInline nodes)
+//
+// Lookups scan a small object and go through a hash index of member places
+// once it grows, so building an object of n members takes O(n) expected
+// time.
+struct VKTWriterValue::ObjectInfo {
+  static const size_t kFirstChunk = 8;
+
+  // A new empty object; `firstKey` (empty when unknown) names the shape the
+  // block is sized for.
+  static ObjectInfo* make(std::string_view firstKey);
+  static void destroy(ObjectInfo* o);
   ObjectInfo(const ObjectInfo&) = delete;
   ObjectInfo& operator=(const ObjectInfo&) = delete;
-  ~ObjectInfo();
-  static void destroy(ObjectInfo* o) { delete o; }
 
   // The member named `key`, made as a null node if missing.
   VKTWriterValue& at(std::string_view key);
-  // Brings the members into key order (the writer calls it; the tree does
-  // not change, only the order in which it is walked).
-  void sort() const;
 
-  // The member pointers: a vector of exactly the room reserve() asks, in a
-  // pooled block.
-  class MemberList {
-   public:
-    MemberList() = default;
-    MemberList(const MemberList&) = delete;
-    MemberList& operator=(const MemberList&) = delete;
-    ~MemberList() {
-      if (mData != nullptr) vkt_internal::give_sized(mData, bytes(mCapacity));
-    }
-    size_t size() const { return mSize; }
-    bool empty() const { return mSize == 0; }
-    size_t capacity() const { return mCapacity; }
-    Member** begin() const { return mData; }
-    Member** end() const { return mData + mSize; }
-    Member*& operator[](size_t i) const { return mData[i]; }
-    Member* back() const { return mData[mSize - 1]; }
-    // Room for `count` pointers; throws with the list unchanged.
-    void reserve(size_t count) {
-      if (count <= mCapacity) return;
-      count = vkt_internal::pooled_size(bytes(count)) / sizeof(Member*);
-      Member** data =
-          static_cast<Member**>(vkt_internal::take_sized(bytes(count)));
-      if (mSize != 0) std::memcpy(data, mData, mSize * sizeof(Member*));
-      if (mData != nullptr) vkt_internal::give_sized(mData, bytes(mCapacity));
-      mData = data;
-      mCapacity = vkt_u32(count);
-    }
-    // REQUIRES: room reserved.
-    void push_back(Member* m) { mData[mSize++] = m; }
-
-   private:
-    static size_t bytes(size_t count) { return count * sizeof(Member*); }
-    Member** mData = nullptr;
-    vkt_u32 mSize = 0;
-    vkt_u32 mCapacity = 0;
-  };
+  size_t size() const { return mCount; }
+  const vkt_internal::KeyList* keys() const { return mKeys; }
+  VKTWriterValue& node(size_t i) const {
+    if (i < mInline) return nodes()[i];
+    i -= mInline;
+    // Chunk k holds kFirstChunk << k nodes, from kFirstChunk * (2^k - 1) on.
+    const size_t k = vkt_internal::floor_log2(i / kFirstChunk + 1);
+    return mExtra->chunks[k][i - kFirstChunk * ((size_t(1) << k) - 1)];
+  }
+  // The member places in key order (unsigned bytes, a prefix first) into
+  // out[0, size()); a large object keeps the order for the next write.
+  void keyOrder(vkt_u32* out) const;
 
   vkt_s32 mRefCount = 1;
   mutable vkt_u32 mSizeHint = 0;  // writer scratch: the image's likely size
-  MemberList mMembers;
-  // The members by key hash, absent while the object is small; rebuilt
-  // when a sort moves the members.
-  mutable std::unique_ptr<vkt_internal::OpenIndex> mIndex;
 
  private:
-  // A page: the next page's address and the page's whole size, then
-  // members.
-  struct Page {
-    Page* next;
-    size_t bytes;
+  // What only a larger object needs.
+  struct Extra {
+    std::vector<VKTWriterValue*> chunks;
+    // The members by key hash; empty while the object is small.
+    vkt_internal::OpenIndex index;
+    // The key order of the first orderCount members, kept by keyOrder.
+    std::vector<vkt_u32> order;
+    const vkt_internal::KeyList* orderKeys = nullptr;
+    vkt_u32 orderCount = 0;
   };
-  // Room for a member of `bytes` bytes in the last page, or a new page.
-  void* allocate(size_t bytes, std::string_view firstKey);
-  Member* addMember(std::string_view key);
-  void indexAll() const;
 
-  bool indexed() const { return mIndex != nullptr && !mIndex->empty(); }
+  explicit ObjectInfo(vkt_u32 inlineNodes) : mInline(inlineNodes) {
+    for (vkt_u32 i = 0; i < mInline; ++i) new (&nodes()[i]) VKTWriterValue;
+  }
+  ~ObjectInfo();
+  static size_t blockBytes(vkt_u32 inlineNodes) {
+    static_assert(sizeof(ObjectInfo) % alignof(VKTWriterValue) == 0,
+                  "the nodes follow the head aligned");
+    return sizeof(ObjectInfo) + inlineNodes * sizeof(VKTWriterValue);
+  }
+  VKTWriterValue* nodes() const {
+    return reinterpret_cast<VKTWriterValue*>(const_cast<ObjectInfo*>(this) + 1);
+  }
+  bool indexed() const { return mExtra != nullptr && !mExtra->index.empty(); }
+  vkt_u32 find(std::string_view key);
+  void addNodeRoom();
+  void addKey(std::string_view key);
+  void indexAll();
 
-  Page* mPages = nullptr;  // most recent first
-  vkt_u32 mPageBytes = 0;  // member bytes the newest page holds
-  vkt_u32 mPageFree = 0;   // of which unused, at its end
-  vkt_u32 mUsed = 0;       // member bytes in all pages
-
- public:
-  mutable bool mSorted = true;  // last here, where it packs with mUsed
+  vkt_u32 mCount = 0;
+  vkt_u32 mInline;                         // nodes in the block
+  vkt_internal::KeyList* mKeys = nullptr;  // null while empty
+  Extra* mExtra = nullptr;                 // null while small
 };
-
 #endif  // VKT_WRITER_BLOCKS_H_

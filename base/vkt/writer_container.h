@@ -23,8 +23,9 @@ namespace vkt_internal {
 // A likely size of each value's image by type, for reserving the value
 // buffer up front: scalars at their widest, tags at two bytes, a container's
 // head with one-byte keys and offsets (sharing only makes images smaller).
-const vkt_u8 kSizeHint[] = {0, 1, 1, 5, 9, 0, 0, 3, 3, 0, 5, 9, 0, 0};
-static_assert(sizeof(kSizeHint) == TYPE_OBJECT + 1, "one entry per type");
+// The last entry is the writer's short string.
+const vkt_u8 kSizeHint[] = {0, 1, 1, 5, 9, 0, 0, 3, 3, 0, 5, 9, 0, 0, 3};
+static_assert(sizeof(kSizeHint) == kShortStringType + 1, "one per kind");
 
 inline vkt_u32 head_hint(size_t count, bool withKeys) {
   const vkt_u32 n = vkt_u32(count);
@@ -33,6 +34,19 @@ inline vkt_u32 head_hint(size_t count, bool withKeys) {
 
 inline vkt_u32 clamp_u32(size_t n) {
   return n > 0xFFFFFFFFu ? 0xFFFFFFFFu : vkt_u32(n);
+}
+
+// Closes the hint of a container of `count` elements, opened when the
+// image's hint stood at `before`: its offsets become as wide as its
+// elements' hints make them, rather than one byte each, so that the image's
+// hint holds for large containers too; an object's members are counted for
+// the keys' width, known once all keys are in. Answers the container's hint.
+inline vkt_u32 close_hint(WriterTables& tables, size_t count, bool isObject,
+                          size_t before) {
+  const vkt_u32 elements = clamp_u32(tables.sizeHint - before);
+  tables.sizeHint += (unsigned_width(elements) - 1) * count;
+  if (isObject) tables.members += count;
+  return clamp_u32(tables.sizeHint - before);
 }
 
 // One container being written at tables.depth. For an object, the caller
@@ -53,6 +67,7 @@ class ContainerWriter {
   void open(bool isArray, size_t count, vkt_u32 sizeHint) {
     mIsArray = isArray;
     mLevel.offsets.clear();
+    mLevel.offsets.reserve(count);  // one allocation, never a doubling
     if (isArray) mLevel.keys.clear();
     if (mTables.optimize) {
       mLevel.siblings.reset(count);
@@ -86,7 +101,7 @@ class ContainerWriter {
     ValueBuffer& out = *mTables.value;
     vkt_u32 offset = begin;
     if (mTables.optimize) {
-      offset = mLevel.siblings.place({begin, vkt_u32(out.size()) - begin, 0},
+      offset = mLevel.siblings.place({begin, vkt_u32(out.size()) - begin},
                                      out.data());
       if (offset != begin) out.resize(begin);  // stored before
     }

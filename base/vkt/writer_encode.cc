@@ -20,19 +20,40 @@ using vkt_internal::StreamEntry;
 namespace {
 
 // Types that prepareNode does more for than add their size hint.
-const vkt_u32 kVisited = 1u << TYPE_STRING | 1u << TYPE_STREAM |
-                         1u << TYPE_ARRAY | 1u << TYPE_OBJECT;
+const vkt_u32 kVisited =
+    1u << TYPE_STRING | 1u << vkt_internal::kShortStringType |
+    1u << TYPE_STREAM | 1u << TYPE_ARRAY | 1u << TYPE_OBJECT;
+
+// An integer's image size, exactly: integers are common and often far
+// below their widest, which kSizeHint counts.
+vkt_u32 integer_hint(vkt_s32 value) {
+  if (value == 0) return 1;
+  return 2 + !fits_signed(value, 1) + !fits_signed(value, 2) +
+         !fits_signed(value, 3);
+}
+
+// The entry of an object's member order in tables.orders, made on the
+// first call of an image for each key list and count.
+template <typename Object>
+vkt_u32 member_order(vkt_internal::WriterTables& tables, const Object& o) {
+  return tables.orders.find(o.keys(), vkt_u32(o.size()), tables.keys,
+                            [&o](vkt_u32* places) { o.keyOrder(places); });
+}
 
 }  // namespace
 
 // Interns what one node names and notes its share of the size hint; a
 // container is only opened here, its elements follow from prepare's stack.
 void VKTWriterValue::prepareNode(VKTWriterObject::Tables& tables) const {
-  tables.sizeHint += kSizeHint[mType];
+  tables.sizeHint +=
+      mType == TYPE_INTEGER ? integer_hint(mIntegerValue) : kSizeHint[mType];
   ++tables.values;
   switch (mType) {
     case TYPE_STRING:
-      mStringInfo->mTag = tables.strings.add(mStringInfo->text());
+      mStringInfo->mTag = tables.addString(mStringInfo->text());
+      break;
+    case vkt_internal::kShortStringType:
+      setShortTag(tables.addString(shortText()));
       break;
     case TYPE_STREAM: {
       // Bound streams go to the bstream table, all others to the stream table.
@@ -47,8 +68,7 @@ void VKTWriterValue::prepareNode(VKTWriterObject::Tables& tables) const {
       tables.sizeHint += head_hint(mArrayInfo->size(), false);
       break;
     case TYPE_OBJECT:
-      tables.sizeHint += head_hint(mObjectInfo->mMembers.size(), true);
-      mObjectInfo->sort();
+      tables.sizeHint += head_hint(mObjectInfo->size(), true);
       break;
     default:
       break;
@@ -64,12 +84,17 @@ bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
     const VKTWriterValue* node;
     size_t next;    // index of the next element to visit
     size_t before;  // the size hint when the container was opened
+    vkt_u32 order;  // an object's entry in tables.orders
   };
   Open open[VKT_MAX_DEPTH];
   size_t depth = 0;  // containers open
   // An array of a few scalars that intern nothing, prepared in one step
   // without opening it; false for any other node (then nothing is done).
-  auto prepareShort = [&tables, &depth](const VKTWriterValue& e) {
+  auto scalar_hint = [](const VKTWriterValue& e) {
+    return e.mType == TYPE_INTEGER ? integer_hint(e.mIntegerValue)
+                                   : kSizeHint[e.mType];
+  };
+  auto prepareShort = [&](const VKTWriterValue& e) {
     if (e.mType != TYPE_ARRAY || depth == VKT_MAX_DEPTH ||
         e.mArrayInfo->size() > vkt_internal::kShortArray) {
       return false;
@@ -78,7 +103,7 @@ bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
     size_t hint = kSizeHint[TYPE_ARRAY] + head_hint(array.size(), false);
     for (const VKTWriterValue& x : array) {
       if (kVisited >> x.mType & 1) return false;
-      hint += kSizeHint[x.mType];
+      hint += scalar_hint(x);
     }
     tables.sizeHint += hint;
     tables.values += 1 + array.size();
@@ -93,7 +118,10 @@ bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
     node->prepareNode(tables);
     if (node->mType == TYPE_ARRAY || node->mType == TYPE_OBJECT) {
       if (depth == VKT_MAX_DEPTH) return false;
-      open[depth++] = Open{node, 0, before};
+      const vkt_u32 order = node->mType == TYPE_OBJECT
+                                ? member_order(tables, *node->mObjectInfo)
+                                : 0;
+      open[depth++] = Open{node, 0, before, order};
       if (depth > tables.deepest) tables.deepest = depth;
     }
     node = nullptr;
@@ -108,21 +136,23 @@ bool VKTWriterValue::prepare(VKTWriterObject::Tables& tables) const {
             node = &e;  // interned or opened above
             break;
           }
-          tables.sizeHint += kSizeHint[e.mType];
+          tables.sizeHint += scalar_hint(e);
           ++tables.values;
         }
         if (node != nullptr) break;
-        array.mSizeHint = clamp_u32(tables.sizeHint - top.before);
+        array.mSizeHint =
+            vkt_internal::close_hint(tables, array.size(), false, top.before);
       } else {
         const ObjectInfo& object = *top.node->mObjectInfo;
-        if (top.next < object.mMembers.size()) {
-          const Member* member = object.mMembers[top.next++];
-          member->mKeyTag = tables.keyAt(top.next - 1, member->key());
-          if (prepareShort(member->mValue)) continue;
-          node = &member->mValue;
+        if (top.next < object.size()) {
+          const vkt_u32 place = tables.orders.at(top.order)[top.next++];
+          const VKTWriterValue& value = object.node(place);
+          if (prepareShort(value)) continue;
+          node = &value;
           break;
         }
-        object.mSizeHint = clamp_u32(tables.sizeHint - top.before);
+        object.mSizeHint =
+            vkt_internal::close_hint(tables, object.size(), true, top.before);
       }
       --depth;
     }
@@ -155,6 +185,10 @@ vkt_u32 VKTWriterValue::encodeScalar(const VKTWriterObject::Tables& tables,
       generate_words(out, unsigned_word(tables.strings.tag(mStringInfo->mTag),
                                         ID_STRING_TAG8));
       break;
+    case vkt_internal::kShortStringType:
+      generate_words(
+          out, unsigned_word(tables.strings.tag(shortTag()), ID_STRING_TAG8));
+      break;
     case TYPE_STREAM:
       if (mStreamInfo->mStreamFlags & VKT_STREAM_FLAG_BOUND) {
         generate_bstream(out, tables.bstreams.tag(mStreamInfo->mTag));
@@ -185,15 +219,15 @@ void VKTWriterValue::createContainerImage(
   if (tables.tooLarge) return;
   vkt_internal::ContainerWriter writer(tables);
   const bool isArray = mType == TYPE_ARRAY;
+  const size_t count = isArray ? mArrayInfo->size() : mObjectInfo->size();
+  vkt_u32 order = 0;
   if (!isArray) {
+    order = member_order(tables, *mObjectInfo);
+    const vkt_u32* ids = tables.orders.at(order) + count;
     std::vector<vkt_u32>& keys = writer.level().keys;
     keys.clear();
-    for (const Member* member : mObjectInfo->mMembers) {
-      keys.push_back(tables.keys.tag(member->mKeyTag));
-    }
+    for (size_t i = 0; i < count; ++i) keys.push_back(tables.keys.tag(ids[i]));
   }
-  const size_t count =
-      isArray ? mArrayInfo->size() : mObjectInfo->mMembers.size();
   writer.open(isArray, count,
               isArray ? mArrayInfo->mSizeHint : mObjectInfo->mSizeHint);
   // A short array of scalars in one step; false for any other node.
@@ -223,7 +257,9 @@ void VKTWriterValue::createContainerImage(
   if (isArray) {
     for (const VKTWriterValue& element : *mArrayInfo) add(element);
   } else {
-    for (const Member* member : mObjectInfo->mMembers) add(member->mValue);
+    for (size_t i = 0; i < count; ++i) {
+      add(mObjectInfo->node(tables.orders.at(order)[i]));
+    }
   }
   writer.close();
 }

@@ -1,10 +1,12 @@
-// The members of an object block: found by a scan or a hash index, made in
-// pages the object owns, sorted by key when the writer asks.
+// The members of an object block: found by a scan or a hash index, their
+// nodes in the block and in chunks the object owns, their keys in a key
+// list shared with the objects of the same shape.
 #include <algorithm>
 
 #include "vkt/writer_blocks.h"
 
 using vkt_internal::hash_bytes;
+using vkt_internal::KeyList;
 
 namespace {
 
@@ -12,137 +14,209 @@ namespace {
 // hash; the index keeps at least half of its slots free.
 const size_t kIndexFrom = 16;
 
-// Page sizes (member bytes, the page's header apart): a first page without
-// a hint holds a few small members; later pages double up to a bound, and a
-// hint never makes a first page larger than kMaxFirstPage, so an object that
-// shares its first key with a large one wastes little.
-const size_t kFirstPage = 96;
-const size_t kMaxFirstPage = 1024;
-const size_t kMaxFirstCount = 32;  // the vector's first room, likewise
-const size_t kMaxPage = 64 << 10;
+// Nodes in the block of an object made without a hint, and at most with
+// one (a block of 1 KiB), so that an object sharing its first key with a
+// large one wastes little.
+const size_t kFirstNodes = 4;
+const size_t kMaxFirstNodes = 62;
 
-// What the last object beginning with a given first key grew to: records of
-// one shape ask for the same room, so the next one takes it in one page and
-// one vector. Per thread, as trees are; only a hint, never a promise.
-struct ShapeHint {
-  vkt_u32 bytes;
-  vkt_u32 count;
+// A key list longer than this is never offered to the next object: a wide
+// object's keys are seldom repeated, and the offer would keep them alive.
+const vkt_u32 kMostHintedKeys = 64;
+
+// The key list of the last object begun with a given first key, per thread
+// (as trees are built), so that the next object of that shape follows it.
+// A slot holds a reference; collisions only cost a copy of the keys.
+class ShapeHints {
+ public:
+  static const size_t kSlots = 64;
+  ShapeHints() = default;
+  ShapeHints(const ShapeHints&) = delete;
+  ShapeHints& operator=(const ShapeHints&) = delete;
+  ~ShapeHints() {
+    for (KeyList* list : mSlots) {
+      if (list != nullptr) KeyList::release(list);
+    }
+  }
+  KeyList*& slot(std::string_view firstKey) {
+    size_t h = firstKey.size() * 31;
+    if (!firstKey.empty()) {
+      h += vkt_u8(firstKey[0]) * 7 + vkt_u8(firstKey.back());
+    }
+    return mSlots[h % kSlots];
+  }
+  // Offers `list` in `slot`, in place of what was there.
+  static void offer(KeyList*& slot, KeyList* list) {
+    if (slot == list) return;
+    KeyList::retain(list);
+    if (slot != nullptr) KeyList::release(slot);
+    slot = list;
+  }
+
+ private:
+  KeyList* mSlots[kSlots] = {};
 };
-const size_t kShapeHints = 64;
-thread_local ShapeHint tShapeHints[kShapeHints];
 
-ShapeHint& shape_hint(std::string_view firstKey) {
-  size_t h = firstKey.size() * 31;
-  if (!firstKey.empty()) h += vkt_u8(firstKey[0]) * 7 + vkt_u8(firstKey.back());
-  return tShapeHints[h % kShapeHints];
+thread_local ShapeHints tShapeHints;
+
+// True when no object but the caller uses `list`: then it may grow in
+// place. Other threads only ever drop references, never take one, so
+// a count seen this low stays this low.
+bool only_user(const KeyList* list, const KeyList* hinted) {
+  const vkt_s32 refs = list->refs.load(std::memory_order_acquire);
+  return refs == 1 || (refs == 2 && hinted == list);
 }
 
 }  // namespace
 
-VKTWriterValue::ObjectInfo::~ObjectInfo() {
-  for (Member* m : mMembers) m->~Member();
-  while (mPages != nullptr) {
-    Page* next = mPages->next;
-    vkt_internal::give_sized(mPages, mPages->bytes);
-    mPages = next;
-  }
-}
-
-void* VKTWriterValue::ObjectInfo::allocate(size_t bytes,
-                                           std::string_view firstKey) {
-  if (mPageFree < bytes) {
-    size_t size =
-        mPages == nullptr
-            ? std::min<size_t>(shape_hint(firstKey).bytes, kMaxFirstPage)
-            : std::min<size_t>(2 * mPageBytes, kMaxPage);
-    if (size < kFirstPage) size = kFirstPage;
-    if (size < bytes) size = bytes;
-    // The page takes the whole of the pooled block it gets.
-    const size_t whole = vkt_internal::pooled_size(sizeof(Page) + size);
-    size = whole - sizeof(Page);
-    Page* page = static_cast<Page*>(vkt_internal::take_sized(whole));
-    page->bytes = whole;
-    page->next = mPages;
-    mPages = page;
-    mPageBytes = vkt_u32(size);
-    mPageFree = vkt_u32(size);
-  }
-  char* p = reinterpret_cast<char*>(mPages + 1) + (mPageBytes - mPageFree);
-  mPageFree -= vkt_u32(bytes);
-  mUsed += vkt_u32(bytes);
-  return p;
-}
-
-// Makes the member and its vector slot; throws with the object unchanged.
-VKTWriterValue::Member* VKTWriterValue::ObjectInfo::addMember(
-    std::string_view key) {
-  const std::string_view firstKey = mMembers.empty() ? key : mMembers[0]->key();
-  if (mMembers.size() == mMembers.capacity()) {  // 4, 6, 9...: little slack
-    size_t want = mMembers.empty() ? 4 : mMembers.size() * 3 / 2;
-    if (mMembers.empty()) {
-      want = std::max<size_t>(
-          want, std::min<size_t>(shape_hint(key).count, kMaxFirstCount));
+VKTWriterValue::ObjectInfo* VKTWriterValue::ObjectInfo::make(
+    std::string_view firstKey) {
+  size_t nodes = kFirstNodes;
+  if (!firstKey.empty()) {
+    const KeyList* hint = tShapeHints.slot(firstKey);
+    if (hint != nullptr && hint->key(0) == firstKey) {
+      nodes = std::min<size_t>(std::max<size_t>(nodes, hint->count),
+                               kMaxFirstNodes);
     }
-    mMembers.reserve(want);
   }
-  Member* m =
-      new (allocate(Member::bytesFor(key.size()), firstKey)) Member(key);
-  if (mSorted && !mMembers.empty() && mMembers.back()->key() > key) {
-    mSorted = false;
+  // The block takes the whole of the pooled size class it gets.
+  const size_t bytes = vkt_internal::pooled_size(blockBytes(vkt_u32(nodes)));
+  void* p = vkt_internal::take_sized(bytes);
+  return new (p) ObjectInfo(
+      vkt_u32((bytes - sizeof(ObjectInfo)) / sizeof(VKTWriterValue)));
+}
+
+void VKTWriterValue::ObjectInfo::destroy(ObjectInfo* o) {
+  const size_t bytes = vkt_internal::pooled_size(blockBytes(o->mInline));
+  o->~ObjectInfo();
+  vkt_internal::give_sized(o, bytes);
+}
+
+// Only nodes that hold a block have anything to let go of; nodes past the
+// count were never handed out and are null.
+VKTWriterValue::ObjectInfo::~ObjectInfo() {
+  for (vkt_u32 i = 0; i < mCount; ++i) {
+    VKTWriterValue& v = node(i);
+    if (vkt_internal::kBlockTypes >> v.mType & 1) v.~VKTWriterValue();
   }
-  mMembers.push_back(m);  // reserved: cannot throw
-  ShapeHint& hint = shape_hint(firstKey);
-  hint.bytes = mUsed;
-  hint.count = vkt_u32(mMembers.size());
-  return m;
+  if (mKeys != nullptr) KeyList::release(mKeys);
+  if (mExtra != nullptr) {
+    for (size_t k = 0; k < mExtra->chunks.size(); ++k) {
+      vkt_internal::give_sized(mExtra->chunks[k],
+                               (kFirstChunk << k) * sizeof(VKTWriterValue));
+    }
+    delete mExtra;
+  }
+}
+
+// Room for one more node; throws with the object unchanged.
+void VKTWriterValue::ObjectInfo::addNodeRoom() {
+  const size_t chunks = mExtra != nullptr ? mExtra->chunks.size() : 0;
+  if (mCount < mInline + kFirstChunk * ((size_t(1) << chunks) - 1)) return;
+  if (mExtra == nullptr) mExtra = new Extra;
+  mExtra->chunks.reserve(chunks + 1);
+  const size_t nodes = kFirstChunk << chunks;
+  auto* chunk = static_cast<VKTWriterValue*>(
+      vkt_internal::take_sized(nodes * sizeof(VKTWriterValue)));
+  for (size_t i = 0; i < nodes; ++i) new (&chunk[i]) VKTWriterValue;
+  mExtra->chunks.push_back(chunk);  // reserved: cannot throw
+}
+
+// Puts `key` at place mCount of the key list: follows the list when it
+// already holds that key there, grows it in place when this object alone
+// uses it, and otherwise copies its first keys into a list of our own.
+// Throws with the object unchanged.
+void VKTWriterValue::ObjectInfo::addKey(std::string_view key) {
+  const vkt_u32 at = mCount;
+  KeyList*& hint = tShapeHints.slot(at == 0 ? key : mKeys->key(0));
+  if (mKeys == nullptr && hint != nullptr && hint->key(0) == key) {
+    KeyList::retain(hint);
+    mKeys = hint;
+    return;
+  }
+  if (mKeys != nullptr && mKeys->count > at && mKeys->key(at) == key) return;
+  if (mKeys != nullptr && mKeys->count == at && mKeys->hasRoomFor(key.size()) &&
+      only_user(mKeys, hint)) {
+    mKeys->push(key);
+  } else {
+    KeyList* fresh = KeyList::make(mKeys, at, key);
+    if (mKeys != nullptr) KeyList::release(mKeys);
+    mKeys = fresh;
+  }
+  if (mKeys->count <= kMostHintedKeys) {
+    ShapeHints::offer(hint, mKeys);
+  } else if (hint == mKeys) {
+    hint = nullptr;
+    KeyList::release(mKeys);
+  }
+}
+
+vkt_u32 VKTWriterValue::ObjectInfo::find(std::string_view key) {
+  if (!indexed()) {
+    for (vkt_u32 i = 0; i < mCount; ++i) {
+      if (mKeys->key(i) == key) return i;
+    }
+    return mCount;
+  }
+  return mExtra->index.findOrAdd(
+      hash_bytes(key.data(), key.size()), mCount,
+      [&](vkt_u32 i) { return mKeys->key(i) == key; },
+      [this](vkt_u32 i) {
+        const std::string_view k = mKeys->key(i);
+        return hash_bytes(k.data(), k.size());
+      });
 }
 
 VKTWriterValue& VKTWriterValue::ObjectInfo::at(std::string_view key) {
-  const vkt_u32 next = vkt_u32(mMembers.size());
-  vkt_u32 found = next;
-  if (!indexed()) {
-    for (vkt_u32 i = 0; i < next && found == next; ++i) {
-      if (mMembers[i]->key() == key) found = i;
-    }
-  } else {
-    found = mIndex->findOrAdd(
-        hash_bytes(key.data(), key.size()), next,
-        [&](vkt_u32 i) { return mMembers[i]->key() == key; },
-        [this](vkt_u32 i) { return mMembers[i]->keyHash(); });
-  }
-  if (found != next) return mMembers[found]->mValue;
-  Member* m = nullptr;
+  const vkt_u32 found = find(key);
+  if (found != mCount) return node(found);
   try {
-    m = addMember(key);
+    addNodeRoom();
+    addKey(key);
   } catch (...) {
     // The index has a slot for the member that did not come: rebuilt, or
     // left empty (the object is then scanned) if that fails too.
     if (indexed()) indexAll();
     throw;
   }
-  if (!indexed() && mMembers.size() == kIndexFrom) indexAll();
-  return m->mValue;
+  ++mCount;
+  if (!indexed() && mCount == kIndexFrom) indexAll();
+  return node(mCount - 1);
 }
 
 // All slots are made first, so a failed allocation leaves the index empty
 // rather than missing members.
-void VKTWriterValue::ObjectInfo::indexAll() const {
-  if (mIndex == nullptr) mIndex.reset(new vkt_internal::OpenIndex);
-  mIndex->clear();
-  mIndex->reserve(mMembers.size());
-  for (vkt_u32 i = 0; i < mMembers.size(); ++i) {
-    mIndex->findOrAdd(
-        mMembers[i]->keyHash(), i, [](vkt_u32) { return false; },
-        [this](vkt_u32 j) { return mMembers[j]->keyHash(); });
+void VKTWriterValue::ObjectInfo::indexAll() {
+  if (mExtra == nullptr) mExtra = new Extra;
+  vkt_internal::OpenIndex& index = mExtra->index;
+  index.clear();
+  index.reserve(mCount);
+  auto hashOf = [this](vkt_u32 i) {
+    const std::string_view k = mKeys->key(i);
+    return hash_bytes(k.data(), k.size());
+  };
+  for (vkt_u32 i = 0; i < mCount; ++i) {
+    index.findOrAdd(
+        hashOf(i), i, [](vkt_u32) { return false; }, hashOf);
   }
 }
 
-void VKTWriterValue::ObjectInfo::sort() const {
-  if (mSorted) return;
-  // Keys are unique, so any sort gives the one order.
-  std::sort(
-      mMembers.begin(), mMembers.end(),
-      [](const Member* a, const Member* b) { return a->key() < b->key(); });
-  mSorted = true;
-  if (indexed()) indexAll();  // the indexes moved
+void VKTWriterValue::ObjectInfo::keyOrder(vkt_u32* out) const {
+  if (mExtra != nullptr && mExtra->orderKeys == mKeys &&
+      mExtra->orderCount == mCount) {
+    std::copy(mExtra->order.begin(), mExtra->order.end(), out);
+    return;
+  }
+  for (vkt_u32 i = 0; i < mCount; ++i) out[i] = i;
+  if (mCount != 0 && mCount > mKeys->sortedPrefix) {
+    // Keys are unique, so any sort gives the one order.
+    std::sort(out, out + mCount, [this](vkt_u32 a, vkt_u32 b) {
+      return mKeys->key(a) < mKeys->key(b);
+    });
+  }
+  if (mExtra != nullptr) {  // the tree is one writer's while it is written
+    mExtra->order.assign(out, out + mCount);
+    mExtra->orderKeys = mKeys;
+    mExtra->orderCount = mCount;
+  }
 }

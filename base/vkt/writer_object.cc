@@ -16,9 +16,10 @@
 // payloads go from their source straight to the output.
 #include "vkt/packed_array.h"
 #include "vkt/streams.h"
-#include "vkt/writer_tables.h"
+#include "vkt/writer_container.h"
 
 using vkt_internal::kMaxImageSize;
+using vkt_internal::kSizeHint;
 using vkt_internal::StreamEntry;
 using vkt_internal::ValueBuffer;
 
@@ -89,25 +90,43 @@ void write_entity(VKTWriteStream& writer, const Table& table,
   }
 }
 
-// The strings in table order, each closed by a NUL, and where each starts.
-// Answers false when they pass kMaxImageSize (then nothing is built).
+// The string entity's size and its offset array's, in 64 bits, found
+// before either is built (they are built once the root value is done, so
+// that they never share the heap with the value walk's scratch).
+struct StringSections {
+  vkt_u64 entity = 0;
+  vkt_u64 offsets = 0;
+};
+
 template <typename Table>
-bool build_string_entity(const Table& strings, vkt_binary* entity,
-                         std::vector<vkt_u32>* offsets) {
-  vkt_u64 bytes = 0;
+StringSections measure_strings(const Table& strings) {
+  StringSections size;
+  vkt_u64 last = 0;  // where the last string starts
   for (size_t i = 0; i < strings.size(); ++i) {
-    bytes += strings.sorted(i).size() + 1;
+    last = size.entity;
+    size.entity += strings.sorted(i).size() + 1;
   }
-  if (bytes > kMaxImageSize) return false;
+  if (size.entity <= kMaxImageSize) {
+    size.offsets = unsigned_array_size(vkt_u32(strings.size()),
+                                       unsigned_width(vkt_u32(last)));
+  }
+  return size;
+}
+
+// The strings in table order, each closed by a NUL, and the array of where
+// each starts; `bytes` is what measure_strings found, at most kMaxImageSize.
+template <typename Table>
+void build_string_sections(const Table& strings, vkt_u64 bytes,
+                           vkt_binary* entity, vkt_binary* offsetArray) {
+  std::vector<vkt_u32> offsets(strings.size());
   entity->reserve(bytes);
-  offsets->resize(strings.size());
   for (size_t i = 0; i < strings.size(); ++i) {
     const std::string_view text = strings.sorted(i);
-    (*offsets)[i] = vkt_u32(entity->size());
+    offsets[i] = vkt_u32(entity->size());
     entity->insert(entity->end(), text.begin(), text.end());
     entity->push_back(0);
   }
-  return true;
+  *offsetArray = create_unsigned_array(offsets);
 }
 
 // The structural sections behind the root value, built in memory.
@@ -207,6 +226,17 @@ void write_back(VKTWriteStream& writer, const BackSections& back,
                vkt_u32(start + offsets[SECTION_STREAM_ENTITY]));
 }
 
+// The root value's likely size, once the tables are numbered: prepare's
+// hint with the key arrays as wide as the key table makes them, and each
+// string tag at its own width.
+vkt_u64 root_hint(const vkt_internal::WriterTables& tables) {
+  const size_t keyWidth = unsigned_width(vkt_u32(tables.keys.size()));
+  size_t stringRefs = 0;
+  for (const vkt_u32 refs : tables.stringRefs) stringRefs += refs;
+  return tables.sizeHint + (keyWidth - 1) * tables.members +
+         tables.stringTagHint() - kSizeHint[TYPE_STRING] * stringRefs;
+}
+
 // A ValueSource from two functions, so that the writer's own members can
 // walk a tree through its private parts.
 template <typename Prepare, typename Encode>
@@ -276,12 +306,11 @@ bool VKTWriterObject::assemble(vkt_internal::ValueSource& source,
 
   const EntityLayout streams = layout_entity(tables.streams);
   const EntityLayout bstreams = layout_entity(tables.bstreams);
-  BackSections back;
-  std::vector<vkt_u32> stringOffsets;
+  const StringSections strings = measure_strings(tables.strings);
   // The payloads and strings alone may pass the limit: refused before the
   // root value is built.
   if (start + streams.size + bstreams.size > kMaxImageSize ||
-      !build_string_entity(tables.strings, &back.strings, &stringOffsets)) {
+      strings.entity > kMaxImageSize) {
     mError = kTooLarge;
     return false;
   }
@@ -303,13 +332,20 @@ bool VKTWriterObject::assemble(vkt_internal::ValueSource& source,
   }
   const vkt_u64 keySize = image.size() - headerSize;
 
-  // The root's likely size with a little slack for wider offsets and, when
-  // the front becomes the whole image, all that follows it.
-  vkt_u64 expected = image.size() + tables.sizeHint + tables.sizeHint / 8;
+  // The root's likely size with a little slack and, when the front becomes
+  // the whole image, all that follows it. The slack is all the room the
+  // buffer has before it grows, which holds the old and the new buffer at
+  // once, so the hint counts what it can exactly.
+  const vkt_u64 hint = root_hint(tables);
+  std::vector<vkt_u32>().swap(tables.stringRefs);  // counted: not needed
+  vkt_u64 expected = image.size() + hint + hint / 32;
   if (sink == nullptr) {
-    expected += back.strings.size() + 5 * stringOffsets.size() + streams.size +
-                bstreams.size + streams.maxAlignment + bstreams.maxAlignment +
-                8 * (streams.sizes.size() + bstreams.sizes.size()) + 64;
+    expected += strings.entity + strings.offsets +
+                unsigned_array_size(streams.offsets) +
+                unsigned_array_size(streams.sizes) +
+                unsigned_array_size(bstreams.offsets) +
+                unsigned_array_size(bstreams.sizes) + streams.size +
+                bstreams.size + streams.maxAlignment + bstreams.maxAlignment;
   }
   if (expected <= kMaxImageSize) image.reserve(expected);
   if (image.size() <= kMaxImageSize) {
@@ -319,8 +355,12 @@ bool VKTWriterObject::assemble(vkt_internal::ValueSource& source,
     value.finish();
   }
   const vkt_u64 rootSize = image.size() - headerSize - keySize;
+  // The walk's scratch goes before the string sections come.
+  std::vector<Tables::Level>().swap(tables.levels);
 
-  back.stringOffsets = create_unsigned_array(stringOffsets);
+  BackSections back;
+  build_string_sections(tables.strings, strings.entity, &back.strings,
+                        &back.stringOffsets);
   back.streamOffsets = create_unsigned_array(streams.offsets);
   back.streamSizes = create_unsigned_array(streams.sizes);
   back.bstreamOffsets = create_unsigned_array(bstreams.offsets);

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "vkt/packed_array.h"
 #include "vkt/writer_blocks.h"
 
 namespace vkt_internal {
@@ -50,7 +51,8 @@ class Interner {
   const Entry& entry(vkt_u32 id) const { return mEntries[id]; }
 
   // Sorts once; after this tag(id) is the entry's place in table order.
-  void number() {
+  // `closed`: no entry is added after it, so the index and the hashes go.
+  void number(bool closed = false) {
     struct Keyed {
       vkt_u64 prefix;
       vkt_u32 id;
@@ -69,6 +71,10 @@ class Interner {
     for (vkt_u32 i = 0; i < mOrder.size(); ++i) {
       mOrder[i] = keyed[i].id;
       mRank[keyed[i].id] = i;
+    }
+    if (closed) {
+      mIndex = OpenIndex();
+      std::vector<vkt_u64>().swap(mHashes);
     }
   }
 
@@ -192,10 +198,67 @@ class ValueBuffer {
   size_t mUsed;
 };
 
+// An open-addressing index like OpenIndex, for a number of entries known
+// up front, whose slots keep bits of each entry's hash above its index + 1:
+// a probe that meets another entry mostly tells it apart by those bits,
+// without reading the entry, so the entries need not keep their hashes.
+class TaggedIndex {
+ public:
+  bool empty() const { return mSlots.empty(); }
+  void clear() { mSlots.clear(); }
+  // Room for `count` entries without growing; the index must be empty.
+  void reserve(size_t count) {
+    size_t slots = 64;
+    while (slots < count * 2) slots *= 2;
+    mSlots.assign(slots, 0);
+    mIndexBits = 1;
+    while (mIndexBits < 32 && (vkt_u64(1) << mIndexBits) <= count) {
+      ++mIndexBits;
+    }
+  }
+
+  // As OpenIndex::findOrAdd, `h` a 64-bit hash: its low bits place the
+  // entry and its high ones tag the slot.
+  template <typename Same, typename HashOf>
+  vkt_u32 findOrAdd(vkt_u64 h, vkt_u32 next, Same same, HashOf hashOf) {
+    if ((size_t(next) + 1) * 2 > mSlots.size() ||
+        vkt_u64(next) + 1 >= vkt_u64(1) << mIndexBits) {
+      grow(next, hashOf);
+    }
+    const vkt_u32 indexMask = vkt_u32((vkt_u64(1) << mIndexBits) - 1);
+    const vkt_u32 tag = vkt_u32(h >> 32) & ~indexMask;
+    const size_t mask = mSlots.size() - 1;
+    for (size_t i = size_t(h) & mask;; i = (i + 1) & mask) {
+      const vkt_u32 slot = mSlots[i];
+      if (slot == 0) {
+        mSlots[i] = tag | (next + 1);
+        return next;
+      }
+      if ((slot & ~indexMask) == tag && same((slot & indexMask) - 1)) {
+        return (slot & indexMask) - 1;
+      }
+    }
+  }
+
+ private:
+  // More entries than reserved for: all placed again in a larger index.
+  template <typename HashOf>
+  void grow(vkt_u32 entries, HashOf hashOf) {
+    reserve(size_t(entries) * 2 + 1);
+    for (vkt_u32 e = 0; e < entries; ++e) {
+      findOrAdd(
+          hashOf(e), e, [](vkt_u32) { return false; }, hashOf);
+    }
+  }
+
+  std::vector<vkt_u32> mSlots;
+  vkt_u32 mIndexBits = 32;
+};
+
 // The element images of the container being written at one depth, each
 // stored once; Traits says what an image is (Image, with its `offset`), how
 // it hashes and when two are equal. The first few are compared one by one;
-// past kScanUpTo they go into a hash index, which grows with them.
+// past kScanUpTo they go into a hash index sized for the whole container.
 template <typename Traits>
 class SiblingSet {
  public:
@@ -226,32 +289,32 @@ class SiblingSet {
  private:
   static const size_t kScanUpTo = 8;
 
-  vkt_u32 placeHashed(Image hashed, const vkt_u8* buffer) {
+  vkt_u32 placeHashed(Image image, const vkt_u8* buffer) {
+    auto hashOf = [this, buffer](vkt_u32 i) {
+      return Traits::hash(mImages[i], buffer);
+    };
     if (mIndex.empty()) {  // from scanning to the index
+      // Both sized for the whole container at once: growing by doubling
+      // would hold the old and the new copy together at the peak.
+      mImages.reserve(mCount);
       mIndex.reserve(mCount);
       for (vkt_u32 i = 0; i < mImages.size(); ++i) {
-        mImages[i].hash = Traits::hash(mImages[i], buffer);
         mIndex.findOrAdd(
-            mImages[i].hash, i, [](vkt_u32) { return false; },
-            [this](vkt_u32 j) { return mImages[j].hash; });
+            hashOf(i), i, [](vkt_u32) { return false; }, hashOf);
       }
     }
-    hashed.hash = Traits::hash(hashed, buffer);
     const vkt_u32 next = vkt_u32(mImages.size());
     const vkt_u32 found = mIndex.findOrAdd(
-        hashed.hash, next,
-        [&](vkt_u32 i) {
-          return mImages[i].hash == hashed.hash &&
-                 Traits::equal(mImages[i], hashed, buffer);
-        },
-        [this](vkt_u32 i) { return mImages[i].hash; });
+        Traits::hash(image, buffer), next,
+        [&](vkt_u32 i) { return Traits::equal(mImages[i], image, buffer); },
+        hashOf);
     if (found != next) return mImages[found].offset;
-    mImages.push_back(hashed);
-    return hashed.offset;
+    mImages.push_back(image);
+    return image.offset;
   }
 
   std::vector<Image> mImages;
-  OpenIndex mIndex;
+  TaggedIndex mIndex;
   size_t mCount = 0;  // elements of the container
 };
 
@@ -261,7 +324,6 @@ struct StretchTraits {
   struct Image {
     vkt_u32 offset;
     vkt_u32 length;
-    vkt_u64 hash;
   };
   static vkt_u64 hash(const Image& a, const vkt_u8* p) {
     return hash_bytes(p + a.offset, a.length);
@@ -279,23 +341,78 @@ struct ScalarTraits {
   struct Image {
     vkt_u64 low, high;
     vkt_u32 offset;
-    vkt_u64 hash;
   };
   static Image of(const vkt_u8 (&buf)[SCALAR_BUFFER_SIZE], vkt_u32 offset) {
     static_assert(SCALAR_BUFFER_SIZE == 16, "two words hold a scalar");
-    Image image{0, 0, offset, 0};
+    Image image{0, 0, offset};
     std::memcpy(&image.low, buf, 8);
     std::memcpy(&image.high, buf + 8, 8);
     return image;
   }
   static vkt_u64 hash(const Image& a, const vkt_u8*) {
-    vkt_u64 h =
-        (a.low ^ a.high * 0xC2B2AE3D27D4EB4Full) * 0x9E3779B97F4A7C15ull;
-    return h ^ (h >> 32);
+    return fold_multiply(a.low ^ 0x9E3779B97F4A7C15ull,
+                         a.high ^ 0xC2B2AE3D27D4EB4Full);
   }
   static bool equal(const Image& a, const Image& b, const vkt_u8*) {
     return a.low == b.low && a.high == b.high;
   }
+};
+
+// The members of the objects of a tree in key order, and their keys' ids,
+// per key list and member count: objects of one shape share both, so the
+// order of a record is worked out once per image rather than once per
+// record, and the second walk finds it again without sorting.
+template <typename TextTable>
+class MemberOrders {
+ public:
+  // Where the entry of the first `count` keys of `list` starts in the pool:
+  // count member places in key order, then the ids of their keys in
+  // `keys`. `fill(places)` writes the places of a new entry.
+  template <typename Fill>
+  vkt_u32 find(const KeyList* list, vkt_u32 count, TextTable& keys, Fill fill) {
+    if (list == mLast.list && count == mLast.count) return mLast.start;
+    const vkt_u32 next = vkt_u32(mEntries.size());
+    const vkt_u32 i = mIndex.findOrAdd(
+        hashOf(list, count), next,
+        [&](vkt_u32 j) {
+          return mEntries[j].list == list && mEntries[j].count == count;
+        },
+        [this](vkt_u32 j) {
+          return hashOf(mEntries[j].list, mEntries[j].count);
+        });
+    if (i == next) {
+      const Entry entry{list, count, vkt_u32(mPool.size())};
+      mPool.resize(mPool.size() + 2 * size_t(count));
+      vkt_u32* places = mPool.data() + entry.start;
+      fill(places);
+      for (vkt_u32 j = 0; j < count; ++j) {
+        places[count + j] = keys.add(list->key(places[j]));
+      }
+      mEntries.push_back(entry);
+    }
+    mLast = mEntries[i];
+    return mLast.start;
+  }
+  // The entry that starts at `start`; good until the next find.
+  const vkt_u32* at(vkt_u32 start) const { return mPool.data() + start; }
+
+ private:
+  struct Entry {
+    const KeyList* list;
+    vkt_u32 count;
+    vkt_u32 start;
+  };
+  static vkt_u64 hashOf(const KeyList* list, vkt_u32 count) {
+    const vkt_u64 h =
+        (vkt_u64(reinterpret_cast<std::uintptr_t>(list)) ^ count) *
+        0x9E3779B97F4A7C15ull;
+    return h ^ (h >> 29);
+  }
+
+  std::vector<Entry> mEntries;
+  OpenIndex mIndex;
+  std::vector<vkt_u32> mPool;
+  Entry mLast = {nullptr, 0, 0};  // an empty object's entry is empty
 };
 
 // The key, string and stream tables of one writeImage call, and the scratch
@@ -324,10 +441,37 @@ struct WriterTables {
     return keyAt(position, key, [](std::string_view k) { return k; });
   }
 
-  // Sorts every table once all entries are in.
+  // Interns a string value's text and counts the reference, so that the
+  // hint can count each reference's tag at its width once the strings are
+  // numbered.
+  template <typename Keep>
+  vkt_u32 addString(std::string_view text, Keep keep) {
+    const vkt_u32 id = strings.add(text, keep);
+    if (id == stringRefs.size()) {
+      stringRefs.push_back(1);
+    } else {
+      ++stringRefs[id];
+    }
+    return id;
+  }
+  vkt_u32 addString(std::string_view text) {
+    return addString(text, [](std::string_view t) { return t; });
+  }
+  // The bytes of all string tags once the strings are numbered, each at
+  // its own width (sizeHint counted each at kSizeHint's three bytes).
+  size_t stringTagHint() const {
+    size_t bytes = 0;
+    for (vkt_u32 id = 0; id < stringRefs.size(); ++id) {
+      bytes += size_t(stringRefs[id]) * (1 + unsigned_width(strings.tag(id)));
+    }
+    return bytes;
+  }
+
+  // Sorts every table once all entries are in. Every walk interns its
+  // strings before (an encoding walk may still look a key up).
   void number() {
     keys.number();
-    strings.number();
+    strings.number(true);
     streams.number();
     bstreams.number();
   }
@@ -342,6 +486,7 @@ struct WriterTables {
   };
 
   TextTable keys;
+  MemberOrders<TextTable> orders;
   struct KeyPlace {
     std::string_view key;  // null before the first key at this place
     vkt_u32 id;
@@ -359,7 +504,9 @@ struct WriterTables {
   size_t deepest = 0;   // containers open at once, at most, as prepare saw
   size_t depth = 0;     // of the container being written
   size_t sizeHint = 0;  // the root value's likely size, summed by prepare
-  vkt_u64 values = 0;   // nodes prepare visited: the image's values, unshared
+  size_t members = 0;   // object members, for the key arrays' width
+  std::vector<vkt_u32> stringRefs;  // references to each string, by id
+  vkt_u64 values = 0;  // nodes prepare visited: the image's values, unshared
 };
 
 // What writeImage makes a root value of: walked twice in the same order,

@@ -78,6 +78,10 @@ void VKTWriterValue::share(const VKTWriterValue& r) {
       mObjectInfo = r.mObjectInfo;
       ++mObjectInfo->mRefCount;
       break;
+    case vkt_internal::kShortStringType:
+      std::memcpy(mShortHead, r.mShortHead, sizeof mShortHead);
+      std::memcpy(mShortTail, r.mShortTail, sizeof mShortTail);
+      break;
     default:  // TYPE_NULL: nothing to copy
       break;
   }
@@ -140,16 +144,16 @@ void VKTWriterValue::releaseContainer() {
     if (top.isArray) {
       ArrayInfo* block = static_cast<ArrayInfo*>(top.block);
       if (top.next < block->mSize) {
-        child = &block->mData[top.next++];
+        child = &block->data()[top.next++];
       } else {
         delete block;
       }
     } else {
       ObjectInfo* block = static_cast<ObjectInfo*>(top.block);
-      if (top.next < block->mMembers.size()) {
-        child = &block->mMembers[top.next++]->mValue;
+      if (top.next < block->size()) {
+        child = &block->node(top.next++);
       } else {
-        delete block;
+        ObjectInfo::destroy(block);
       }
     }
     if (child != nullptr) {
@@ -193,6 +197,16 @@ void VKTWriterValue::setBool(bool value) {
 }
 
 void VKTWriterValue::setString(const std::string& value) {
+  if (value.size() <= vkt_internal::kShortMost) {
+    if (kBlockTypes >> mType & 1) clear();
+    mType = vkt_u8(vkt_internal::kShortStringType);
+    mShortHead[0] = char(value.size());
+    if (!value.empty()) {
+      std::memcpy(reinterpret_cast<char*>(this) + 2, value.data(),
+                  value.size());
+    }
+    return;
+  }
   // Made before clear: value may be ours.
   StringInfo* info = StringInfo::make(value);
   clear();
@@ -239,9 +253,12 @@ void VKTWriterValue::toArray() {
   mArrayInfo = array;
 }
 
-void VKTWriterValue::toObject() {
+void VKTWriterValue::toObject() { toObject(std::string_view()); }
+
+// `firstKey` sizes the new block for the shape it begins.
+void VKTWriterValue::toObject(std::string_view firstKey) {
   if (mType == TYPE_OBJECT) return;
-  ObjectInfo* object = new ObjectInfo;
+  ObjectInfo* object = ObjectInfo::make(firstKey);
   if (kBlockTypes >> mType & 1) clear();
   mType = TYPE_OBJECT;
   mObjectInfo = object;
@@ -252,13 +269,13 @@ void VKTWriterValue::append(const VKTWriterValue& ref) {
   VKTWriterValue held(ref);
   toArray();
   mArrayInfo->growTo(mArrayInfo->size() + 1);
-  mArrayInfo->mData[mArrayInfo->size() - 1].share(held);
+  mArrayInfo->data()[mArrayInfo->size() - 1].share(held);
 }
 
 VKTWriterValue& VKTWriterValue::operator[](vkt_u32 index) {
   if (mType != TYPE_ARRAY) toArray();
   mArrayInfo->growTo(size_t(index) + 1);
-  return mArrayInfo->mData[index];
+  return mArrayInfo->data()[index];
 }
 
 void VKTWriterValue::append(const std::string& key, const VKTWriterValue& ref) {
@@ -267,11 +284,12 @@ void VKTWriterValue::append(const std::string& key, const VKTWriterValue& ref) {
 }
 
 VKTWriterValue& VKTWriterValue::operator[](const std::string& key) {
-  toObject();
+  toObject(key);
   return mObjectInfo->at(key);
 }
 
 VKTWriterValue& VKTWriterValue::operator[](const char* key) {
-  toObject();
-  return mObjectInfo->at(key);
+  const std::string_view k(key);
+  toObject(k);
+  return mObjectInfo->at(k);
 }
