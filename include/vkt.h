@@ -1226,7 +1226,8 @@ class VKTWriterValue {
   // Appends a copy of ref (sharing its block).
   void append(const VKTWriterValue& ref);
   // Element `index`, growing the array with nulls up to it. The reference
-  // holds until the array grows again.
+  // holds until the array grows again; a write through it after that
+  // corrupts the array, as through any dangling reference.
   VKTWriterValue& operator[](vkt_u32 index);
   template <typename T,
             typename std::enable_if<std::is_integral<T>::value, int>::type = 0>
@@ -1318,7 +1319,9 @@ class VKTWriterValue {
   vkt_u8 mType;
   char mShortHead[7];  // a short string's size, then its first six bytes
   union {
-    char mShortTail[8];  // a short string's last four bytes, then the tag
+    // A short string's last four bytes, then the tag, which the writer sets
+    // in a tree passed as const.
+    mutable char mShortTail[8];
     bool mBoolValue;
     vkt_s32 mIntegerValue;
     vkt_s64 mLongIntegerValue;

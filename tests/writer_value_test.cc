@@ -213,3 +213,29 @@ TEST(WriterValue, TreesMoveBetweenThreads) {
   build(&again);
   EXPECT_EQ(written_root(again), expected);
 }
+
+// A tree built while the thread ends (in the destructor of a thread-local
+// made before the writer's own) finds the thread's caches closed, and
+// still writes; the sanitizer build checks that nothing freed is read.
+TEST(WriterValue, TreesBuiltWhileTheThreadEnds) {
+  struct Late {
+    vkt_binary* image;
+    ~Late() {
+      VKTWriterValue v;
+      v["alpha"] = 1;
+      v["beta"] = "a string longer than ten bytes";
+      *image = VKTWriterObject().createImage(v);
+    }
+  };
+  vkt_binary late;
+  std::thread([&] {
+    thread_local Late end{nullptr};
+    end.image = &late;
+    VKTWriterValue a;
+    a["alpha"] = 1;
+    a["beta"] = 2;
+  }).join();
+  EXPECT_TRUE(VKTObject::verify(late));
+  EXPECT_EQ(VKTObject(late).root()["beta"].asStringView(),
+            "a string longer than ten bytes");
+}

@@ -15,9 +15,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>  // offsetof
 #include <cstring>
 #include <memory>
 #include <new>
+#include <stdexcept>  // length_error
 #include <string>
 #include <string_view>
 #include <vector>
@@ -95,8 +97,9 @@ const vkt_u32 kBlockTypes = 1u << TYPE_STRING | 1u << TYPE_STREAM |
 }  // namespace vkt_internal
 
 inline std::string_view VKTWriterValue::shortText() const {
-  static_assert(sizeof(VKTWriterValue) == 16 && alignof(VKTWriterValue) == 8,
-                "mShortHead and mShortTail are unbroken");
+  static_assert(
+      sizeof(VKTWriterValue) == 16 && offsetof(VKTWriterValue, mShortTail) == 8,
+      "mShortHead and mShortTail are unbroken");
   return std::string_view(reinterpret_cast<const char*>(this) + 2,
                           vkt_u8(mShortHead[0]));
 }
@@ -107,7 +110,7 @@ inline vkt_u32 VKTWriterValue::shortTag() const {
 }
 // Writer scratch in a node of a tree passed as const (see VKTWriterObject).
 inline void VKTWriterValue::setShortTag(vkt_u32 tag) const {
-  std::memcpy(const_cast<char*>(mShortTail) + 4, &tag, sizeof tag);
+  std::memcpy(mShortTail + 4, &tag, sizeof tag);
 }
 
 struct VKTWriterValue::StringInfo {
@@ -282,10 +285,16 @@ struct KeyList {
   vkt_u32 sortedPrefix = 0;  // how many leading keys are in key order
 
   // A new list of the first `prefix` keys of `from` (null when prefix is 0)
-  // and `key`, with room to grow by doubling.
+  // and `key`, with room to grow by doubling. Throws std::length_error
+  // when the keys or their text would pass what 32-bit ends can count
+  // (no image could hold such an object).
   static KeyList* make(const KeyList* from, vkt_u32 prefix,
                        std::string_view key) {
     const vkt_u32 text = (prefix == 0 ? 0 : from->ends()[prefix - 1]);
+    const size_t kMost = 0x7FFFFFFF;  // doubled below, still 32 bits
+    if (prefix >= kMost || key.size() >= kMost - text) {
+      throw std::length_error("vkt: object keys beyond 2 GiB");
+    }
     const size_t keys = std::max<size_t>(4, 2 * (size_t(prefix) + 1));
     const size_t bytes = std::max<size_t>(32, 2 * (text + key.size() + 1));
     KeyList* list =

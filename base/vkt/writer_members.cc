@@ -33,9 +33,14 @@ class ShapeHints {
   ShapeHints() = default;
   ShapeHints(const ShapeHints&) = delete;
   ShapeHints& operator=(const ShapeHints&) = delete;
+  // An object built after this (by another thread-local's destructor, or
+  // a static one's at exit) finds empty slots and offers nothing, as the
+  // block pools do once their thread ends.
   ~ShapeHints() {
-    for (KeyList* list : mSlots) {
+    mClosed = true;
+    for (KeyList*& list : mSlots) {
       if (list != nullptr) KeyList::release(list);
+      list = nullptr;
     }
   }
   KeyList*& slot(std::string_view firstKey) {
@@ -46,8 +51,8 @@ class ShapeHints {
     return mSlots[h % kSlots];
   }
   // Offers `list` in `slot`, in place of what was there.
-  static void offer(KeyList*& slot, KeyList* list) {
-    if (slot == list) return;
+  void offer(KeyList*& slot, KeyList* list) {
+    if (slot == list || mClosed) return;
     KeyList::retain(list);
     if (slot != nullptr) KeyList::release(slot);
     slot = list;
@@ -55,6 +60,7 @@ class ShapeHints {
 
  private:
   KeyList* mSlots[kSlots] = {};
+  bool mClosed = false;  // the thread is ending: nothing is held any more
 };
 
 thread_local ShapeHints tShapeHints;
@@ -144,7 +150,7 @@ void VKTWriterValue::ObjectInfo::addKey(std::string_view key) {
     mKeys = fresh;
   }
   if (mKeys->count <= kMostHintedKeys) {
-    ShapeHints::offer(hint, mKeys);
+    tShapeHints.offer(hint, mKeys);
   } else if (hint == mKeys) {
     hint = nullptr;
     KeyList::release(mKeys);
