@@ -117,7 +117,7 @@ class BlockPool {
 
   static void give(void* p) {
     State& state = threadState();
-    if (state.count == kPoolBytes / kSize) {
+    if (state.count == kPoolBytes / kSize || state.closed) {
       SlabHead::giveBack(p);
       return;
     }
@@ -142,8 +142,10 @@ class BlockPool {
     char* next = nullptr;      // its next block
     char* end = nullptr;
     std::int64_t cut = 0;  // blocks cut from it
+    bool closed = false;   // the thread is ending: nothing is kept
 
     void* cutBlock() {
+      if (closed) return loneBlock();
       if (size_t(end - next) < kSize) newSlab();
       void* p = next;
       next += kSize;
@@ -158,7 +160,16 @@ class BlockPool {
       end = reinterpret_cast<char*>(fresh) + kSlabBytes;
       cut = 0;
     }
-    // Everything back; a block asked for after this takes a slab of its own.
+    // Once the thread's state is gone (a tree built by another
+    // thread-local's destructor): a slab for one block, let go at once, so
+    // that the slab goes back to the heap with its block.
+    void* loneBlock() {
+      SlabHead* fresh = SlabHead::make();
+      fresh->release(1);
+      return reinterpret_cast<char*>(fresh) + kFirst;
+    }
+    // Everything back; a block asked for after this takes a slab of its own,
+    // and goes back to it.
     ~State() {
       while (head != nullptr) {
         void* following = *static_cast<void**>(head);
@@ -169,6 +180,7 @@ class BlockPool {
       if (slab != nullptr) slab->release(cut);
       slab = nullptr;
       next = end = nullptr;
+      closed = true;
     }
   };
   static State& threadState() {
