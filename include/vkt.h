@@ -496,9 +496,10 @@ class VKTValue {
   // no branch on the width. Every packed number read here (container heads
   // and entries, key tags, string tags and the string offset array) lies in
   // front of the stream offset and size arrays, which are at least 3 bytes
-  // each and in memory: the verifier checks the section order and both
-  // arrays, and the library writes them. So the up to 3 bytes read past a
-  // number are always the image's own.
+  // each and in memory: verify and verifyTables check the section order and
+  // both arrays (verifyStep a value's own bytes), and the library writes
+  // them so. The up to 3 bytes read past a number are then always the
+  // image's own. Open reads before any check, so it reads byte by byte.
   static constexpr vkt_u32 kPackedMask[5] = {0, 0xFF, 0xFFFF, 0xFFFFFF,
                                              0xFFFFFFFF};
   // Four bytes at p, least significant first.
