@@ -237,6 +237,70 @@ vkt_u64 root_hint(const vkt_internal::WriterTables& tables) {
          tables.stringTagHint() - kSizeHint[TYPE_STRING] * stringRefs;
 }
 
+// The layouts of the sections behind the root value, known once the tables
+// are numbered and before any of them is built.
+struct BackLayout {
+  EntityLayout streams;
+  EntityLayout bstreams;
+  StringSections strings;
+  // Bytes of everything behind the root value, alignment padding included.
+  vkt_u64 size() const {
+    return strings.entity + strings.offsets +
+           unsigned_array_size(streams.offsets) +
+           unsigned_array_size(streams.sizes) +
+           unsigned_array_size(bstreams.offsets) +
+           unsigned_array_size(bstreams.sizes) + streams.size + bstreams.size +
+           streams.maxAlignment + bstreams.maxAlignment;
+  }
+};
+
+// Collect, then number: tags are positions in the sorted tables. Answers
+// the source's refusal, or null.
+const char* collect_tables(vkt_internal::ValueSource& source,
+                           vkt_internal::WriterTables* tables) {
+  if (const char* refusal = source.prepare(*tables)) return refusal;
+  tables->number();
+  tables->levels.resize(tables->deepest);
+  return nullptr;
+}
+
+// Reserves room for the root value, with a little slack and, when the front
+// becomes the whole image, all that follows it. The slack is all the room
+// the buffer has before it grows, which holds the old and the new buffer at
+// once, so the hint counts what it can exactly.
+void reserve_root(vkt_internal::WriterTables& tables, const BackLayout& back,
+                  bool wholeImage, vkt_binary* image) {
+  const vkt_u64 hint = root_hint(tables);
+  std::vector<vkt_u32>().swap(tables.stringRefs);  // counted: not needed
+  vkt_u64 expected = image->size() + hint + hint / 32;
+  if (wholeImage) expected += back.size();
+  if (expected <= kMaxImageSize) image->reserve(expected);
+}
+
+// Appends the root value to *image, unless the front already passes the
+// limit; the walk's scratch goes before the string sections come.
+void encode_root(vkt_internal::ValueSource& source,
+                 vkt_internal::WriterTables& tables, vkt_binary* image) {
+  if (image->size() <= kMaxImageSize) {
+    ValueBuffer value(image);
+    tables.value = &value;
+    source.encode(tables);
+    value.finish();
+  }
+  std::vector<vkt_internal::WriterTables::Level>().swap(tables.levels);
+}
+
+// The string, stream and bstream tables, built in memory.
+void build_back(const vkt_internal::WriterTables& tables,
+                const BackLayout& layout, BackSections* back) {
+  build_string_sections(tables.strings, layout.strings.entity, &back->strings,
+                        &back->stringOffsets);
+  back->streamOffsets = create_unsigned_array(layout.streams.offsets);
+  back->streamSizes = create_unsigned_array(layout.streams.sizes);
+  back->bstreamOffsets = create_unsigned_array(layout.bstreams.offsets);
+  back->bstreamSizes = create_unsigned_array(layout.bstreams.sizes);
+}
+
 // A ValueSource from two functions, so that the writer's own members can
 // walk a tree through its private parts.
 template <typename Prepare, typename Encode>
@@ -295,28 +359,24 @@ bool VKTWriterObject::assemble(vkt_internal::ValueSource& source,
   // Offsets count from the image's first byte, wherever the sink stands.
   const vkt_u64 start = sink != nullptr ? sink->Offset() : 0;
 
-  // Collect, then number: tags are positions in the sorted tables.
   Tables tables(mOptimize);
-  if (const char* refusal = source.prepare(tables)) {
+  if (const char* refusal = collect_tables(source, &tables)) {
     mError = refusal;
     return false;
   }
-  tables.number();
-  tables.levels.resize(tables.deepest);
-
-  const EntityLayout streams = layout_entity(tables.streams);
-  const EntityLayout bstreams = layout_entity(tables.bstreams);
-  const StringSections strings = measure_strings(tables.strings);
+  const BackLayout layout = {layout_entity(tables.streams),
+                             layout_entity(tables.bstreams),
+                             measure_strings(tables.strings)};
   // The payloads and strings alone may pass the limit: refused before the
   // root value is built.
-  if (start + streams.size + bstreams.size > kMaxImageSize ||
-      strings.entity > kMaxImageSize) {
+  if (start + layout.streams.size + layout.bstreams.size > kMaxImageSize ||
+      layout.strings.entity > kMaxImageSize) {
     mError = kTooLarge;
     return false;
   }
 
   // Bstreams, and a byte order asked for, need the version-4 header.
-  const bool ver4 = !bstreams.offsets.empty() || mEndianSet;
+  const bool ver4 = !layout.bstreams.offsets.empty() || mEndianSet;
   const vkt_u32 version = ver4 ? CURRENT_VERSION : 3;
   const vkt_u32 headerSize = ver4 ? HEADER_SIZE_VER4 : HEADER_SIZE_VER3;
   if (ver4 && mEndian == VKT_ENDIAN_BIG) flags |= VKT_FLAGS_ENDIAN_BIG;
@@ -331,43 +391,16 @@ bool VKTWriterObject::assemble(vkt_internal::ValueSource& source,
     createDAImage(keys, &image);
   }
   const vkt_u64 keySize = image.size() - headerSize;
-
-  // The root's likely size with a little slack and, when the front becomes
-  // the whole image, all that follows it. The slack is all the room the
-  // buffer has before it grows, which holds the old and the new buffer at
-  // once, so the hint counts what it can exactly.
-  const vkt_u64 hint = root_hint(tables);
-  std::vector<vkt_u32>().swap(tables.stringRefs);  // counted: not needed
-  vkt_u64 expected = image.size() + hint + hint / 32;
-  if (sink == nullptr) {
-    expected += strings.entity + strings.offsets +
-                unsigned_array_size(streams.offsets) +
-                unsigned_array_size(streams.sizes) +
-                unsigned_array_size(bstreams.offsets) +
-                unsigned_array_size(bstreams.sizes) + streams.size +
-                bstreams.size + streams.maxAlignment + bstreams.maxAlignment;
-  }
-  if (expected <= kMaxImageSize) image.reserve(expected);
-  if (image.size() <= kMaxImageSize) {
-    ValueBuffer value(&image);
-    tables.value = &value;
-    source.encode(tables);
-    value.finish();
-  }
+  reserve_root(tables, layout, sink == nullptr, &image);
+  encode_root(source, tables, &image);
   const vkt_u64 rootSize = image.size() - headerSize - keySize;
-  // The walk's scratch goes before the string sections come.
-  std::vector<Tables::Level>().swap(tables.levels);
 
   BackSections back;
-  build_string_sections(tables.strings, strings.entity, &back.strings,
-                        &back.stringOffsets);
-  back.streamOffsets = create_unsigned_array(streams.offsets);
-  back.streamSizes = create_unsigned_array(streams.sizes);
-  back.bstreamOffsets = create_unsigned_array(bstreams.offsets);
-  back.bstreamSizes = create_unsigned_array(bstreams.sizes);
+  build_back(tables, layout, &back);
   vkt_u64 offsets[SECTION_COUNT];
-  const vkt_u64 size = place_sections(headerSize, keySize, rootSize, back,
-                                      bstreams, streams, ver4, offsets);
+  const vkt_u64 size =
+      place_sections(headerSize, keySize, rootSize, back, layout.bstreams,
+                     layout.streams, ver4, offsets);
   if (tables.tooLarge || image.size() > kMaxImageSize ||
       start + size > kMaxImageSize) {
     mError = kTooLarge;
@@ -388,7 +421,8 @@ bool VKTWriterObject::assemble(vkt_internal::ValueSource& source,
 
   VKTBinaryWriteStream rest(image);
   if (sink != nullptr) sink->Write(image);
-  write_back(sink != nullptr ? *sink : rest, back, tables.bstreams, bstreams,
-             tables.streams, streams, ver4, start, offsets);
+  write_back(sink != nullptr ? *sink : rest, back, tables.bstreams,
+             layout.bstreams, tables.streams, layout.streams, ver4, start,
+             offsets);
   return true;
 }
