@@ -6,7 +6,7 @@
 #include <string>
 
 #include "testutil.h"
-#include "vkt/writer_tables.h"  // hash_bytes, TaggedIndex
+#include "vkt/writer_tables.h"  // hash_bytes, OpenIndex
 
 template <typename T>
 static VKTWriterValue val(T x) {
@@ -186,14 +186,14 @@ TEST(WriterEncode, HashSeesEveryByteAndSpreadsLowBits) {
   EXPECT_GT(low.size(), 3800u);  // about 3,970 for an even spread
 }
 
-// The sibling index finds every entry again past the count it was sized
+// The writer's index finds every entry again past the count it was sized
 // for, whether the hashes differ throughout, only in the high bits its
 // slots keep (one probe chain), or not at all (only `same` tells entries
 // apart).
-TEST(WriterEncode, TaggedIndexFindsEveryEntry) {
+TEST(WriterEncode, OpenIndexFindsEveryEntry) {
   const vkt_u32 kEntries = 300;
   for (const vkt_u64 mask : {~0ull, 0xFFFFFFFF00000000ull, 0ull}) {
-    vkt_internal::TaggedIndex index;
+    vkt_internal::OpenIndex index;
     index.reserve(4);
     std::vector<vkt_u64> hashes;
     auto hashOf = [&](vkt_u32 i) { return hashes[i]; };

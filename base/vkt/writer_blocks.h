@@ -30,10 +30,13 @@
 
 namespace vkt_internal {
 
-// An open-addressing index over entries kept in a vector elsewhere: a slot
-// holds an entry's index + 1, 0 when free; linear probing over a power of
-// two slots, at least twice the entries. One kind serves every lookup of
-// the writer; the owner keeps the entries and their hashes.
+// An open-addressing index over entries kept in a vector elsewhere, one
+// kind for every lookup of the writer: a slot holds an entry's index + 1
+// (0 when free) and, above it, bits of the entry's hash, so that a probe
+// that meets another entry mostly tells it apart by those bits without
+// reading the entry; linear probing over a power of two slots, at least
+// twice the entries. The owner keeps the entries (and their hashes, or a
+// way to make them again) and indexes all of them, in order.
 class OpenIndex {
  public:
   bool empty() const { return mSlots.empty(); }
@@ -43,41 +46,51 @@ class OpenIndex {
     size_t slots = 64;
     while (slots < count * 2) slots *= 2;
     mSlots.assign(slots, 0);
+    mIndexBits = 1;
+    while (mIndexBits < 32 && (vkt_u64(1) << mIndexBits) <= count) {
+      ++mIndexBits;
+    }
   }
 
   // Among the entries of hash `h`, the index of the one that same(index)
   // accepts; when there is none, `next` (the index the caller's next entry
   // will have, which is also the number of entries indexed) is recorded
   // and answered. hashOf(index) gives an entry's hash when the slots grow.
+  // The low bits of `h` place the entry, its high ones tag the slot.
   template <typename Same, typename HashOf>
   vkt_u32 findOrAdd(vkt_u64 h, vkt_u32 next, Same same, HashOf hashOf) {
-    if ((size_t(next) + 1) * 2 > mSlots.size()) grow(hashOf);
+    if ((size_t(next) + 1) * 2 > mSlots.size() ||
+        vkt_u64(next) + 1 >= vkt_u64(1) << mIndexBits) {
+      grow(next, hashOf);
+    }
+    const vkt_u32 indexMask = vkt_u32((vkt_u64(1) << mIndexBits) - 1);
+    const vkt_u32 tag = vkt_u32(h >> 32) & ~indexMask;
     const size_t mask = mSlots.size() - 1;
     for (size_t i = size_t(h) & mask;; i = (i + 1) & mask) {
       const vkt_u32 slot = mSlots[i];
       if (slot == 0) {
-        mSlots[i] = next + 1;
+        mSlots[i] = tag | (next + 1);
         return next;
       }
-      if (same(slot - 1)) return slot - 1;
+      if ((slot & ~indexMask) == tag && same((slot & indexMask) - 1)) {
+        return (slot & indexMask) - 1;
+      }
     }
   }
 
  private:
+  // More entries than reserved for: all placed again in a larger index.
   template <typename HashOf>
-  void grow(HashOf hashOf) {
-    std::vector<vkt_u32> old(mSlots.empty() ? 64 : mSlots.size() * 2, 0);
-    old.swap(mSlots);
-    const size_t mask = mSlots.size() - 1;
-    for (const vkt_u32 slot : old) {
-      if (slot == 0) continue;
-      size_t i = size_t(hashOf(slot - 1)) & mask;
-      while (mSlots[i] != 0) i = (i + 1) & mask;
-      mSlots[i] = slot;
+  void grow(vkt_u32 entries, HashOf hashOf) {
+    reserve(size_t(entries) * 2 + 1);
+    for (vkt_u32 e = 0; e < entries; ++e) {
+      findOrAdd(
+          hashOf(e), e, [](vkt_u32) { return false; }, hashOf);
     }
   }
 
   std::vector<vkt_u32> mSlots;
+  vkt_u32 mIndexBits = 32;
 };
 
 // The kind of a node that holds a string of at most kShortMost bytes in

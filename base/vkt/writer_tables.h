@@ -198,63 +198,6 @@ class ValueBuffer {
   size_t mUsed;
 };
 
-// An open-addressing index like OpenIndex, for a number of entries known
-// up front, whose slots keep bits of each entry's hash above its index + 1:
-// a probe that meets another entry mostly tells it apart by those bits,
-// without reading the entry, so the entries need not keep their hashes.
-class TaggedIndex {
- public:
-  bool empty() const { return mSlots.empty(); }
-  void clear() { mSlots.clear(); }
-  // Room for `count` entries without growing; the index must be empty.
-  void reserve(size_t count) {
-    size_t slots = 64;
-    while (slots < count * 2) slots *= 2;
-    mSlots.assign(slots, 0);
-    mIndexBits = 1;
-    while (mIndexBits < 32 && (vkt_u64(1) << mIndexBits) <= count) {
-      ++mIndexBits;
-    }
-  }
-
-  // As OpenIndex::findOrAdd, `h` a 64-bit hash: its low bits place the
-  // entry and its high ones tag the slot.
-  template <typename Same, typename HashOf>
-  vkt_u32 findOrAdd(vkt_u64 h, vkt_u32 next, Same same, HashOf hashOf) {
-    if ((size_t(next) + 1) * 2 > mSlots.size() ||
-        vkt_u64(next) + 1 >= vkt_u64(1) << mIndexBits) {
-      grow(next, hashOf);
-    }
-    const vkt_u32 indexMask = vkt_u32((vkt_u64(1) << mIndexBits) - 1);
-    const vkt_u32 tag = vkt_u32(h >> 32) & ~indexMask;
-    const size_t mask = mSlots.size() - 1;
-    for (size_t i = size_t(h) & mask;; i = (i + 1) & mask) {
-      const vkt_u32 slot = mSlots[i];
-      if (slot == 0) {
-        mSlots[i] = tag | (next + 1);
-        return next;
-      }
-      if ((slot & ~indexMask) == tag && same((slot & indexMask) - 1)) {
-        return (slot & indexMask) - 1;
-      }
-    }
-  }
-
- private:
-  // More entries than reserved for: all placed again in a larger index.
-  template <typename HashOf>
-  void grow(vkt_u32 entries, HashOf hashOf) {
-    reserve(size_t(entries) * 2 + 1);
-    for (vkt_u32 e = 0; e < entries; ++e) {
-      findOrAdd(
-          hashOf(e), e, [](vkt_u32) { return false; }, hashOf);
-    }
-  }
-
-  std::vector<vkt_u32> mSlots;
-  vkt_u32 mIndexBits = 32;
-};
-
 // The element images of the container being written at one depth, each
 // stored once; Traits says what an image is (Image, with its `offset`), how
 // it hashes and when two are equal. The first few are compared one by one;
@@ -314,7 +257,7 @@ class SiblingSet {
   }
 
   std::vector<Image> mImages;
-  TaggedIndex mIndex;
+  OpenIndex mIndex;
   size_t mCount = 0;  // elements of the container
 };
 
