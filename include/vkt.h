@@ -120,7 +120,20 @@ namespace vkt_internal {
 struct WriterTables;
 class ValueSource;
 struct KeyState;
+// What inline member walks read of a block of decoded key names: every name
+// back to back, each closed by a NUL, where each begins (one extra entry for
+// the end), and how many; the block behind it is the implementation's.
+struct NameView {
+  const char* names = nullptr;
+  const vkt_u32* starts = nullptr;
+  vkt_u32 count = 0;
+};
 struct NameBlock;
+struct NameScratch;
+// Shares one NameScratch among copies of a member iterator, and frees it
+// with the last of them.
+void retain_scratch(NameScratch* scratch);
+void release_scratch(NameScratch* scratch);
 }  // namespace vkt_internal
 class VKTWriterValue;
 // The implementation's accessor to the private parts below; not for users.
@@ -453,7 +466,7 @@ class VKTValue {
   // kind); elements() gives an array's elements, or an object's member values
   // in stored order (empty for any other kind). Both ranges hold views into
   // the image and are valid as long as this view is.
-  VKTMemberRange members() const;
+  VKT_INLINE VKTMemberRange members() const;
   VKTElementRange elements() const;
 
   // The root of the same image; the null view for a null view.
@@ -554,9 +567,9 @@ struct VKTMember {
   vkt_u32 keyTag = 0;  // the name's key tag in the image's key table
   // The name. It points into a name block of the VKTObject when
   // VKTObject::decodeKeyNames has run or earlier walks decoded the names
-  // (valid until the object dies), else into the iterator that produced it
-  // (valid until that iterator moves on or dies). Not NUL-terminated in
-  // general.
+  // (valid until the object dies), else into a buffer that the iterator
+  // which produced it shares with its copies (valid until one of them moves
+  // on, or the last of them dies). Not NUL-terminated in general.
   std::string_view name;
   VKTValue value;
   // The prepared key of this member's name, for lookups in other objects.
@@ -639,14 +652,14 @@ class VKTElementRange {
 };
 
 // Members by position. Without VKTObject::decodeKeyNames each step rebuilds
-// the name from the key table into a buffer the iterator owns; that buffer
-// allocates only when a name is longer than any before it (and not at all up
-// to the string's small size). Once walks and lookups by plain name on one
-// object have resolved as many names through the key table as it holds, the
-// one that passes that count decodes and indexes all names once, into a
-// block the object keeps until it dies (what buildKeyIndex takes), and later
-// walks and lookups, on any thread, use it; concurrent readers stay safe.
-// With the names decoded nothing is allocated.
+// the name from the key table into a buffer that begin() allocates once, and
+// that copies of the iterator share (input iterators allow it); a name
+// longer than any before it grows that buffer. Once walks and lookups by
+// plain name on one object have resolved as many names through the key
+// table as it holds, the one that passes that count decodes and indexes all
+// names once, into a block the object keeps until it dies (what
+// buildKeyIndex takes), and later walks and lookups, on any thread, use it;
+// concurrent readers stay safe. With the names decoded nothing is allocated.
 class VKTMemberIterator {
  public:
   typedef std::input_iterator_tag iterator_category;
@@ -671,45 +684,68 @@ class VKTMemberIterator {
 
  private:
   friend class VKTMemberRange;
-  VKTMemberIterator() = default;
-  // Fills mMember for the current position, when there is one: inline for
-  // decoded names, else through loadRebuilt.
-  void load();
-  void loadRebuilt();
-
   friend class VKTObject;
-  // The key table's arrays, read once by begin() when names are rebuilt, so
-  // that each step only climbs from the name's leaf.
-  struct KeyTrie {
-    const vkt_u8* base = nullptr;
-    const vkt_u8* check = nullptr;
-    const vkt_u8* tail = nullptr;
-    vkt_u32 positions = 0;  // of base and check
-    vkt_u32 keys = 0;       // of tail
-    vkt_u8 baseWidth = 0, checkWidth = 0, tailWidth = 0;
+  VKTMemberIterator() = default;
+
+  // The rebuild buffer, shared by an iterator's copies; null while names
+  // come from a decoded block.
+  class Scratch {
+   public:
+    Scratch() = default;
+    Scratch(const Scratch& r) : mPtr(r.mPtr) {
+      if (mPtr != nullptr) vkt_internal::retain_scratch(mPtr);
+    }
+    Scratch(Scratch&& r) noexcept : mPtr(r.mPtr) { r.mPtr = nullptr; }
+    Scratch& operator=(Scratch r) noexcept {
+      vkt_internal::NameScratch* p = mPtr;
+      mPtr = r.mPtr;
+      r.mPtr = p;
+      return *this;
+    }
+    ~Scratch() {
+      if (mPtr != nullptr) vkt_internal::release_scratch(mPtr);
+    }
+    void adopt(vkt_internal::NameScratch* p) { mPtr = p; }
+    vkt_internal::NameScratch* get() const { return mPtr; }
+
+   private:
+    vkt_internal::NameScratch* mPtr = nullptr;
   };
+
+  // Where begin() found the names: a decoded block's names, where each
+  // begins and how many, or else a new rebuild buffer.
+  struct NameSource {
+    const char* names;
+    const vkt_u32* starts;
+    vkt_u32 count;
+    vkt_internal::NameScratch* scratch;
+  };
+
+  // Fills mMember for the current position, when there is one: inline for
+  // decoded names, else through rebuilt. Both take the fields they need, not
+  // the iterator, so that a walk keeps the iterator in registers.
+  VKT_INLINE void load();
+  static VKTMember rebuilt(VKTElementIterator values, const vkt_u8* keys,
+                           vkt_u32 keyWidth,
+                           vkt_internal::NameScratch* scratch);
 
   VKTElementIterator mValues;     // positions and member values
   const vkt_u8* mKeys = nullptr;  // key tags (versions 2 and up)
   // The object's decoded names, when begin() found them (decodeKeyNames, or
-  // the block that walks and lookups made): the names, where each begins,
-  // and how many; else names are rebuilt from mTrie.
+  // the block that walks and lookups made); else names are rebuilt into
+  // mScratch.
   const char* mNames = nullptr;
   const vkt_u32* mNameStarts = nullptr;
   vkt_u32 mNameCount = 0;
   vkt_u32 mKeyWidth = 1;
   vkt_u32 mCount = 0;
   VKTMember mMember;
-  KeyTrie mTrie;
-  // The rebuilt name, without decoded names: in place up to its size, else
-  // in the string.
-  char mName[48];
-  std::string mLongName;
+  Scratch mScratch;
 };
 
 class VKTMemberRange {
  public:
-  VKTMemberIterator begin() const;
+  VKT_INLINE VKTMemberIterator begin() const;
   VKTMemberIterator end() const {
     VKTMemberIterator it;
     it.mValues.mIndex = mValues.mCount;
@@ -956,9 +992,11 @@ class VKTObject {
   // out[0] to out[count - 1] (versions 2 and up: a key array).
   void getKeysInto(const vkt_u8* tags, vkt_u32 width, vkt_u32 count,
                    std::string* out) const;
-  // The member walk's rebuild: the trie set up once, then the name of
-  // `keyTag` into it->mName or it->mLongName.
-  void setupKeyTrie(VKTMemberIterator::KeyTrie* trie) const;
+  // Where a member walk of `count` members takes its names when begin()
+  // found no block (version 1: `records`, which also comes here): the block
+  // that this walk's count makes, else a new rebuild buffer with the key
+  // table's arrays set up.
+  VKTMemberIterator::NameSource memberNames(vkt_u32 count, bool records) const;
   // The shared name block, or null while there is none: `resolved` names
   // were just resolved through the table of `keys` names, and the call whose
   // count passes `keys` decodes and indexes them all (key_names.cc).
@@ -966,7 +1004,8 @@ class VKTObject {
                                              vkt_u32 keys) const;
   // Every key name into *block; false when they would pass 4 GiB.
   bool decodeNames(vkt_internal::NameBlock* block) const;
-  std::string_view rebuildMemberName(VKTMemberIterator* it,
+  // The name of `keyTag` rebuilt into `scratch`, which memberNames set up.
+  std::string_view rebuildMemberName(vkt_internal::NameScratch* scratch,
                                      vkt_u32 keyTag) const;
   const char* sortedKey(vkt_u32 keyTag) const;
   // Name `keyTag` of `count` decoded names (their bytes, each NUL-closed,
@@ -1029,12 +1068,12 @@ class VKTObject {
   // decodeKeyNames or buildKeyIndex, or by the walk or lookup whose count of
   // names resolved through the table (mResolvedNames) passes the table's
   // size; published once, read by walks and lookups on any thread; owned.
-  mutable std::atomic<const vkt_internal::NameBlock*> mNames{nullptr};
+  mutable std::atomic<const vkt_internal::NameView*> mNames{nullptr};
   mutable std::atomic<vkt_u64> mResolvedNames{0};
   // The key cache, made by the first call that enables it; owned.
   vkt_internal::KeyState* mKeyState = nullptr;
   // mNames once decodeKeyNames has made or adopted it; null before.
-  const vkt_internal::NameBlock* mDecodedNames = nullptr;
+  const vkt_internal::NameView* mDecodedNames = nullptr;
 };
 
 // A string value is its string tag id and a tag of 1 to 4 bytes; the tag
@@ -1090,14 +1129,65 @@ VKT_INLINE VKTElementRange VKTValue::elements() const {
   return range;
 }
 
+// The members of an object (v2 and up): ID_OBJECT | key array | offset
+// array | member values. Inline, as elements() is: set up out of line, the
+// range came back through memory, and the walk's wide reloads of its
+// narrower stores stalled.
+VKT_INLINE VKTMemberRange VKTValue::members() const {
+  VKTMemberRange range;
+  if (mObj == nullptr || *mPtr != kObjectId) return range;
+  if (mObj->mVersion == 1) return recordMembers();
+  vkt_u32 keys;
+  range.mKeys = packedHead(mPtr + 1, &keys, &range.mKeyWidth);
+  VKTElementIterator& it = range.mValues.mBegin;
+  it.mObj = mObj;
+  it.mOffsets = packedHead(range.mKeys + keys * range.mKeyWidth,
+                           &range.mValues.mCount, &it.mWidth);
+  it.mEntity = it.mOffsets + range.mValues.mCount * it.mWidth;
+  return range;
+}
+
 VKT_INLINE void VKTMemberIterator::load() {
   if (mValues.mIndex >= mCount) return;
-  if (mNameStarts == nullptr) return loadRebuilt();
+  if (VKT_UNLIKELY(mNameStarts == nullptr)) {
+    mMember = rebuilt(mValues, mKeys, mKeyWidth, mScratch.get());
+    return;
+  }
   mMember.keyTag =
       VKTValue::readEntry(mKeys + mValues.mIndex * mKeyWidth, mKeyWidth);
   mMember.value.mPtr = mValues.valuePtr();  // begin() set its object
   mMember.name =
       VKTObject::decodedName(mNames, mNameStarts, mNameCount, mMember.keyTag);
+}
+
+// Inline, with one call out for the names, so that a walk builds the
+// iterator in registers: built out of line, it came back through memory,
+// where wide reloads of narrower stores stalled.
+VKT_INLINE VKTMemberIterator VKTMemberRange::begin() const {
+  VKTMemberIterator it;
+  it.mValues = mValues.mBegin;
+  it.mKeys = mKeys;
+  it.mKeyWidth = mKeyWidth;
+  it.mCount = mValues.mCount;
+  const VKTObject* obj = it.mValues.mObj;
+  if (obj == nullptr || it.mCount == 0) return it;
+  const vkt_internal::NameView* names = obj->mDecodedNames;
+  if (names == nullptr) names = obj->mNames.load(std::memory_order_acquire);
+  if (names != nullptr && !it.mValues.records()) {
+    it.mNames = names->names;
+    it.mNameStarts = names->starts;
+    it.mNameCount = names->count;
+  } else {
+    const VKTMemberIterator::NameSource source =
+        obj->memberNames(it.mCount, it.mValues.records());
+    it.mNames = source.names;
+    it.mNameStarts = source.starts;
+    it.mNameCount = source.count;
+    it.mScratch.adopt(source.scratch);
+  }
+  it.mMember.value = VKTValue(obj, nullptr);
+  it.load();
+  return it;
 }
 
 // Turns a VKTWriterValue tree into an image. One object can write any number

@@ -174,67 +174,28 @@ VKTMemberRange VKTValue::recordMembers() const {
   return range;
 }
 
-// The members of an object (v2 and up): ID_OBJECT | key array | offset
-// array | member values. Set up here rather than inline beside elements():
-// inline, it measured no faster and made the member walk's loop larger.
-VKTMemberRange VKTValue::members() const {
-  VKTMemberRange range;
-  if (mObj == nullptr || *mPtr != ID_OBJECT) return range;
-  if (mObj->mVersion == 1) return recordMembers();
-  vkt_u32 keys;
-  range.mKeys = packedHead(mPtr + 1, &keys, &range.mKeyWidth);
-  VKTElementIterator& it = range.mValues.mBegin;
-  it.mObj = mObj;
-  it.mOffsets = packedHead(range.mKeys + keys * range.mKeyWidth,
-                           &range.mValues.mCount, &it.mWidth);
-  it.mEntity = it.mOffsets + range.mValues.mCount * it.mWidth;
-  return range;
-}
-
-VKTMemberIterator VKTMemberRange::begin() const {
-  VKTMemberIterator it;
-  it.mValues = mValues.mBegin;
-  it.mKeys = mKeys;
-  it.mKeyWidth = mKeyWidth;
-  it.mCount = mValues.mCount;
-  const VKTObject* obj = it.mValues.mObj;
-  if (obj == nullptr || it.mValues.records()) {
-    it.load();
-    return it;
-  }
-  const vkt_internal::NameBlock* block = obj->mDecodedNames;
-  if (block == nullptr) {
-    block = obj->mNames.load(std::memory_order_acquire);
-    if (block == nullptr && it.mCount != 0) {
-      obj->setupKeyTrie(&it.mTrie);
-      block = obj->sharedNames(it.mCount, it.mTrie.keys);
-    }
-  }
-  it.mMember.value = VKTValue(obj, nullptr);
-  if (block != nullptr) {
-    it.mNames = block->names.data();
-    it.mNameStarts = block->starts.data();
-    it.mNameCount = vkt_u32(block->starts.size() - 1);
-  }
-  it.load();
-  return it;
-}
-
-void VKTMemberIterator::loadRebuilt() {
-  const vkt_u32 i = mValues.mIndex;
-  const VKTObject* obj = mValues.mObj;
-  mMember.keyTag =
-      mValues.records()
-          ? parse_key(mValues.mEntity +
-                      read_packed(mValues.mOffsets, mValues.entryWidth(), i))
-          : read_packed(mKeys, mKeyWidth, i);
-  mMember.value = *mValues;
+// A step whose name no decoded block holds: rebuilt from the key table, or
+// for version 1 (whose records open with the key tag) taken whole; a block
+// decoded since the walk began serves too.
+VKTMember VKTMemberIterator::rebuilt(VKTElementIterator values,
+                                     const vkt_u8* keys, vkt_u32 keyWidth,
+                                     vkt_internal::NameScratch* scratch) {
+  const vkt_u32 i = values.mIndex;
+  const VKTObject* obj = values.mObj;
+  VKTMember member;
+  member.keyTag =
+      values.records()
+          ? parse_key(values.mEntity +
+                      read_packed(values.mOffsets, values.entryWidth(), i))
+          : read_packed(keys, keyWidth, i);
+  member.value = *values;
   if (obj->hasKeyNames()) {
-    mMember.name = obj->keyName(mMember.keyTag);
-  } else if (mValues.records()) {
-    obj->getKeyInto(mMember.keyTag, &mLongName);
-    mMember.name = mLongName;
+    member.name = obj->keyName(member.keyTag);
+  } else if (values.records()) {
+    obj->getKeyInto(member.keyTag, &scratch->longName);
+    member.name = scratch->longName;
   } else {
-    mMember.name = obj->rebuildMemberName(this, mMember.keyTag);
+    member.name = obj->rebuildMemberName(scratch, member.keyTag);
   }
+  return member;
 }

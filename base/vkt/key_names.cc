@@ -52,7 +52,7 @@ inline bool same_bytes(const char* a, const char* b, size_t length) {
 
 std::string_view name_of(const vkt_internal::NameBlock& block, vkt_u32 tag) {
   const vkt_u32 begin = block.starts[tag];
-  return std::string_view(block.names.data() + begin,
+  return std::string_view(block.names + begin,
                           block.starts[tag + 1] - begin - 1);
 }
 
@@ -61,7 +61,7 @@ std::string_view name_of(const vkt_internal::NameBlock& block, vkt_u32 tag) {
 // that no lookup reaches, and a name listed twice one that the trie reaches
 // under one tag only: such a table keeps no index, and lookups walk it.
 void index_names(vkt_internal::NameBlock* block) {
-  const vkt_u32 count = vkt_u32(block->starts.size() - 1);
+  const vkt_u32 count = block->count;
   size_t slots = 8;
   while (slots < size_t(count) * 2) slots *= 2;
   std::vector<vkt_u64> index(slots, 0);
@@ -86,13 +86,14 @@ void index_names(vkt_internal::NameBlock* block) {
 // inline step.
 void VKTObject::decodeKeyNames() {
   if (hasKeyNames()) return;
-  const vkt_internal::NameBlock* block = mNames.load(std::memory_order_acquire);
+  const vkt_internal::NameView* block = mNames.load(std::memory_order_acquire);
   if (block == nullptr) {
     auto* made = new vkt_internal::NameBlock;
     if (!decodeNames(made)) {
       delete made;
       return;
     }
+    made->setView();
     mNames.store(made, std::memory_order_release);
     block = made;
   }
@@ -100,9 +101,8 @@ void VKTObject::decodeKeyNames() {
 }
 
 std::string_view VKTObject::keyName(vkt_u32 keyTag) const {
-  const vkt_internal::NameBlock& block = *mDecodedNames;
-  return decodedName(block.names.data(), block.starts.data(),
-                     vkt_u32(block.starts.size() - 1), keyTag);
+  const vkt_internal::NameView& block = *mDecodedNames;
+  return decodedName(block.names, block.starts, block.count, keyTag);
 }
 
 // No other call runs beside this one, so the published block may grow its
@@ -111,12 +111,12 @@ void VKTObject::buildKeyIndex() {
   decodeKeyNames();
   if (!hasKeyNames() || hasKeyIndex()) return;
   index_names(const_cast<vkt_internal::NameBlock*>(
-      mNames.load(std::memory_order_relaxed)));
+      vkt_internal::block_of(mNames.load(std::memory_order_relaxed))));
 }
 
 bool VKTObject::hasKeyIndex() const {
-  const vkt_internal::NameBlock* block = mNames.load(std::memory_order_acquire);
-  return block != nullptr && !block->index.empty();
+  const vkt_internal::NameView* block = mNames.load(std::memory_order_acquire);
+  return block != nullptr && !vkt_internal::block_of(block)->index.empty();
 }
 
 // The count is kept with plain loads and stores: a count lost between two
@@ -124,8 +124,8 @@ bool VKTObject::hasKeyIndex() const {
 // both make one, of which the first published stays.
 const vkt_internal::NameBlock* VKTObject::sharedNames(vkt_u32 resolved,
                                                       vkt_u32 keys) const {
-  const vkt_internal::NameBlock* block = mNames.load(std::memory_order_acquire);
-  if (block != nullptr || resolved == 0) return block;
+  const vkt_internal::NameView* block = mNames.load(std::memory_order_acquire);
+  if (block != nullptr || resolved == 0) return vkt_internal::block_of(block);
   const vkt_u64 before = mResolvedNames.load(std::memory_order_relaxed);
   mResolvedNames.store(before + resolved, std::memory_order_relaxed);
   if (before >= keys || before + resolved < keys) return nullptr;
@@ -134,12 +134,13 @@ const vkt_internal::NameBlock* VKTObject::sharedNames(vkt_u32 resolved,
     delete made;
     return nullptr;
   }
+  made->setView();
   index_names(made);
-  const vkt_internal::NameBlock* expected = nullptr;
+  const vkt_internal::NameView* expected = nullptr;
   if (!mNames.compare_exchange_strong(expected, made,
                                       std::memory_order_acq_rel)) {
     delete made;
-    return expected;
+    return vkt_internal::block_of(expected);
   }
   return made;
 }
@@ -157,7 +158,7 @@ inline bool VKTObject::findIndexedKey(const vkt_internal::NameBlock& block,
     const vkt_u32 tag = vkt_u32(slot) - 1;
     const vkt_u32 begin = block.starts[tag];
     if (block.starts[tag + 1] - begin - 1 == length &&
-        same_bytes(block.names.data() + begin, key, length)) {
+        same_bytes(block.names + begin, key, length)) {
       *result = tag;
       return true;
     }
@@ -167,7 +168,8 @@ inline bool VKTObject::findIndexedKey(const vkt_internal::NameBlock& block,
 // A lookup by plain name: the index when there is one (a request or earlier
 // lookups made it), else the key cache for a hinted lookup, else the table.
 bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint) const {
-  const vkt_internal::NameBlock* names = mNames.load(std::memory_order_acquire);
+  const vkt_internal::NameBlock* names =
+      vkt_internal::block_of(mNames.load(std::memory_order_acquire));
   const bool indexed = names != nullptr && !names->index.empty();
   if (mVersion == 1) {
     return indexed ? findIndexedKey(*names, key, result)

@@ -5,6 +5,8 @@
 #ifndef VKT_KEY_STATE_H_
 #define VKT_KEY_STATE_H_
 
+#include <atomic>
+#include <string>
 #include <vector>
 
 #include "vkttypes.h"
@@ -12,13 +14,41 @@
 namespace vkt_internal {
 
 // Every key name back to back, each closed by a NUL, and where each begins
-// (key tag order, one extra entry for the end); with the name index once one
-// is built: slots of (name hash's high half, key tag + 1), a power of two of
-// them, at most half full, 0 marking a free slot.
-struct NameBlock {
-  std::vector<char> names;
-  std::vector<vkt_u32> starts;
+// (key tag order, one extra entry for the end), which the view points at
+// once they are filled; with the name index once one is built: slots of
+// (name hash's high half, key tag + 1), a power of two of them, at most half
+// full, 0 marking a free slot.
+struct NameBlock : NameView {
+  std::vector<char> bytes;
+  std::vector<vkt_u32> offsets;
   std::vector<vkt_u64> index;
+  void setView() {
+    names = bytes.data();
+    starts = offsets.data();
+    count = vkt_u32(offsets.size() - 1);
+  }
+};
+
+// The object keeps its blocks by their views; every view it keeps is a
+// block's.
+inline const NameBlock* block_of(const NameView* view) {
+  return static_cast<const NameBlock*>(view);
+}
+
+// What a member walk rebuilds names with while no name block serves it: the
+// key table's arrays, read once when the walk begins, so that each step only
+// climbs from the name's leaf, and the name itself, in place up to the
+// buffer's size, else in the string. Copies of one iterator share it.
+struct NameScratch {
+  std::atomic<vkt_u32> refs{1};
+  const vkt_u8* base = nullptr;
+  const vkt_u8* check = nullptr;
+  const vkt_u8* tail = nullptr;
+  vkt_u32 positions = 0;  // of base and check
+  vkt_u32 keys = 0;       // of tail
+  vkt_u8 baseWidth = 0, checkWidth = 0, tailWidth = 0;
+  char name[48];
+  std::string longName;
 };
 
 // The key cache that lookups with a hint fill.

@@ -225,42 +225,75 @@ std::string VKTObject::getKey(vkt_u32 keyTag) const {
   return result;
 }
 
-void VKTObject::setupKeyTrie(VKTMemberIterator::KeyTrie* trie) const {
+// The walk's count goes to the shared block's tally, which may make the
+// block now; a walk that still has none gets a rebuild buffer with the
+// trie's arrays.
+VKTMemberIterator::NameSource VKTObject::memberNames(vkt_u32 count,
+                                                     bool records) const {
+  VKTMemberIterator::NameSource source{nullptr, nullptr, 0, nullptr};
+  // Version 1 steps take decoded names as they are, without a buffer.
+  if (records && mDecodedNames != nullptr) return source;
   key_trie t;
-  setup_key_trie(&t, mKeyEntity);
-  trie->base = t.base.values;
-  trie->check = t.check.values;
-  trie->tail = t.tail.values;
-  trie->positions = t.check.valueNum;
-  trie->keys = t.tail.valueNum;
-  trie->baseWidth = vkt_u8(t.base.valueSize <= 4 ? t.base.valueSize : 0);
-  trie->checkWidth = vkt_u8(t.check.valueSize <= 4 ? t.check.valueSize : 0);
-  trie->tailWidth = vkt_u8(t.tail.valueSize <= 4 ? t.tail.valueSize : 0);
+  const vkt_internal::NameView* block = nullptr;
+  if (!records) {
+    setup_key_trie(&t, mKeyEntity);
+    block = sharedNames(count, t.tail.valueNum);
+  }
+  if (block != nullptr) {
+    source.names = block->names;
+    source.starts = block->starts;
+    source.count = block->count;
+    return source;
+  }
+  auto* scratch = new vkt_internal::NameScratch;
+  source.scratch = scratch;
+  if (records) return source;
+  scratch->base = t.base.values;
+  scratch->check = t.check.values;
+  scratch->tail = t.tail.values;
+  scratch->positions = t.check.valueNum;
+  scratch->keys = t.tail.valueNum;
+  scratch->baseWidth = vkt_u8(t.base.valueSize <= 4 ? t.base.valueSize : 0);
+  scratch->checkWidth = vkt_u8(t.check.valueSize <= 4 ? t.check.valueSize : 0);
+  scratch->tailWidth = vkt_u8(t.tail.valueSize <= 4 ? t.tail.valueSize : 0);
+  return source;
 }
 
-// Climbs into the back of the iterator's buffer, and for a longer name
-// sizes it in that climb and fills the string in a second one; a tag beyond
-// the table gives "".
-std::string_view VKTObject::rebuildMemberName(VKTMemberIterator* it,
-                                              vkt_u32 keyTag) const {
-  const VKTMemberIterator::KeyTrie& t = it->mTrie;
+void vkt_internal::retain_scratch(NameScratch* scratch) {
+  scratch->refs.fetch_add(1, std::memory_order_relaxed);
+}
+
+void vkt_internal::release_scratch(NameScratch* scratch) {
+  if (scratch->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    delete scratch;
+  }
+}
+
+// Climbs into the back of the scratch buffer, and for a longer name sizes it
+// in that climb and fills the string in a second one; a tag beyond the table
+// gives "".
+std::string_view VKTObject::rebuildMemberName(
+    vkt_internal::NameScratch* scratch, vkt_u32 keyTag) const {
+  const vkt_internal::NameScratch& t = *scratch;
   if (keyTag >= t.keys) return std::string_view();
   const vkt_u32 leaf = read_packed(t.tail, t.tailWidth, keyTag);
   return with_width(t.baseWidth, [&](auto bw) {
     return with_width(t.checkWidth, [&](auto cw) {
       const packed<decltype(bw)> base{t.base};
       const packed<decltype(cw)> check{t.check};
-      char* const end = it->mName + sizeof(it->mName);
+      char* const buffer = scratch->name;
+      char* const end = buffer + sizeof(scratch->name);
       char* p = end;
       const vkt_u32 length =
           climb_key(t.positions, leaf, base, check, [&](char c) {
-            if (p != it->mName) *--p = c;
+            if (p != buffer) *--p = c;
           });
-      if (length <= sizeof(it->mName)) return std::string_view(p, length);
-      it->mLongName.resize(length);
-      p = &it->mLongName[0] + length;
+      if (length <= sizeof(scratch->name)) return std::string_view(p, length);
+      std::string& longName = scratch->longName;
+      longName.resize(length);
+      p = &longName[0] + length;
       climb_key(t.positions, leaf, base, check, [&p](char c) { *--p = c; });
-      return std::string_view(it->mLongName);
+      return std::string_view(longName);
     });
   });
 }
@@ -276,8 +309,8 @@ VKTKey VKTObject::prepareKey(const char* name) const {
 // verify refuses it) is left undecoded, and walks rebuild each name from the
 // table as they do without a block.
 bool VKTObject::decodeNames(vkt_internal::NameBlock* block) const {
-  std::vector<char>& names = block->names;
-  std::vector<vkt_u32>& starts = block->starts;
+  std::vector<char>& names = block->bytes;
+  std::vector<vkt_u32>& starts = block->offsets;
   starts.assign(1, 0);
   auto add = [&](const char* name, size_t length) {
     if (vkt_u64(names.size()) + length + 1 > 0xFFFFFFFF) return false;

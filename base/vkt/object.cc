@@ -101,7 +101,7 @@ void VKTObject::freeOwned() {
   releaseStreamBuffer();
   if (mAllocType != VKT_ALLOC_REFER) delete[] mImage;
   delete mKeyState;
-  delete mNames.load(std::memory_order_relaxed);
+  delete vkt_internal::block_of(mNames.load(std::memory_order_relaxed));
 }
 
 void VKTObject::release() {
