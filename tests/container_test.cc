@@ -107,6 +107,47 @@ TEST(ContainerTest, VersionOneRecordsWithTwoByteKeyTags) {
   EXPECT_EQ(render(obj.root()), "{k001:1,k255:2,k256:3,k299:4}");
 }
 
+TEST(ContainerTest, LookupsAcrossObjectShapesFindEachMember) {
+  // One prepared key, and one name's slot of the name index, serve objects
+  // of every shape in turn: the position where the last object held a name
+  // may hold it again, hold another name, or lie past the members.
+  const std::vector<std::vector<std::pair<std::string, int>>> shapes = {
+      {{"a", 1}, {"b", 2}, {"c", 3}, {"d", 4}},
+      {{"c", 5}},
+      {{"a", 6}, {"b", 7}, {"c", 8}},
+      {},
+      {{"d", 9}},
+      {{"b", 10}, {"c", 11}, {"d", 12}},
+      {{"a", 13}, {"d", 14}}};
+  VKTWriterValue root;
+  for (size_t o = 0; o < shapes.size(); ++o) {
+    root[o].toObject();
+    for (const auto& m : shapes[o]) root[o][m.first] = m.second;
+  }
+  VKTObject obj(VKTWriterObject().createImage(root));
+  const std::vector<std::string> names = {"a", "b", "c", "d", "zz"};
+  for (int indexed = 0; indexed < 2; ++indexed) {
+    if (indexed) obj.buildKeyIndex();
+    std::vector<VKTKey> keys;
+    for (const std::string& n : names) keys.push_back(obj.prepareKey(n));
+    for (int pass = 0; pass < 2; ++pass) {  // forward, then backward
+      for (size_t step = 0; step < shapes.size(); ++step) {
+        const size_t o = pass ? shapes.size() - 1 - step : step;
+        const VKTValue v = obj.root()[vkt_u32(o)];
+        for (size_t k = 0; k < names.size(); ++k) {
+          int expected = -1;
+          for (const auto& m : shapes[o])
+            if (m.first == names[k]) expected = m.second;
+          SCOPED_TRACE(names[k] + " in object " + std::to_string(o));
+          EXPECT_EQ(v.isMember(keys[k]), expected >= 0);
+          EXPECT_EQ(v[keys[k]].asInt(), expected >= 0 ? expected : 0);
+          EXPECT_EQ(v[names[k]].asInt(), expected >= 0 ? expected : 0);
+        }
+      }
+    }
+  }
+}
+
 TEST(ContainerTest, LargeObjectsFindAndWalkEveryMemberWithoutAllocating) {
   // 300 keys sorting in front push the key tags to two bytes, and a large
   // first member the offsets of the others to three.

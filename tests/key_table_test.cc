@@ -122,6 +122,37 @@ TEST(KeyTableTest, NamesOfEveryLengthComeBackWhole) {
   }
 }
 
+TEST(KeyTableTest, CopiesOfAWalkShareItsBufferAndOutliveIt) {
+  // Without decoded names, copies of a member iterator share the buffer
+  // names are rebuilt into: a copy taken at each position and stepped after
+  // the walk (and its range) ended still names the next member, in place
+  // and past the buffer's in-place size.
+  // The root's own keys keep the table larger than one walk and lookup
+  // resolve, so that no block of decoded names is made.
+  VKTWriterValue root;
+  std::vector<std::string> names;
+  for (size_t n : {1, 47, 48, 49, 90, 3}) {
+    names.push_back(std::string(n, 'k') + std::to_string(n));
+    root["walked"][names.back()] = int(n);
+    root["other" + std::to_string(n)] = 0;
+  }
+  std::sort(names.begin(), names.end());
+  const vkt_binary image = VKTWriterObject().createImage(root);
+  VKTObject obj(image.data(), vkt_u32(image.size()), VKT_ALLOC_REFER);
+  const VKTValue walked = obj.root()["walked"];
+  std::vector<VKTMemberIterator> copies;
+  for (auto it = walked.members().begin(); copies.size() < names.size(); ++it) {
+    copies.push_back(it);
+    copies.back() = copies.back();  // assignment to itself keeps the buffer
+  }
+  ASSERT_FALSE(obj.hasKeyNames());
+  for (size_t i = 0; i + 1 < copies.size(); ++i) {
+    VKTMemberIterator moved = std::move(copies[i]);
+    EXPECT_EQ((++moved)->name, names[i + 1]) << i;
+    EXPECT_EQ(moved->value.asInt(), walked[names[i + 1]].asInt());
+  }
+}
+
 TEST(KeyTableTest, WalksAndLookupsWithoutDecodedNamesAgreeAcrossThreads) {
   // Objects with fewer members than the table: the first walks rebuild
   // names and the first lookups walk the trie, one of them decodes and

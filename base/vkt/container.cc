@@ -77,28 +77,35 @@ bool VKTValue::findMember(const char* key, VKTValue* value,
   if (mObj == nullptr || *mPtr != ID_OBJECT) return false;
   // A name that no object of the image uses is turned away by the key table.
   vkt_u32 tag;
-  if (!mObj->findKey(key, &tag, hint)) return false;
-  return findTag(tag, value);
+  std::atomic<vkt_u32>* guess = nullptr;
+  if (!mObj->findKey(key, &tag, hint, &guess)) return false;
+  return findTag(tag, value, guess);
 }
 
 bool VKTValue::findMember(const VKTKey& key, VKTValue* value) const {
   if (mObj == nullptr || *mPtr != ID_OBJECT || !key.isPresent()) return false;
-  return findTag(key.tag(), value);
+  return findTag(key.tag(), value, &key.mGuess);
 }
 
-bool VKTValue::findTag(vkt_u32 tag, VKTValue* value) const {
+bool VKTValue::findTag(vkt_u32 tag, VKTValue* value,
+                       std::atomic<vkt_u32>* guess) const {
   if (mObj->mVersion == 1) return findRecordTag(tag, value);
   // ID_OBJECT | key array | offset array | member values, the heads read as
   // the walks read them; the width is picked once, so the search loop reads
   // without a switch.
   vkt_u32 count, width;
   const vkt_u8* keys = packedHead(mPtr + 1, &count, &width);
-  const vkt_u32 found = with_width(width, [&](auto w) {
-    return search_tag(count, tag, [&](vkt_u32 i) {
-      return read_packed<decltype(w)::value>(keys, i);
+  vkt_u32 found =
+      guess != nullptr ? guess->load(std::memory_order_relaxed) : count;
+  if (found >= count || readEntry(keys + found * width, width) != tag) {
+    found = with_width(width, [&](auto w) {
+      return search_tag(count, tag, [&](vkt_u32 i) {
+        return read_packed<decltype(w)::value>(keys, i);
+      });
     });
-  });
-  if (found == count) return false;
+    if (found == count) return false;
+    if (guess != nullptr) guess->store(found, std::memory_order_relaxed);
+  }
   vkt_u32 offsetCount, offsetWidth;
   const vkt_u8* offsets =
       packedHead(keys + count * width, &offsetCount, &offsetWidth);

@@ -77,6 +77,7 @@ void index_names(vkt_internal::NameBlock* block) {
     index[i] = (h >> 32) << 32 | (vkt_u64(tag) + 1);
   }
   block->index.swap(index);
+  block->guesses.reset(new std::atomic<vkt_u32>[count]());
 }
 
 }  // namespace
@@ -167,16 +168,19 @@ inline bool VKTObject::findIndexedKey(const vkt_internal::NameBlock& block,
 
 // A lookup by plain name: the index when there is one (a request or earlier
 // lookups made it), else the key cache for a hinted lookup, else the table.
-bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint) const {
+bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint,
+                        std::atomic<vkt_u32>** guess) const {
   const vkt_internal::NameBlock* names =
       vkt_internal::block_of(mNames.load(std::memory_order_acquire));
   const bool indexed = names != nullptr && !names->index.empty();
-  if (mVersion == 1) {
-    return indexed ? findIndexedKey(*names, key, result)
-                   : findSortedKey(key, result);
+  const bool cached = hint != nullptr && mKeyState != nullptr &&
+                      mKeyState->hashEnabled && mVersion != 1;
+  if (indexed && !cached) {
+    if (!findIndexedKey(*names, key, result)) return false;
+    if (guess != nullptr) *guess = &names->guesses[*result];
+    return true;
   }
-  const bool cached =
-      hint != nullptr && mKeyState != nullptr && mKeyState->hashEnabled;
+  if (mVersion == 1) return findSortedKey(key, result);
   if (cached) {
     bool success;
     if (findKeyTagFromHashTable(key, result, &success, hint)) return success;

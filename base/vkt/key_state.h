@@ -6,6 +6,7 @@
 #define VKT_KEY_STATE_H_
 
 #include <atomic>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,9 @@ struct NameBlock : NameView {
   std::vector<char> bytes;
   std::vector<vkt_u32> offsets;
   std::vector<vkt_u64> index;
+  // Per key tag, the member position where plain-name lookups last found
+  // it (see VKTKey), made with the index.
+  std::unique_ptr<std::atomic<vkt_u32>[]> guesses;
   void setView() {
     names = bytes.data();
     starts = offsets.data();
