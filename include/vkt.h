@@ -350,9 +350,9 @@ class VKTValue {
   // Scalars. Integers narrowed by asInt keep their low 32 bits. A float or
   // double is truncated toward zero and saturates at the target's limits; a
   // NaN gives 0 (and true from asBool).
-  bool asBool() const;  // a stored true or false inline, below VKTObject
-  vkt_s32 asInt() const;
-  vkt_s64 asLongInt() const;
+  bool asBool() const;        // a stored true or false inline, below VKTObject
+  vkt_s32 asInt() const;      // integers of up to 4 bytes inline, below
+  vkt_s64 asLongInt() const;  // VKTObject, as for asInt
   float asFloat() const;
   double asDouble() const;  // a stored double inline, below VKTObject
 
@@ -514,6 +514,7 @@ class VKTValue {
   static const vkt_u8 kStringTagId = 21;  // 1-byte tag; 22 to 24: 2 to 4
   static const vkt_u8 kDoubleId = 31;     // then 8 bytes, low byte first
   static const vkt_u8 kTrueId = 2;        // and kFalseId, 3: no payload
+  static const vkt_u8 kInteger0Id = 4;    // 5 to 8: 1 to 4 bytes, signed
   static const vkt_u32 kUnsignedIdBias = 12;
   static constexpr TypeTable makeTypeTable();  // value.cc
   // Packed numbers are read as one 4-byte word, masked to their width, with
@@ -549,6 +550,19 @@ class VKTValue {
   // value that is no stored true or false (value.cc).
   double numberAsDouble() const;
   bool numberAsBool() const;
+  // asInt and asLongInt for every value that is no integer of up to 4
+  // bytes (value.cc).
+  vkt_s32 numberAsInt() const;
+  vkt_s64 numberAsLongInt() const;
+  // The signed integer of 0 to 4 bytes behind an integer id, read as one
+  // word: shifted up to the top of 64 bits, dropping what lies past it, and
+  // back down with its sign; two shifts of 32 or less, as one of 64 would
+  // be undefined.
+  VKT_INLINE static vkt_s64 shortInteger(const vkt_u8* p) {
+    const vkt_u32 drop = 32 - 8 * (vkt_u32(*p) - kInteger0Id);
+    const vkt_s64 top = vkt_s64(vkt_u64(loadWord(p + 1)) << 32 << drop);
+    return top >> 32 >> drop;
+  }
   // The head of the packed array at `p` (count id | count | width id |
   // entries): sets *count and *width and answers the first entry. A count id
   // outside the family gives count 0, a width id outside it width 0 (every
@@ -1115,6 +1129,19 @@ inline const char* VKTValue::asString() const {
 inline bool VKTValue::asBool() const {
   if (mObj == nullptr || vkt_u32(*mPtr) - kTrueId > 1) return numberAsBool();
   return *mPtr == kTrueId;
+}
+
+// An integer of up to 4 bytes is read here; every other kind converts in
+// the library.
+inline vkt_s32 VKTValue::asInt() const {
+  if (mObj == nullptr || vkt_u32(*mPtr) - kInteger0Id > 4) return numberAsInt();
+  return vkt_s32(shortInteger(mPtr));
+}
+inline vkt_s64 VKTValue::asLongInt() const {
+  if (mObj == nullptr || vkt_u32(*mPtr) - kInteger0Id > 4) {
+    return numberAsLongInt();
+  }
+  return shortInteger(mPtr);
 }
 
 // A stored double is read here; every other kind converts in the library.

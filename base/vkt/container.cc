@@ -50,13 +50,14 @@ vkt_u32 usable_width(const unsigned_array& a) {
 }  // namespace
 
 vkt_size VKTValue::size() const {
-  static_assert(kArrayId == ID_ARRAY && kObjectId == ID_OBJECT &&
-                    kStringTagId == ID_STRING_TAG8 &&
-                    kDoubleId == ID_DOUBLE_FLOAT && kTrueId == ID_TRUE &&
-                    ID_FALSE == kTrueId + 1 &&
-                    kUnsignedIdBias == UNSIGNED_ID_BIAS,
-                "the inline walks and at(index) read containers as the "
-                "library writes them");
+  static_assert(
+      kArrayId == ID_ARRAY && kObjectId == ID_OBJECT &&
+          kStringTagId == ID_STRING_TAG8 && kDoubleId == ID_DOUBLE_FLOAT &&
+          kTrueId == ID_TRUE && kInteger0Id == ID_INTEGER0 &&
+          ID_INTEGER32 == kInteger0Id + 4 && ID_FALSE == kTrueId + 1 &&
+          kUnsignedIdBias == UNSIGNED_ID_BIAS,
+      "the inline walks and at(index) read containers as the "
+      "library writes them");
   if (!is_container(mObj, mPtr)) return 0;
   return parse_unsigned(mPtr + 1);  // the first array's count
 }

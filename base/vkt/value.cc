@@ -129,8 +129,10 @@ bool VKTValue::numberAsBool() const {
   }
 }
 
-vkt_s32 VKTValue::asInt() const { return number<vkt_s32>(mObj, mPtr); }
-vkt_s64 VKTValue::asLongInt() const { return number<vkt_s64>(mObj, mPtr); }
+vkt_s32 VKTValue::numberAsInt() const { return number<vkt_s32>(mObj, mPtr); }
+vkt_s64 VKTValue::numberAsLongInt() const {
+  return number<vkt_s64>(mObj, mPtr);
+}
 float VKTValue::asFloat() const { return number<float>(mObj, mPtr); }
 double VKTValue::numberAsDouble() const { return number<double>(mObj, mPtr); }
 
