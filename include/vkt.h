@@ -698,15 +698,15 @@ class VKTMemberIterator {
   const VKTMember& operator*() const { return mMember; }
   const VKTMember* operator->() const { return &mMember; }
   VKTMemberIterator& operator++() {
-    ++mValues.mIndex;
+    ++mIndex;
     load();
     return *this;
   }
   bool operator==(const VKTMemberIterator& r) const {
-    return mValues.mIndex == r.mValues.mIndex;
+    return mIndex == r.mIndex;
   }
   bool operator!=(const VKTMemberIterator& r) const {
-    return mValues.mIndex != r.mValues.mIndex;
+    return mIndex != r.mIndex;
   }
 
  private:
@@ -739,12 +739,10 @@ class VKTMemberIterator {
     vkt_internal::NameScratch* mPtr = nullptr;
   };
 
-  // Where begin() found the names: a decoded block's names, where each
-  // begins and how many, or else a new rebuild buffer.
+  // Where begin() found the names: a decoded block, or else a new rebuild
+  // buffer.
   struct NameSource {
-    const char* names;
-    const vkt_u32* starts;
-    vkt_u32 count;
+    const vkt_internal::NameView* names;
     vkt_internal::NameScratch* scratch;
   };
 
@@ -756,14 +754,18 @@ class VKTMemberIterator {
                            vkt_u32 keyWidth,
                            vkt_internal::NameScratch* scratch);
 
-  VKTElementIterator mValues;     // positions and member values
+  // The member values' offsets as a VKTElementIterator keeps them, without
+  // its object: the member's value holds that, and a walk keeps one copy
+  // fewer across its steps.
+  const vkt_u8* mOffsets = nullptr;
+  const vkt_u8* mEntity = nullptr;
+  vkt_u32 mWidth = 1;
+  vkt_u32 mIndex = 0;
   const vkt_u8* mKeys = nullptr;  // key tags (versions 2 and up)
   // The object's decoded names, when begin() found them (decodeKeyNames, or
   // the block that walks and lookups made); else names are rebuilt into
   // mScratch.
-  const char* mNames = nullptr;
-  const vkt_u32* mNameStarts = nullptr;
-  vkt_u32 mNameCount = 0;
+  const vkt_internal::NameView* mNames = nullptr;
   vkt_u32 mKeyWidth = 1;
   vkt_u32 mCount = 0;
   VKTMember mMember;
@@ -775,7 +777,7 @@ class VKTMemberRange {
   VKT_INLINE VKTMemberIterator begin() const;
   VKTMemberIterator end() const {
     VKTMemberIterator it;
-    it.mValues.mIndex = mValues.mCount;
+    it.mIndex = mValues.mCount;
     return it;
   }
   vkt_u32 size() const { return mValues.mCount; }
@@ -1218,16 +1220,22 @@ VKT_INLINE VKTMemberRange VKTValue::members() const {
 }
 
 VKT_INLINE void VKTMemberIterator::load() {
-  if (mValues.mIndex >= mCount) return;
-  if (VKT_UNLIKELY(mNameStarts == nullptr)) {
-    mMember = rebuilt(mValues, mKeys, mKeyWidth, mScratch.get());
+  if (mIndex >= mCount) return;
+  if (VKT_UNLIKELY(mNames == nullptr)) {
+    VKTElementIterator values;
+    values.mObj = mMember.value.mObj;
+    values.mOffsets = mOffsets;
+    values.mEntity = mEntity;
+    values.mWidth = mWidth;
+    values.mIndex = mIndex;
+    mMember = rebuilt(values, mKeys, mKeyWidth, mScratch.get());
     return;
   }
-  mMember.keyTag =
-      VKTValue::readEntry(mKeys + mValues.mIndex * mKeyWidth, mKeyWidth);
-  mMember.value.mPtr = mValues.valuePtr();  // begin() set its object
-  mMember.name =
-      VKTObject::decodedName(mNames, mNameStarts, mNameCount, mMember.keyTag);
+  mMember.keyTag = VKTValue::readEntry(mKeys + mIndex * mKeyWidth, mKeyWidth);
+  mMember.value.mPtr =  // begin() set its object; no records come here
+      mEntity + VKTValue::readEntry(mOffsets + mIndex * mWidth, mWidth);
+  mMember.name = VKTObject::decodedName(mNames->names, mNames->starts,
+                                        mNames->count, mMember.keyTag);
 }
 
 // Inline, with one call out for the names, so that a walk builds the
@@ -1235,24 +1243,23 @@ VKT_INLINE void VKTMemberIterator::load() {
 // where wide reloads of narrower stores stalled.
 VKT_INLINE VKTMemberIterator VKTMemberRange::begin() const {
   VKTMemberIterator it;
-  it.mValues = mValues.mBegin;
+  const VKTElementIterator& values = mValues.mBegin;
+  it.mOffsets = values.mOffsets;
+  it.mEntity = values.mEntity;
+  it.mWidth = values.mWidth;
   it.mKeys = mKeys;
   it.mKeyWidth = mKeyWidth;
   it.mCount = mValues.mCount;
-  const VKTObject* obj = it.mValues.mObj;
+  const VKTObject* obj = values.mObj;
   if (obj == nullptr || it.mCount == 0) return it;
   const vkt_internal::NameView* names = obj->mDecodedNames;
   if (names == nullptr) names = obj->mNames.load(std::memory_order_acquire);
-  if (names != nullptr && !it.mValues.records()) {
-    it.mNames = names->names;
-    it.mNameStarts = names->starts;
-    it.mNameCount = names->count;
+  if (names != nullptr && !values.records()) {
+    it.mNames = names;
   } else {
     const VKTMemberIterator::NameSource source =
-        obj->memberNames(it.mCount, it.mValues.records());
+        obj->memberNames(it.mCount, values.records());
     it.mNames = source.names;
-    it.mNameStarts = source.starts;
-    it.mNameCount = source.count;
     it.mScratch.adopt(source.scratch);
   }
   it.mMember.value = VKTValue(obj, nullptr);

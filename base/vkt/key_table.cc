@@ -230,7 +230,7 @@ std::string VKTObject::getKey(vkt_u32 keyTag) const {
 // trie's arrays.
 VKTMemberIterator::NameSource VKTObject::memberNames(vkt_u32 count,
                                                      bool records) const {
-  VKTMemberIterator::NameSource source{nullptr, nullptr, 0, nullptr};
+  VKTMemberIterator::NameSource source{nullptr, nullptr};
   // Version 1 steps take decoded names as they are, without a buffer.
   if (records && mDecodedNames != nullptr) return source;
   key_trie t;
@@ -240,9 +240,7 @@ VKTMemberIterator::NameSource VKTObject::memberNames(vkt_u32 count,
     block = sharedNames(count, t.tail.valueNum);
   }
   if (block != nullptr) {
-    source.names = block->names;
-    source.starts = block->starts;
-    source.count = block->count;
+    source.names = block;
     return source;
   }
   auto* scratch = new vkt_internal::NameScratch;
