@@ -7,6 +7,7 @@
 
 #include <cstring>
 #include <list>
+#include <map>
 #include <memory>
 #include <string>
 #include <unordered_set>
@@ -32,6 +33,9 @@ struct ValueHash {
 struct WalkState {
   std::unordered_set<VKTValue, ValueHash> seen;
   std::list<vkt_members> names;
+  // One prepared key per name for the whole walk, so that each carries the
+  // position where the object before held it into the next.
+  std::map<std::string, VKTKey> keys;
 };
 
 inline vkt_u64 walk_value(VKTValue v, WalkState* state, int depth) {
@@ -64,9 +68,22 @@ inline vkt_u64 walk_value(VKTValue v, WalkState* state, int depth) {
   // Walks by position, and lookups by prepared key, read the same bytes.
   for (VKTValue e : v.elements()) sum += e.getHash() % 2;
   for (const VKTMember& m : v.members()) {
-    const VKTKey key = v.object()->prepareKey(std::string(m.name));
+    const std::string name(m.name);
+    auto found = state->keys.find(name);
+    if (found == state->keys.end()) {
+      found = state->keys.emplace(name, v.object()->prepareKey(name)).first;
+    }
+    const VKTKey& key = found->second;
     sum += touch(m.name.data(), m.name.size()) + (v.at(m.key()) == m.value) +
            v.isMember(key) + (v[key] == m.value);
+  }
+  // A copy of a member iterator steps on after the one it came from let go
+  // of the rebuild buffer that they share.
+  VKTMemberIterator first = v.members().begin();
+  VKTMemberIterator copy = first;
+  first = v.members().end();
+  if (copy != first && ++copy != first) {
+    sum += touch(copy->name.data(), copy->name.size());
   }
   return sum;
 }
