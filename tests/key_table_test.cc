@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <thread>
 
 #include "testutil.h"
@@ -150,6 +151,33 @@ TEST(KeyTableTest, CopiesOfAWalkShareItsBufferAndOutliveIt) {
     VKTMemberIterator moved = std::move(copies[i]);
     EXPECT_EQ((++moved)->name, names[i + 1]) << i;
     EXPECT_EQ(moved->value.asInt(), walked[names[i + 1]].asInt());
+  }
+}
+
+TEST(KeyTableTest, ANameAtAReusedAddressIsReadAfresh) {
+  // Lookups remember the name last found at an address; a buffer that a
+  // program refills must still find what it now spells: another member, a
+  // prefix or extension of the last one, or a name the table lacks.
+  VKTWriterValue root;
+  const char* const names[] = {"a", "ab", "abc", "b", "ba", "longer name"};
+  for (size_t i = 0; i < 6; ++i) root[names[i]] = int(i);
+  VKTObject obj(VKTWriterObject().createImage(root));
+  obj.buildKeyIndex();
+  const char* const spelled[] = {"a",  "ab", "a", "abc",         "ba", "b",
+                                 "zz", "b",  "",  "longer name", "ab"};
+  char buffer[32];
+  for (int pass = 0; pass < 2; ++pass) {
+    for (const char* text : spelled) {
+      std::strcpy(buffer, text);
+      int expected = -1;
+      for (int i = 0; i < 6; ++i)
+        if (std::strcmp(names[i], text) == 0) expected = i;
+      SCOPED_TRACE(text);
+      EXPECT_EQ(obj.root().isMember(buffer), expected >= 0);
+      EXPECT_EQ(obj.root()[buffer].asInt(), expected >= 0 ? expected : 0);
+      VKTValue found;
+      EXPECT_EQ(obj.root().findMember(buffer, &found, nullptr), expected >= 0);
+    }
   }
 }
 

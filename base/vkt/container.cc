@@ -41,6 +41,20 @@ vkt_u32 search_tag(vkt_u32 count, vkt_u32 tag, TagAt tagAt) {
   return count;
 }
 
+// search_tag over a key array; the width is picked once, so the search loop
+// reads without a switch.
+#if defined(__GNUC__) || defined(__clang__)
+__attribute__((noinline))
+#endif
+vkt_u32
+search_keys(const vkt_u8* keys, vkt_u32 count, vkt_u32 width, vkt_u32 tag) {
+  return with_width(width, [&](auto w) {
+    return search_tag(count, tag, [&](vkt_u32 i) {
+      return read_packed<decltype(w)::value>(keys, i);
+    });
+  });
+}
+
 // An array's width for the walks, which index with it: a width id outside the
 // family reads every entry as 0, as get_unsigned_array does.
 vkt_u32 usable_width(const unsigned_array& a) {
@@ -62,6 +76,31 @@ vkt_size VKTValue::size() const {
   return parse_unsigned(mPtr + 1);  // the first array's count
 }
 
+// Inline in the lookups, which come to it with the guess they hold; the
+// search for a guess that misses is a call.
+VKT_INLINE bool VKTValue::findTag(vkt_u32 tag, VKTValue* value,
+                                  std::atomic<vkt_u32>* guess) const {
+  if (mObj->mVersion == 1) return findRecordTag(tag, value);
+  // ID_OBJECT | key array | offset array | member values, the heads read as
+  // the walks read them.
+  vkt_u32 count, width;
+  const vkt_u8* keys = packedHead(mPtr + 1, &count, &width);
+  vkt_u32 found =
+      guess != nullptr ? guess->load(std::memory_order_relaxed) : count;
+  if (found >= count || readEntry(keys + found * width, width) != tag) {
+    found = search_keys(keys, count, width, tag);
+    if (found == count) return false;
+    if (guess != nullptr) guess->store(found, std::memory_order_relaxed);
+  }
+  vkt_u32 offsetCount, offsetWidth;
+  const vkt_u8* offsets =
+      packedHead(keys + count * width, &offsetCount, &offsetWidth);
+  *value =
+      VKTValue(mObj, offsets + offsetCount * offsetWidth +
+                         readEntry(offsets + found * offsetWidth, offsetWidth));
+  return true;
+}
+
 VKTValue VKTValue::at(const char* key, vkt_u32* hint) const {
   VKTValue value;
   findMember(key, &value, hint);
@@ -77,43 +116,23 @@ bool VKTValue::findMember(const char* key, VKTValue* value,
                           vkt_u32* hint) const {
   if (mObj == nullptr || *mPtr != ID_OBJECT) return false;
   // A name that no object of the image uses is turned away by the key table.
+  // The name last found at the key's address, tested here without a call;
+  // a hinted lookup with the key cache on goes through the cache.
   vkt_u32 tag;
   std::atomic<vkt_u32>* guess = nullptr;
-  if (!mObj->findKey(key, &tag, hint, &guess)) return false;
+  const vkt_internal::NameBlock* names =
+      vkt_internal::block_of(mObj->mNames.load(std::memory_order_acquire));
+  if (names != nullptr && hint == nullptr && names->recentTag(key, &tag)) {
+    guess = &names->guesses[tag];
+  } else if (!mObj->findKey(key, &tag, hint, &guess)) {
+    return false;
+  }
   return findTag(tag, value, guess);
 }
 
 bool VKTValue::findMember(const VKTKey& key, VKTValue* value) const {
   if (mObj == nullptr || *mPtr != ID_OBJECT || !key.isPresent()) return false;
   return findTag(key.tag(), value, &key.mGuess);
-}
-
-bool VKTValue::findTag(vkt_u32 tag, VKTValue* value,
-                       std::atomic<vkt_u32>* guess) const {
-  if (mObj->mVersion == 1) return findRecordTag(tag, value);
-  // ID_OBJECT | key array | offset array | member values, the heads read as
-  // the walks read them; the width is picked once, so the search loop reads
-  // without a switch.
-  vkt_u32 count, width;
-  const vkt_u8* keys = packedHead(mPtr + 1, &count, &width);
-  vkt_u32 found =
-      guess != nullptr ? guess->load(std::memory_order_relaxed) : count;
-  if (found >= count || readEntry(keys + found * width, width) != tag) {
-    found = with_width(width, [&](auto w) {
-      return search_tag(count, tag, [&](vkt_u32 i) {
-        return read_packed<decltype(w)::value>(keys, i);
-      });
-    });
-    if (found == count) return false;
-    if (guess != nullptr) guess->store(found, std::memory_order_relaxed);
-  }
-  vkt_u32 offsetCount, offsetWidth;
-  const vkt_u8* offsets =
-      packedHead(keys + count * width, &offsetCount, &offsetWidth);
-  *value =
-      VKTValue(mObj, offsets + offsetCount * offsetWidth +
-                         readEntry(offsets + found * offsetWidth, offsetWidth));
-  return true;
 }
 
 // A version-1 object: the first array holds offsets of records that open

@@ -9,7 +9,8 @@
 // table's size makes both and publishes them with one atomic store, so that
 // the work spent before is about what the block costs, and later walks and
 // lookups, on any thread, use it.
-#include <cstring>  // memcpy, strlen
+#include <cstdint>  // uintptr_t
+#include <cstring>  // memcpy, strcmp, strlen
 
 #include "vkt/format.h"
 #include "vkt/hash_bytes.h"
@@ -146,8 +147,14 @@ const vkt_internal::NameBlock* VKTObject::sharedNames(vkt_u32 resolved,
   return made;
 }
 
+// A program names members through a few strings it keeps (literals, a
+// list of fields), so the name at one address is likely the one found there
+// last time: one strcmp with that name's text confirms it, without the
+// length and the hash. Each slot is only a guess, checked against the text,
+// so a stale or overwritten one costs that compare and nothing else.
 inline bool VKTObject::findIndexedKey(const vkt_internal::NameBlock& block,
                                       const char* key, vkt_u32* result) const {
+  if (block.recentTag(key, result)) return true;
   const size_t length = std::strlen(key);
   const vkt_u64 h = vkt_internal::hash_bytes(key, length);
   const std::vector<vkt_u64>& index = block.index;
@@ -161,6 +168,7 @@ inline bool VKTObject::findIndexedKey(const vkt_internal::NameBlock& block,
     if (block.starts[tag + 1] - begin - 1 == length &&
         same_bytes(block.names + begin, key, length)) {
       *result = tag;
+      block.recentSlot(key).store(tag + 1, std::memory_order_relaxed);
       return true;
     }
   }

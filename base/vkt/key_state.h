@@ -6,6 +6,8 @@
 #define VKT_KEY_STATE_H_
 
 #include <atomic>
+#include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -26,6 +28,23 @@ struct NameBlock : NameView {
   // Per key tag, the member position where plain-name lookups last found
   // it (see VKTKey), made with the index.
   std::unique_ptr<std::atomic<vkt_u32>[]> guesses;
+  // Key tag + 1 of the name last found at an address, by the address's
+  // bits; 0 while none was (see findIndexedKey).
+  static const vkt_u32 kRecent = 256;
+  mutable std::atomic<vkt_u32> recent[kRecent] = {};
+  std::atomic<vkt_u32>& recentSlot(const char* key) const {
+    const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(key);
+    return recent[(address >> 3 ^ address >> 12) % kRecent];
+  }
+  // The key tag of `key` when it is the name last found at its address.
+  bool recentTag(const char* key, vkt_u32* tag) const {
+    const vkt_u32 seen = recentSlot(key).load(std::memory_order_relaxed);
+    if (seen == 0 || std::strcmp(key, names + starts[seen - 1]) != 0) {
+      return false;
+    }
+    *tag = seen - 1;
+    return true;
+  }
   void setView() {
     names = bytes.data();
     starts = offsets.data();
