@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
 #include <thread>
 
 #include "testutil.h"
@@ -195,7 +196,10 @@ TEST(KeyTableTest, WalksAndLookupsWithoutDecodedNamesAgreeAcrossThreads) {
     }
   }
   const vkt_binary image = VKTWriterObject().createImage(root);
-  auto walk = [](const VKTObject& obj) {
+  // Keys prepared once and shared by every thread, which all move their
+  // guessed positions.
+  std::map<std::string, VKTKey> shared;
+  auto walk = [&shared](const VKTObject& obj) {
     std::vector<std::string> names;
     for (const VKTMember& top : obj.root().members()) {
       names.emplace_back(top.name);
@@ -204,6 +208,9 @@ TEST(KeyTableTest, WalksAndLookupsWithoutDecodedNamesAgreeAcrossThreads) {
         EXPECT_EQ(m.value.asInt(), top.value[m.key()].asInt());
         EXPECT_EQ(top.value[std::string(m.name)], m.value);
       }
+      for (const auto& key : shared) {
+        EXPECT_EQ(top.value[key.second], top.value[key.first]);
+      }
     }
     return names;
   };
@@ -211,12 +218,17 @@ TEST(KeyTableTest, WalksAndLookupsWithoutDecodedNamesAgreeAcrossThreads) {
   decoded.decodeKeyNames();
   const std::vector<std::string> expected = walk(decoded);
   ASSERT_EQ(expected.size(), 6u * 31);
-  VKTObject shared(image.data(), vkt_u32(image.size()), VKT_ALLOC_REFER);
+  VKTObject opened(image.data(), vkt_u32(image.size()), VKT_ALLOC_REFER);
+  for (int k = 0; k < 30; ++k) {  // the names of object o0
+    const std::string name =
+        std::string(size_t(k * 7 % 61), 'n') + std::to_string(k);
+    shared.emplace(name, opened.prepareKey(name));
+  }
   std::vector<std::vector<std::string>> seen(4 * 3);
   std::vector<std::thread> threads;
   for (size_t t = 0; t < 4; ++t) {
     threads.emplace_back([&, t] {
-      for (size_t pass = 0; pass < 3; ++pass) seen[t * 3 + pass] = walk(shared);
+      for (size_t pass = 0; pass < 3; ++pass) seen[t * 3 + pass] = walk(opened);
     });
   }
   for (std::thread& t : threads) t.join();
