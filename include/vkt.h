@@ -959,8 +959,9 @@ class VKTObject {
   // owns, so that member walks hand out names without rebuilding them and
   // getMemberNames copies instead of decoding. The block takes the names'
   // bytes and one NUL per name (VKTVerifyReport::keyNameBytes, which a
-  // program can weigh before the call) plus 4 bytes per name and 4, and lives
-  // until the object dies; a second call does nothing. Names that would pass
+  // program can weigh before the call) plus 4 bytes per name and 1 KiB (the
+  // names that lookups found at their callers' addresses), and lives until
+  // the object dies; a second call does nothing. Names that would pass
   // 4 GiB in all (verify refuses such a table) are left undecoded. It writes
   // to the object: no other call on the object may run at the same time.
   // Time is linear in the names' total length.
@@ -970,15 +971,16 @@ class VKTObject {
   // Decodes the names (decodeKeyNames) and indexes them by a hash, so that
   // every lookup by a plain name (VKTValue::at, findMember, isMember,
   // prepareKey) hashes the name once instead of walking the key table byte
-  // by byte, and tests first the member position where it last found the
-  // name; the answers stay the same. Takes 12 to 20 bytes per name on top
-  // of the names' block, and lives until the object dies; a second call
-  // does nothing. A table whose names could not be decoded, or that spells a
-  // name twice (verify refuses both), is left unindexed. It writes to the
-  // object: no other call on the object may run at the same time. Time is
-  // linear in the names' total length. Without the call, lookups and walks
-  // make the same block themselves once they have resolved as many names
-  // through the table as it holds (see VKTMemberIterator), unless
+  // by byte; the answers stay the same. A lookup first tests the name last
+  // found at the same address (a string the program keeps), with one
+  // compare, and then the member position where it last found that name. Takes
+  // 12 to 20 bytes per name on top of the names' block, and lives until the
+  // object dies; a second call does nothing. A table whose names could not be
+  // decoded, or that spells a name twice (verify refuses both), is left
+  // unindexed. It writes to the object: no other call on the object may run at
+  // the same time. Time is linear in the names' total length. Without the call,
+  // lookups and walks make the same block themselves once they have resolved as
+  // many names through the table as it holds (see VKTMemberIterator), unless
   // decodeKeyNames ran before: its names then serve without an index.
   void buildKeyIndex();
   bool hasKeyIndex() const;
