@@ -130,10 +130,10 @@ struct NameView {
 };
 struct NameBlock;
 struct NameScratch;
-// Shares one NameScratch among copies of a member iterator, and frees it
-// with the last of them.
-void retain_scratch(NameScratch* scratch);
-void release_scratch(NameScratch* scratch);
+// A member iterator's rebuild buffer for a copy of the iterator (the key
+// table's arrays as in `scratch`, a name buffer of its own), and its end.
+NameScratch* copy_scratch(const NameScratch* scratch);
+void free_scratch(NameScratch* scratch);
 }  // namespace vkt_internal
 class VKTWriterValue;
 // The implementation's accessor to the private parts below; not for users.
@@ -519,12 +519,13 @@ class VKTValue {
   static constexpr TypeTable makeTypeTable();  // value.cc
   // Packed numbers are read as one 4-byte word, masked to their width, with
   // no branch on the width. Every packed number read here (container heads
-  // and entries, key tags, string tags and the string offset array) lies in
+  // and entries, key tags, string tags and the string offset array), and
+  // every integer of up to 4 bytes that asInt and asLongInt read, lies in
   // front of the stream offset and size arrays, which are at least 3 bytes
   // each and in memory: verify and verifyTables check the section order and
   // both arrays (verifyStep a value's own bytes), and the library writes
-  // them so. The up to 3 bytes read past a number are then always the
-  // image's own. Open reads before any check, so it reads byte by byte.
+  // them so. The up to 4 bytes read past a number's last byte are then
+  // always the image's own. Open reads before any check, so it reads byte by byte.
   static constexpr vkt_u32 kPackedMask[5] = {0, 0xFF, 0xFFFF, 0xFFFFFF,
                                              0xFFFFFFFF};
   // Four bytes at p, least significant first.
@@ -594,9 +595,9 @@ struct VKTMember {
   vkt_u32 keyTag = 0;  // the name's key tag in the image's key table
   // The name. It points into a name block of the VKTObject when
   // VKTObject::decodeKeyNames has run or earlier walks decoded the names
-  // (valid until the object dies), else into a buffer that the iterator
-  // which produced it shares with its copies (valid until one of them moves
-  // on, or the last of them dies). Not NUL-terminated in general.
+  // (valid until the object dies), else into the iterator that produced it
+  // (valid until that iterator moves on or dies). Not NUL-terminated in
+  // general.
   std::string_view name;
   VKTValue value;
   // The prepared key of this member's name, for lookups in other objects.
@@ -679,9 +680,9 @@ class VKTElementRange {
 };
 
 // Members by position. Without VKTObject::decodeKeyNames each step rebuilds
-// the name from the key table into a buffer that begin() allocates once, and
-// that copies of the iterator share (input iterators allow it); a name
-// longer than any before it grows that buffer. Once walks and lookups by
+// the name from the key table into a buffer that begin() allocates once (a
+// copy of the iterator allocates its own); a name longer than any before it
+// grows that buffer. Once walks and lookups by
 // plain name on one object have resolved as many names through the key
 // table as it holds, the one that passes that count decodes and indexes all
 // names once, into a block the object keeps until it dies (what
@@ -714,14 +715,15 @@ class VKTMemberIterator {
   friend class VKTObject;
   VKTMemberIterator() = default;
 
-  // The rebuild buffer, shared by an iterator's copies; null while names
-  // come from a decoded block.
+  // The rebuild buffer, the iterator's own: a copy of the iterator makes
+  // its own, so that copies step on independently, as iterators that held
+  // their buffer inline did. Null while names come from a decoded block,
+  // and in an iterator moved from, whose next step makes a new one.
   class Scratch {
    public:
     Scratch() = default;
-    Scratch(const Scratch& r) : mPtr(r.mPtr) {
-      if (mPtr != nullptr) vkt_internal::retain_scratch(mPtr);
-    }
+    Scratch(const Scratch& r)
+        : mPtr(r.mPtr ? vkt_internal::copy_scratch(r.mPtr) : nullptr) {}
     Scratch(Scratch&& r) noexcept : mPtr(r.mPtr) { r.mPtr = nullptr; }
     Scratch& operator=(Scratch r) noexcept {
       vkt_internal::NameScratch* p = mPtr;
@@ -730,7 +732,7 @@ class VKTMemberIterator {
       return *this;
     }
     ~Scratch() {
-      if (mPtr != nullptr) vkt_internal::release_scratch(mPtr);
+      if (mPtr != nullptr) vkt_internal::free_scratch(mPtr);
     }
     void adopt(vkt_internal::NameScratch* p) { mPtr = p; }
     vkt_internal::NameScratch* get() const { return mPtr; }
@@ -895,6 +897,10 @@ class VKTObject {
   //     unchecked again;
   //   - after VKTValue::verify, the view and every view reached from it are
   //     as safe as on an image that verify accepted, with the same limits.
+  // verifyStep does not check that an object's key tags ascend (verify
+  // does): on an object whose tags do not, a lookup may find a member or
+  // miss it depending on where earlier lookups found their names, always
+  // inside the image.
   // The report tells the table sizes and where the image ends; its values
   // and depth stay 0.
   static bool verifyTables(const vkt_u8* p, vkt_size size,
@@ -974,7 +980,7 @@ class VKTObject {
   // by byte; the answers stay the same. A lookup first tests the name last
   // found at the same address (a string the program keeps), with one
   // compare, and then the member position where it last found that name. Takes
-  // 12 to 20 bytes per name on top of the names' block, and lives until the
+  // 20 to 36 bytes per name on top of the names' block, and lives until the
   // object dies; a second call does nothing. A table whose names could not be
   // decoded, or that spells a name twice (verify refuses both), is left
   // unindexed. It writes to the object: no other call on the object may run at
@@ -1042,7 +1048,10 @@ class VKTObject {
                                              vkt_u32 keys) const;
   // Every key name into *block; false when they would pass 4 GiB.
   bool decodeNames(vkt_internal::NameBlock* block) const;
-  // The name of `keyTag` rebuilt into `scratch`, which memberNames set up.
+  // A member walk's rebuild buffer, with the key table's arrays set up
+  // unless the walk is over version-1 records.
+  vkt_internal::NameScratch* newScratch(bool records) const;
+  // The name of `keyTag` rebuilt into `scratch`, which newScratch set up.
   std::string_view rebuildMemberName(vkt_internal::NameScratch* scratch,
                                      vkt_u32 keyTag) const;
   const char* sortedKey(vkt_u32 keyTag) const;
@@ -1224,6 +1233,9 @@ VKT_INLINE VKTMemberRange VKTValue::members() const {
 VKT_INLINE void VKTMemberIterator::load() {
   if (mIndex >= mCount) return;
   if (VKT_UNLIKELY(mNames == nullptr)) {
+    if (VKT_UNLIKELY(mScratch.get() == nullptr)) {
+      mScratch.adopt(mMember.value.mObj->newScratch(mWidth > 4));
+    }
     VKTElementIterator values;
     values.mObj = mMember.value.mObj;
     values.mOffsets = mOffsets;

@@ -77,13 +77,16 @@ inline vkt_u64 walk_value(VKTValue v, WalkState* state, int depth) {
     sum += touch(m.name.data(), m.name.size()) + (v.at(m.key()) == m.value) +
            v.isMember(key) + (v[key] == m.value);
   }
-  // A copy of a member iterator steps on after the one it came from let go
-  // of the rebuild buffer that they share.
+  // A copy of a member iterator steps on, and so do the one moved from and
+  // the one moved to.
   VKTMemberIterator first = v.members().begin();
   VKTMemberIterator copy = first;
-  first = v.members().end();
-  if (copy != first && ++copy != first) {
-    sum += touch(copy->name.data(), copy->name.size());
+  VKTMemberIterator moved = std::move(first);
+  const VKTMemberIterator end = v.members().end();
+  for (VKTMemberIterator* it : {&copy, &moved, &first}) {
+    if (*it != end && ++*it != end) {
+      sum += touch((*it)->name.data(), (*it)->name.size());
+    }
   }
   return sum;
 }

@@ -124,19 +124,20 @@ TEST(KeyTableTest, NamesOfEveryLengthComeBackWhole) {
   }
 }
 
-TEST(KeyTableTest, CopiesOfAWalkShareItsBufferAndOutliveIt) {
-  // Without decoded names, copies of a member iterator share the buffer
-  // names are rebuilt into: a copy taken at each position and stepped after
-  // the walk (and its range) ended still names the next member, in place
-  // and past the buffer's in-place size.
-  // The root's own keys keep the table larger than one walk and lookup
+TEST(KeyTableTest, CopiesOfARebuildingWalkStepOnTheirOwn) {
+  // Without decoded names each iterator rebuilds names into a buffer of its
+  // own: a copy taken at each position and stepped after the walk (and its
+  // range) ended names the next member, in place and past the buffer's
+  // in-place size, while the name of the iterator it was copied from stays
+  // whole; an iterator moved from steps on too.
+  // The root's own keys keep the table larger than the walks and lookups
   // resolve, so that no block of decoded names is made.
   VKTWriterValue root;
   std::vector<std::string> names;
-  for (size_t n : {1, 47, 48, 49, 90, 3}) {
+  for (size_t n : {1, 47, 48, 49, 90, 3, 120}) {
     names.push_back(std::string(n, 'k') + std::to_string(n));
     root["walked"][names.back()] = int(n);
-    root["other" + std::to_string(n)] = 0;
+    for (int k = 0; k < 4; ++k) root["other" + std::to_string(n * 10 + k)];
   }
   std::sort(names.begin(), names.end());
   const vkt_binary image = VKTWriterObject().createImage(root);
@@ -146,13 +147,19 @@ TEST(KeyTableTest, CopiesOfAWalkShareItsBufferAndOutliveIt) {
   for (auto it = walked.members().begin(); copies.size() < names.size(); ++it) {
     copies.push_back(it);
     copies.back() = copies.back();  // assignment to itself keeps the buffer
+    VKTMemberIterator next = it;
+    if (++next != walked.members().end()) {
+      EXPECT_EQ(next->name, names[copies.size()]);
+    }
+    EXPECT_EQ(it->name, names[copies.size() - 1]);
   }
-  ASSERT_FALSE(obj.hasKeyNames());
   for (size_t i = 0; i + 1 < copies.size(); ++i) {
     VKTMemberIterator moved = std::move(copies[i]);
     EXPECT_EQ((++moved)->name, names[i + 1]) << i;
     EXPECT_EQ(moved->value.asInt(), walked[names[i + 1]].asInt());
+    EXPECT_EQ((++copies[i])->name, names[i + 1]) << i;  // moved from
   }
+  EXPECT_FALSE(obj.hasKeyIndex());
 }
 
 TEST(KeyTableTest, ANameAtAReusedAddressIsReadAfresh) {

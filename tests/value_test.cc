@@ -18,9 +18,13 @@ TEST(Value, ConversionMatrixNullViewAndIdentity) {
     auto key() const { return std::make_tuple(type, b, i, l, std::to_string(float(f)), std::to_string(d)); } };
   const Row rows[] = {
       {nullptr, N, false, 0, 0, 0, 0}, {"01", N, false, 0, 0, 0, 0}, {"02", B, true, 1, 1, 1, 1},
+      // Up to 4 bytes inline: no payload, and each width's extremes.
+      {"04", I, false, 0, 0, 0, 0}, {"05 7F", I, true, 127, 127, 127, 127},
       {"05 80", I, true, -128, -128, -128, -128}, {"06 00 80", I, true, -32768, -32768, -32768, -32768},
       {"07 00 00 80", I, true, -8388608, -8388608, -8388608, -8388608},
+      {"07 FF FF 7F", I, true, 8388607, 8388607, 8388607, 8388607},
       {"08 00 00 00 80", I, true, INT32_MIN, INT32_MIN, INT32_MIN, INT32_MIN},
+      {"08 FF FF FF 7F", I, true, INT32_MAX, INT32_MAX, 0x1p31, INT32_MAX},
       {"09 FF FF FF 7F FF", I, true, INT32_MAX, -2147483649, -0x1p31, -2147483649},
       {"0A 00 00 00 00 00 80", I, true, 0, -(1LL << 47), -0x1p47, -0x1p47},
       {"0B 00 00 00 00 00 00 80", I, true, 0, -(1LL << 55), -0x1p55, -0x1p55},

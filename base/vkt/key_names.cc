@@ -77,8 +77,12 @@ void index_names(vkt_internal::NameBlock* block) {
     }
     index[i] = (h >> 32) << 32 | (vkt_u64(tag) + 1);
   }
+  // Both made before either is kept: lookups take an index to come with
+  // its guesses.
+  std::unique_ptr<std::atomic<vkt_u32>[]> guesses(
+      new std::atomic<vkt_u32>[count]());
+  block->guesses.swap(guesses);
   block->index.swap(index);
-  block->guesses.reset(new std::atomic<vkt_u32>[count]());
 }
 
 }  // namespace
@@ -174,8 +178,9 @@ inline bool VKTObject::findIndexedKey(const vkt_internal::NameBlock& block,
   }
 }
 
-// A lookup by plain name: the index when there is one (a request or earlier
-// lookups made it), else the key cache for a hinted lookup, else the table.
+// A lookup by plain name: the key cache for a hinted lookup while the cache
+// is on, else the index when there is one (a request or earlier lookups made
+// it), else the table.
 bool VKTObject::findKey(const char* key, vkt_u32* result, vkt_u32* hint,
                         std::atomic<vkt_u32>** guess) const {
   const vkt_internal::NameBlock* names =

@@ -61,9 +61,8 @@ inline const NameBlock* block_of(const NameView* view) {
 // What a member walk rebuilds names with while no name block serves it: the
 // key table's arrays, read once when the walk begins, so that each step only
 // climbs from the name's leaf, and the name itself, in place up to the
-// buffer's size, else in the string. Copies of one iterator share it.
+// buffer's size, else in the string. Each copy of an iterator has its own.
 struct NameScratch {
-  std::atomic<vkt_u32> refs{1};
   const vkt_u8* base = nullptr;
   const vkt_u8* check = nullptr;
   const vkt_u8* tail = nullptr;

@@ -226,26 +226,24 @@ std::string VKTObject::getKey(vkt_u32 keyTag) const {
 }
 
 // The walk's count goes to the shared block's tally, which may make the
-// block now; a walk that still has none gets a rebuild buffer with the
-// trie's arrays.
+// block now; a walk that still has none gets a rebuild buffer.
 VKTMemberIterator::NameSource VKTObject::memberNames(vkt_u32 count,
                                                      bool records) const {
   VKTMemberIterator::NameSource source{nullptr, nullptr};
-  // Version 1 steps take decoded names as they are, without a buffer.
-  if (records && mDecodedNames != nullptr) return source;
-  key_trie t;
-  const vkt_internal::NameView* block = nullptr;
   if (!records) {
+    key_trie t;
     setup_key_trie(&t, mKeyEntity);
-    block = sharedNames(count, t.tail.valueNum);
+    source.names = sharedNames(count, t.tail.valueNum);
   }
-  if (block != nullptr) {
-    source.names = block;
-    return source;
-  }
+  if (source.names == nullptr) source.scratch = newScratch(records);
+  return source;
+}
+
+vkt_internal::NameScratch* VKTObject::newScratch(bool records) const {
   auto* scratch = new vkt_internal::NameScratch;
-  source.scratch = scratch;
-  if (records) return source;
+  if (records) return scratch;
+  key_trie t;
+  setup_key_trie(&t, mKeyEntity);
   scratch->base = t.base.values;
   scratch->check = t.check.values;
   scratch->tail = t.tail.values;
@@ -254,18 +252,24 @@ VKTMemberIterator::NameSource VKTObject::memberNames(vkt_u32 count,
   scratch->baseWidth = vkt_u8(t.base.valueSize <= 4 ? t.base.valueSize : 0);
   scratch->checkWidth = vkt_u8(t.check.valueSize <= 4 ? t.check.valueSize : 0);
   scratch->tailWidth = vkt_u8(t.tail.valueSize <= 4 ? t.tail.valueSize : 0);
-  return source;
+  return scratch;
 }
 
-void vkt_internal::retain_scratch(NameScratch* scratch) {
-  scratch->refs.fetch_add(1, std::memory_order_relaxed);
+vkt_internal::NameScratch* vkt_internal::copy_scratch(
+    const NameScratch* scratch) {
+  auto* copy = new NameScratch;
+  copy->base = scratch->base;
+  copy->check = scratch->check;
+  copy->tail = scratch->tail;
+  copy->positions = scratch->positions;
+  copy->keys = scratch->keys;
+  copy->baseWidth = scratch->baseWidth;
+  copy->checkWidth = scratch->checkWidth;
+  copy->tailWidth = scratch->tailWidth;
+  return copy;
 }
 
-void vkt_internal::release_scratch(NameScratch* scratch) {
-  if (scratch->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-    delete scratch;
-  }
-}
+void vkt_internal::free_scratch(NameScratch* scratch) { delete scratch; }
 
 // Climbs into the back of the scratch buffer, and for a longer name sizes it
 // in that climb and fills the string in a second one; a tag beyond the table
