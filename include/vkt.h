@@ -402,15 +402,18 @@ class VKTValue {
   vkt_size size() const;
   vkt_size count() const { return size(); }
   // Element `index` of an array; the null view at or beyond size().
-  VKTValue operator[](vkt_u32 index) const { return at(index); }
+  // Always inline, with the lookups of prepared keys: called, the view goes
+  // through memory, and GCC reloads the two halves it stored as one 16-byte
+  // word, a load that waits for both stores.
+  VKT_INLINE VKTValue operator[](vkt_u32 index) const { return at(index); }
   // Any other integer type, so that v[0] or v[i] with an int or size_t index
   // does not collide with the key form.
   template <typename T,
             typename std::enable_if<std::is_integral<T>::value, int>::type = 0>
-  VKTValue operator[](T index) const {
+  VKT_INLINE VKTValue operator[](T index) const {
     return at(static_cast<vkt_u32>(index));
   }
-  VKTValue at(vkt_u32 index) const {
+  VKT_INLINE VKTValue at(vkt_u32 index) const {
     // ID_ARRAY | offset array | elements
     if (mObj == nullptr || *mPtr != kArrayId) return VKTValue();
     vkt_u32 count, width;
@@ -525,7 +528,8 @@ class VKTValue {
   // each and in memory: verify and verifyTables check the section order and
   // both arrays (verifyStep a value's own bytes), and the library writes
   // them so. The up to 4 bytes read past a number's last byte are then
-  // always the image's own. Open reads before any check, so it reads byte by byte.
+  // always the image's own. Open reads before any check, so it reads byte by
+  // byte.
   static constexpr vkt_u32 kPackedMask[5] = {0, 0xFF, 0xFFFF, 0xFFFFFF,
                                              0xFFFFFFFF};
   // Four bytes at p, least significant first.
