@@ -18,7 +18,8 @@
 
 #include <atomic>
 #include <cstddef>
-#include <cstring>  // memcpy
+#include <cstdint>
+#include <cstring>  // memcpy, strcmp
 #include <iterator>
 #include <string>
 #include <string_view>
@@ -120,13 +121,33 @@ namespace vkt_internal {
 struct WriterTables;
 class ValueSource;
 struct KeyState;
-// What inline member walks read of a block of decoded key names: every name
-// back to back, each closed by a NUL, where each begins (one extra entry for
-// the end), and how many; the block behind it is the implementation's.
+// What inline member walks and lookups read of a block of decoded key names:
+// every name back to back, each closed by a NUL, where each begins (one extra
+// entry for the end), and how many; with the name index, per key tag the
+// member position where plain-name lookups last found it (see VKTKey), and
+// by the bits of a name's address, key tag + 1 of the name last found there
+// (0 while none was). The block behind it is the implementation's and owns
+// all of it.
 struct NameView {
+  static const vkt_u32 kRecent = 256;
   const char* names = nullptr;
   const vkt_u32* starts = nullptr;
   vkt_u32 count = 0;
+  std::atomic<vkt_u32>* guesses = nullptr;  // null without the index
+  std::atomic<vkt_u32>* recent = nullptr;   // kRecent slots
+  std::atomic<vkt_u32>& recentSlot(const char* key) const {
+    const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(key);
+    return recent[(address >> 3 ^ address >> 12) % kRecent];
+  }
+  // The key tag of `key` when it is the name last found at its address.
+  bool recentTag(const char* key, vkt_u32* tag) const {
+    const vkt_u32 seen = recentSlot(key).load(std::memory_order_relaxed);
+    if (seen == 0 || std::strcmp(key, names + starts[seen - 1]) != 0) {
+      return false;
+    }
+    *tag = seen - 1;
+    return true;
+  }
 };
 struct NameBlock;
 struct NameScratch;
@@ -425,11 +446,13 @@ class VKTValue {
 
   // Member of an object by name; the null view when it is missing. A member
   // that holds null is found: its view has a non-null object().
-  VKTValue operator[](const char* key) const { return at(key, nullptr); }
-  VKTValue operator[](const std::string& key) const {
-    return at(key.c_str(), nullptr);
+  VKT_INLINE VKTValue operator[](const char* key) const { return atName(key); }
+  VKT_INLINE VKTValue operator[](const std::string& key) const {
+    return atName(key.c_str());
   }
-  VKTValue at(const std::string& key) const { return at(key.c_str(), nullptr); }
+  VKT_INLINE VKTValue at(const std::string& key) const {
+    return atName(key.c_str());
+  }
   // `hint`, when not null, takes part in the object's key cache: set it to 0
   // once and pass the same variable with the same key every time. While the
   // cache is enabled the cache keeps the `key` pointer, so the string must
@@ -588,6 +611,13 @@ class VKTValue {
   // `guess` (may be null) holds the position where the tag was last found,
   // which is tested first and updated on a find elsewhere.
   bool findTag(vkt_u32 tag, VKTValue* value, std::atomic<vkt_u32>* guess) const;
+  // The member with key tag `tag`, its guess tested inline; REQUIRES: an
+  // object view.
+  VKT_INLINE VKTValue atTag(vkt_u32 tag, std::atomic<vkt_u32>* guess) const;
+  // The member named `key`, the name last found at its address tested
+  // inline.
+  VKT_INLINE VKTValue atName(const char* key) const;
+  VKTValue searchTag(vkt_u32 tag, std::atomic<vkt_u32>* guess) const;
   bool findRecordTag(vkt_u32 tag, VKTValue* value) const;  // version 1
 
   const VKTObject* mObj;
@@ -1193,27 +1223,48 @@ VKT_INLINE VKTElementRange VKTValue::elements() const {
   return range;
 }
 
-// A prepared key's guess is tested inline: objects of one shape hold it at
+// A guessed position is tested inline: objects of one shape hold a name at
 // the same position, and a hit then costs the two array heads and two
-// entries. The search, version 1 and the null view go out of line.
-VKT_INLINE VKTValue VKTValue::at(const VKTKey& key) const {
-  VKTValue value;
-  if (mObj != nullptr && *mPtr == kObjectId && mObj->mVersion != 1) {
+// entries. The search and version 1 go out of line.
+VKT_INLINE VKTValue VKTValue::atTag(vkt_u32 tag,
+                                    std::atomic<vkt_u32>* guess) const {
+  if (mObj->mVersion != 1) {
     vkt_u32 count, width;
     const vkt_u8* keys = packedHead(mPtr + 1, &count, &width);
-    const vkt_u32 guess = key.mGuess.load(std::memory_order_relaxed);
-    if (guess < count && readEntry(keys + guess * width, width) == key.mTag &&
-        key.isPresent()) {
+    const vkt_u32 found = guess->load(std::memory_order_relaxed);
+    if (found < count && readEntry(keys + found * width, width) == tag) {
       vkt_u32 offsetCount, offsetWidth;
       const vkt_u8* offsets =
           packedHead(keys + count * width, &offsetCount, &offsetWidth);
       return VKTValue(
           mObj, offsets + offsetCount * offsetWidth +
-                    readEntry(offsets + guess * offsetWidth, offsetWidth));
+                    readEntry(offsets + found * offsetWidth, offsetWidth));
     }
   }
-  findMember(key, &value);
-  return value;
+  return searchTag(tag, guess);
+}
+
+// An absent key's tag is no key tag, and may still match a 4-byte entry.
+VKT_INLINE VKTValue VKTValue::at(const VKTKey& key) const {
+  if (mObj == nullptr || *mPtr != kObjectId || !key.isPresent()) {
+    return VKTValue();
+  }
+  return atTag(key.mTag, &key.mGuess);
+}
+
+// A program names members through a few strings it keeps, so the name at
+// one address is likely the one found there last: with the name index, one
+// strcmp with that name's text confirms it inline, and its guess follows.
+// Any other name goes out of line to the index, the key cache or the table.
+VKT_INLINE VKTValue VKTValue::atName(const char* key) const {
+  if (mObj == nullptr || *mPtr != kObjectId) return VKTValue();
+  const vkt_internal::NameView* names =
+      mObj->mNames.load(std::memory_order_acquire);
+  vkt_u32 tag;
+  if (names != nullptr && names->recentTag(key, &tag)) {
+    return atTag(tag, &names->guesses[tag]);
+  }
+  return at(key, nullptr);
 }
 
 // The members of an object (v2 and up): ID_OBJECT | key array | offset

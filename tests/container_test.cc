@@ -105,6 +105,15 @@ TEST(ContainerTest, VersionOneRecordsWithTwoByteKeyTags) {
   EXPECT_EQ(render(obj.root()), "{k001:1,k255:2,k256:3,k299:4}");
   obj.decodeKeyNames();
   EXPECT_EQ(render(obj.root()), "{k001:1,k255:2,k256:3,k299:4}");
+  // Through the name index, the second pass by the names' remembered
+  // addresses.
+  obj.buildKeyIndex();
+  const std::string names[] = {"k255", "k256", "k257"};
+  for (int pass = 0; pass < 2; ++pass) {
+    EXPECT_EQ(obj.root()[names[0]].asInt(), 2);
+    EXPECT_EQ(obj.root()[names[1]].asInt(), 3);
+    EXPECT_FALSE(obj.root()[names[2]].object());
+  }
 }
 
 TEST(ContainerTest, LookupsAcrossObjectShapesFindEachMember) {

@@ -120,8 +120,8 @@ bool VKTValue::findMember(const char* key, VKTValue* value,
   // a hinted lookup with the key cache on goes through the cache.
   vkt_u32 tag;
   std::atomic<vkt_u32>* guess = nullptr;
-  const vkt_internal::NameBlock* names =
-      vkt_internal::block_of(mObj->mNames.load(std::memory_order_acquire));
+  const vkt_internal::NameView* names =
+      mObj->mNames.load(std::memory_order_acquire);
   if (names != nullptr && hint == nullptr && names->recentTag(key, &tag)) {
     guess = &names->guesses[tag];
   } else if (!mObj->findKey(key, &tag, hint, &guess)) {
@@ -133,6 +133,13 @@ bool VKTValue::findMember(const char* key, VKTValue* value,
 bool VKTValue::findMember(const VKTKey& key, VKTValue* value) const {
   if (mObj == nullptr || *mPtr != ID_OBJECT || !key.isPresent()) return false;
   return findTag(key.tag(), value, &key.mGuess);
+}
+
+// The search behind the inline guess tests.
+VKTValue VKTValue::searchTag(vkt_u32 tag, std::atomic<vkt_u32>* guess) const {
+  VKTValue value;
+  findTag(tag, &value, guess);
+  return value;
 }
 
 // A version-1 object: the first array holds offsets of records that open

@@ -81,7 +81,8 @@ void index_names(vkt_internal::NameBlock* block) {
   // its guesses.
   std::unique_ptr<std::atomic<vkt_u32>[]> guesses(
       new std::atomic<vkt_u32>[count]());
-  block->guesses.swap(guesses);
+  block->guessSlots.swap(guesses);
+  block->guesses = block->guessSlots.get();
   block->index.swap(index);
 }
 

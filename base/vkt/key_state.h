@@ -25,30 +25,14 @@ struct NameBlock : NameView {
   std::vector<char> bytes;
   std::vector<vkt_u32> offsets;
   std::vector<vkt_u64> index;
-  // Per key tag, the member position where plain-name lookups last found
-  // it (see VKTKey), made with the index.
-  std::unique_ptr<std::atomic<vkt_u32>[]> guesses;
-  // Key tag + 1 of the name last found at an address, by the address's
-  // bits; 0 while none was (see findIndexedKey).
-  static const vkt_u32 kRecent = 256;
-  mutable std::atomic<vkt_u32> recent[kRecent] = {};
-  std::atomic<vkt_u32>& recentSlot(const char* key) const {
-    const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(key);
-    return recent[(address >> 3 ^ address >> 12) % kRecent];
-  }
-  // The key tag of `key` when it is the name last found at its address.
-  bool recentTag(const char* key, vkt_u32* tag) const {
-    const vkt_u32 seen = recentSlot(key).load(std::memory_order_relaxed);
-    if (seen == 0 || std::strcmp(key, names + starts[seen - 1]) != 0) {
-      return false;
-    }
-    *tag = seen - 1;
-    return true;
-  }
+  // What the view's guesses and recent slots point at.
+  std::unique_ptr<std::atomic<vkt_u32>[]> guessSlots;
+  std::atomic<vkt_u32> recentSlots[kRecent] = {};
   void setView() {
     names = bytes.data();
     starts = offsets.data();
     count = vkt_u32(offsets.size() - 1);
+    recent = recentSlots;
   }
 };
 
