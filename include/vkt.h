@@ -125,28 +125,32 @@ struct KeyState;
 // every name back to back, each closed by a NUL, where each begins (one extra
 // entry for the end), and how many; with the name index, per key tag the
 // member position where plain-name lookups last found it (see VKTKey), and
-// by the bits of a name's address, key tag + 1 of the name last found there
-// (0 while none was). The block behind it is the implementation's and owns
-// all of it.
+// by the bits of a name's address, the name last found there. The block
+// behind it is the implementation's and owns all of it.
 struct NameView {
   static const vkt_u32 kRecent = 256;
   const char* names = nullptr;
   const vkt_u32* starts = nullptr;
   vkt_u32 count = 0;
   std::atomic<vkt_u32>* guesses = nullptr;  // null without the index
-  std::atomic<vkt_u32>* recent = nullptr;   // kRecent slots
-  std::atomic<vkt_u32>& recentSlot(const char* key) const {
+  // Where the name begins (high half) and its key tag + 1 (low half), in one
+  // word so that a lookup reads the name's text straight after the slot; 0
+  // while no name was found at such an address.
+  mutable std::atomic<vkt_u64> recent[kRecent] = {};
+  std::atomic<vkt_u64>& recentSlot(const char* key) const {
     const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(key);
     return recent[(address >> 3 ^ address >> 12) % kRecent];
   }
   // The key tag of `key` when it is the name last found at its address.
   bool recentTag(const char* key, vkt_u32* tag) const {
-    const vkt_u32 seen = recentSlot(key).load(std::memory_order_relaxed);
-    if (seen == 0 || std::strcmp(key, names + starts[seen - 1]) != 0) {
-      return false;
-    }
-    *tag = seen - 1;
+    const vkt_u64 seen = recentSlot(key).load(std::memory_order_relaxed);
+    if (seen == 0 || std::strcmp(key, names + (seen >> 32)) != 0) return false;
+    *tag = vkt_u32(seen) - 1;
     return true;
+  }
+  void remember(const char* key, vkt_u32 tag) const {
+    recentSlot(key).store(vkt_u64(starts[tag]) << 32 | (tag + 1),
+                          std::memory_order_relaxed);
   }
 };
 struct NameBlock;
@@ -999,7 +1003,7 @@ class VKTObject {
   // owns, so that member walks hand out names without rebuilding them and
   // getMemberNames copies instead of decoding. The block takes the names'
   // bytes and one NUL per name (VKTVerifyReport::keyNameBytes, which a
-  // program can weigh before the call) plus 4 bytes per name and 1 KiB (the
+  // program can weigh before the call) plus 4 bytes per name and 2 KiB (the
   // names that lookups found at their callers' addresses), and lives until
   // the object dies; a second call does nothing. Names that would pass
   // 4 GiB in all (verify refuses such a table) are left undecoded. It writes

@@ -173,7 +173,7 @@ inline bool VKTObject::findIndexedKey(const vkt_internal::NameBlock& block,
     if (block.starts[tag + 1] - begin - 1 == length &&
         same_bytes(block.names + begin, key, length)) {
       *result = tag;
-      block.recentSlot(key).store(tag + 1, std::memory_order_relaxed);
+      block.remember(key, tag);
       return true;
     }
   }

@@ -25,14 +25,12 @@ struct NameBlock : NameView {
   std::vector<char> bytes;
   std::vector<vkt_u32> offsets;
   std::vector<vkt_u64> index;
-  // What the view's guesses and recent slots point at.
+  // What the view's guesses point at.
   std::unique_ptr<std::atomic<vkt_u32>[]> guessSlots;
-  std::atomic<vkt_u32> recentSlots[kRecent] = {};
   void setView() {
     names = bytes.data();
     starts = offsets.data();
     count = vkt_u32(offsets.size() - 1);
-    recent = recentSlots;
   }
 };
 
