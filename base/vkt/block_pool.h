@@ -23,45 +23,70 @@
 #include <cstdint>
 #include <new>
 
+#include "vkt.h"  // VKT_UNLIKELY
+
 namespace vkt_internal {
 
 const size_t kPoolBytes = 1 << 20;
 const size_t kSlabBytes = 64 << 10;  // also the slabs' alignment
 
+// Whether the thread's destructor of a pool part has run. A plain
+// thread-local flag outlives every destructor of its thread, so it can be
+// read after the part is gone; the part's own members cannot (the compiler
+// may drop a destructor's last stores, as nothing may read them after).
+template <typename Part>
+bool& thread_closed() {
+  thread_local bool closed = false;
+  return closed;
+}
+
 // Empty slabs kept by one thread for its next ones, so that a loop that
 // builds and drops trees does not hand its slabs to the heap and ask for
 // them again each time (an aligned block costs the heap more than a plain
-// one). A slab emptied on any thread may join that thread's spares.
+// one). A slab emptied on any thread may join that thread's spares; once
+// the thread's spares are gone, slabs come from the heap and go back to it.
 class SpareSlabs {
  public:
   static const size_t kMost = 16;
 
-  static SpareSlabs& forThread() {
-    thread_local SpareSlabs spares;
-    return spares;
+  // Makes the thread's spares, so that they outlast whatever calls this in
+  // its constructor.
+  static void open() {
+    if (!thread_closed<SpareSlabs>()) forThread();
   }
-  void* take() {
-    if (mCount != 0) return mSlabs[--mCount];
+  static void* take() {
+    if (!thread_closed<SpareSlabs>()) {
+      SpareSlabs& spares = forThread();
+      if (spares.mCount != 0) return spares.mSlabs[--spares.mCount];
+    }
     return ::operator new(kSlabBytes, std::align_val_t(kSlabBytes));
   }
-  void give(void* slab) {
-    if (mCount == kMost || mClosed) {
-      ::operator delete(slab, std::align_val_t(kSlabBytes));
-      return;
+  static void give(void* slab) {
+    if (!thread_closed<SpareSlabs>()) {
+      SpareSlabs& spares = forThread();
+      if (spares.mCount != kMost) {
+        spares.mSlabs[spares.mCount++] = slab;
+        return;
+      }
     }
-    mSlabs[mCount++] = slab;
+    ::operator delete(slab, std::align_val_t(kSlabBytes));
   }
   ~SpareSlabs() {
-    mClosed = true;
+    thread_closed<SpareSlabs>() = true;
     while (mCount != 0) {
       ::operator delete(mSlabs[--mCount], std::align_val_t(kSlabBytes));
     }
   }
 
  private:
+  SpareSlabs() = default;
+  static SpareSlabs& forThread() {
+    thread_local SpareSlabs spares;
+    return spares;
+  }
+
   void* mSlabs[kMost];
   size_t mCount = 0;
-  bool mClosed = false;  // the thread is ending: slabs go to the heap
 };
 
 // The head of a slab, at its first byte, found from any block by masking.
@@ -80,12 +105,10 @@ struct SlabHead {
     return reinterpret_cast<SlabHead*>(reinterpret_cast<std::uintptr_t>(block) &
                                        ~std::uintptr_t(kSlabBytes - 1));
   }
-  static SlabHead* make() {
-    return new (SpareSlabs::forThread().take()) SlabHead;
-  }
+  static SlabHead* make() { return new (SpareSlabs::take()) SlabHead; }
   static void free(SlabHead* slab) {
     slab->~SlabHead();
-    SpareSlabs::forThread().give(slab);
+    SpareSlabs::give(slab);
   }
   // One block back.
   static void giveBack(void* block) {
@@ -106,35 +129,67 @@ class BlockPool {
   static_assert(kSize >= sizeof(void*), "a free block holds the next one");
   static_assert(kSize % alignof(void*) == 0, "blocks stay aligned");
 
+  // Once the thread's state is gone (a tree built by another
+  // thread-local's destructor), each block takes a slab of its own and goes
+  // back to it.
   static void* take() {
-    State& state = threadState();
-    if (state.head == nullptr) return state.cutBlock();
-    void* p = state.head;
-    state.head = *static_cast<void**>(p);
-    --state.count;
+    State* state = current();
+    if (VKT_UNLIKELY(state == nullptr)) return loneBlock();
+    if (state->head == nullptr) return state->cutBlock();
+    void* p = state->head;
+    state->head = *static_cast<void**>(p);
+    --state->count;
     return p;
   }
 
   static void give(void* p) {
-    State& state = threadState();
-    if (state.count == kPoolBytes / kSize || state.closed) {
+    State* state = current();
+    if (VKT_UNLIKELY(state == nullptr) || state->count == kPoolBytes / kSize) {
       SlabHead::giveBack(p);
       return;
     }
-    *static_cast<void**>(p) = state.head;
-    state.head = p;
-    ++state.count;
+    *static_cast<void**>(p) = state->head;
+    state->head = p;
+    ++state->count;
   }
 
  private:
+  struct State;
   // Blocks start behind the head, at the largest fundamental alignment.
   static const size_t kFirst =
       (sizeof(SlabHead) + alignof(std::max_align_t) - 1) &
       ~(alignof(std::max_align_t) - 1);
 
+  // The thread's state while it lives: a plain thread-local pointer, so the
+  // common case reads one word and tests it, with no guard of a first use.
+  static State*& live() {
+    thread_local State* state = nullptr;
+    return state;
+  }
+  static State* current() {
+    State* state = live();
+    return state != nullptr ? state : open();
+  }
+  // The thread's first use makes its state; null once the state is gone.
+  static State* open() {
+    if (thread_closed<BlockPool>()) return nullptr;
+    thread_local State state;
+    return &state;
+  }
+  // A slab for one block, let go at once, so that the slab goes back to the
+  // heap with its block.
+  static void* loneBlock() {
+    SlabHead* fresh = SlabHead::make();
+    fresh->release(1);
+    return reinterpret_cast<char*>(fresh) + kFirst;
+  }
+
   struct State {
     // The thread's spare slabs are made first, so they outlast this.
-    State() { SpareSlabs::forThread(); }
+    State() {
+      SpareSlabs::open();
+      live() = this;
+    }
 
     void* head = nullptr;  // the free list
     size_t count = 0;
@@ -142,10 +197,8 @@ class BlockPool {
     char* next = nullptr;      // its next block
     char* end = nullptr;
     std::int64_t cut = 0;  // blocks cut from it
-    bool closed = false;   // the thread is ending: nothing is kept
 
     void* cutBlock() {
-      if (closed) return loneBlock();
       if (size_t(end - next) < kSize) newSlab();
       void* p = next;
       next += kSize;
@@ -160,33 +213,18 @@ class BlockPool {
       end = reinterpret_cast<char*>(fresh) + kSlabBytes;
       cut = 0;
     }
-    // Once the thread's state is gone (a tree built by another
-    // thread-local's destructor): a slab for one block, let go at once, so
-    // that the slab goes back to the heap with its block.
-    void* loneBlock() {
-      SlabHead* fresh = SlabHead::make();
-      fresh->release(1);
-      return reinterpret_cast<char*>(fresh) + kFirst;
-    }
-    // Everything back; a block asked for after this takes a slab of its own,
-    // and goes back to it.
+    // Everything back, and the pool closed for the rest of the thread.
     ~State() {
+      live() = nullptr;
+      thread_closed<BlockPool>() = true;
       while (head != nullptr) {
         void* following = *static_cast<void**>(head);
         SlabHead::giveBack(head);
         head = following;
       }
-      count = 0;
       if (slab != nullptr) slab->release(cut);
-      slab = nullptr;
-      next = end = nullptr;
-      closed = true;
     }
   };
-  static State& threadState() {
-    thread_local State state;
-    return state;
-  }
 };
 
 // Blocks of any size up to kLargestPooled (object blocks and their node chunks,

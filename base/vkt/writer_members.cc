@@ -27,43 +27,48 @@ const vkt_u32 kMostHintedKeys = 64;
 // The key list of the last object begun with a given first key, per thread
 // (as trees are built), so that the next object of that shape follows it.
 // A slot holds a reference; collisions only cost a copy of the keys.
+//
+// The slots are a plain thread-local array, readable while any of the
+// thread's destructors run; a closer, made with the thread's first use,
+// lets go of them when the thread ends. An object built after that (by
+// another thread-local's destructor, or a static one's at exit) finds empty
+// slots and offers nothing, as the block pools do once their thread ends.
 class ShapeHints {
  public:
   static const size_t kSlots = 64;
-  ShapeHints() = default;
-  ShapeHints(const ShapeHints&) = delete;
-  ShapeHints& operator=(const ShapeHints&) = delete;
-  // An object built after this (by another thread-local's destructor, or
-  // a static one's at exit) finds empty slots and offers nothing, as the
-  // block pools do once their thread ends.
-  ~ShapeHints() {
-    mClosed = true;
-    for (KeyList*& list : mSlots) {
-      if (list != nullptr) KeyList::release(list);
-      list = nullptr;
-    }
-  }
-  KeyList*& slot(std::string_view firstKey) {
+
+  static KeyList*& slot(std::string_view firstKey) {
+    thread_local Closer closer;
+    (void)closer;
     size_t h = firstKey.size() * 31;
     if (!firstKey.empty()) {
       h += vkt_u8(firstKey[0]) * 7 + vkt_u8(firstKey.back());
     }
-    return mSlots[h % kSlots];
+    return slots()[h % kSlots];
   }
   // Offers `list` in `slot`, in place of what was there.
-  void offer(KeyList*& slot, KeyList* list) {
-    if (slot == list || mClosed) return;
+  static void offer(KeyList*& slot, KeyList* list) {
+    if (slot == list || vkt_internal::thread_closed<ShapeHints>()) return;
     KeyList::retain(list);
     if (slot != nullptr) KeyList::release(slot);
     slot = list;
   }
 
  private:
-  KeyList* mSlots[kSlots] = {};
-  bool mClosed = false;  // the thread is ending: nothing is held any more
+  struct Closer {
+    ~Closer() {
+      vkt_internal::thread_closed<ShapeHints>() = true;
+      for (size_t i = 0; i < kSlots; ++i) {
+        if (slots()[i] != nullptr) KeyList::release(slots()[i]);
+        slots()[i] = nullptr;
+      }
+    }
+  };
+  static KeyList** slots() {
+    thread_local KeyList* slots[kSlots] = {};
+    return slots;
+  }
 };
-
-thread_local ShapeHints tShapeHints;
 
 // True when no object but the caller uses `list`: then it may grow in
 // place. Other threads only ever drop references, never take one, so
@@ -79,7 +84,7 @@ VKTWriterValue::ObjectInfo* VKTWriterValue::ObjectInfo::make(
     std::string_view firstKey) {
   size_t nodes = kFirstNodes;
   if (!firstKey.empty()) {
-    const KeyList* hint = tShapeHints.slot(firstKey);
+    const KeyList* hint = ShapeHints::slot(firstKey);
     if (hint != nullptr && hint->key(0) == firstKey) {
       nodes = std::min<size_t>(std::max<size_t>(nodes, hint->count),
                                kMaxFirstNodes);
@@ -134,7 +139,7 @@ void VKTWriterValue::ObjectInfo::addNodeRoom() {
 // Throws with the object unchanged.
 void VKTWriterValue::ObjectInfo::addKey(std::string_view key) {
   const vkt_u32 at = mCount;
-  KeyList*& hint = tShapeHints.slot(at == 0 ? key : mKeys->key(0));
+  KeyList*& hint = ShapeHints::slot(at == 0 ? key : mKeys->key(0));
   if (mKeys == nullptr && hint != nullptr && hint->key(0) == key) {
     KeyList::retain(hint);
     mKeys = hint;
@@ -150,7 +155,7 @@ void VKTWriterValue::ObjectInfo::addKey(std::string_view key) {
     mKeys = fresh;
   }
   if (mKeys->count <= kMostHintedKeys) {
-    tShapeHints.offer(hint, mKeys);
+    ShapeHints::offer(hint, mKeys);
   } else if (hint == mKeys) {
     hint = nullptr;
     KeyList::release(mKeys);
