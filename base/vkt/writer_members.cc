@@ -38,8 +38,12 @@ class ShapeHints {
   static const size_t kSlots = 64;
 
   static KeyList*& slot(std::string_view firstKey) {
-    thread_local Closer closer;
-    (void)closer;
+    // Not reached again once the closer is gone: a thread-local's
+    // definition may not run after its destructor has.
+    if (!vkt_internal::thread_closed<ShapeHints>()) {
+      thread_local Closer closer;
+      (void)closer;
+    }
     size_t h = firstKey.size() * 31;
     if (!firstKey.empty()) {
       h += vkt_u8(firstKey[0]) * 7 + vkt_u8(firstKey.back());
