@@ -148,10 +148,6 @@ struct NameView {
     *tag = vkt_u32(seen) - 1;
     return true;
   }
-  void remember(const char* key, vkt_u32 tag) const {
-    recentSlot(key).store(vkt_u64(starts[tag]) << 32 | (tag + 1),
-                          std::memory_order_relaxed);
-  }
 };
 struct NameBlock;
 struct NameScratch;
@@ -612,16 +608,30 @@ class VKTValue {
   VKTElementRange recordElements() const;
   VKTMemberRange recordMembers() const;
   // The member with key tag `tag`; REQUIRES: an object view.
-  // `guess` (may be null) holds the position where the tag was last found,
-  // which is tested first and updated on a find elsewhere.
-  bool findTag(vkt_u32 tag, VKTValue* value, std::atomic<vkt_u32>* guess) const;
-  // The member with key tag `tag`, its guess tested inline; REQUIRES: an
-  // object view.
-  VKT_INLINE VKTValue atTag(vkt_u32 tag, std::atomic<vkt_u32>* guess) const;
+  // The member with key tag `tag`, into *value; false when there is none.
+  // `guess` holds the position where the tag was last found: findTag tests
+  // it first, and searchTag (which takes a null one too) updates it on a
+  // find elsewhere. The result goes through *value rather than back as a
+  // view: a view given back from a call and copied on is reloaded as one
+  // 16-byte word that waits for the two stores of its halves.
+  VKT_INLINE bool findTag(vkt_u32 tag, std::atomic<vkt_u32>* guess,
+                          VKTValue* value) const;
+  bool searchTag(vkt_u32 tag, std::atomic<vkt_u32>* guess,
+                 VKTValue* value) const;
+  // Member `position` of a version-2-and-up object whose key array has
+  // `count` entries of `width` bytes from `keys`.
+  VKT_INLINE VKTValue memberAt(const vkt_u8* keys, vkt_u32 count, vkt_u32 width,
+                               vkt_u32 position) const {
+    vkt_u32 offsetCount, offsetWidth;
+    const vkt_u8* offsets =
+        packedHead(keys + count * width, &offsetCount, &offsetWidth);
+    return VKTValue(
+        mObj, offsets + offsetCount * offsetWidth +
+                  readEntry(offsets + position * offsetWidth, offsetWidth));
+  }
   // The member named `key`, the name last found at its address tested
   // inline.
   VKT_INLINE VKTValue atName(const char* key) const;
-  VKTValue searchTag(vkt_u32 tag, std::atomic<vkt_u32>* guess) const;
   bool findRecordTag(vkt_u32 tag, VKTValue* value) const;  // version 1
 
   const VKTObject* mObj;
@@ -1230,30 +1240,27 @@ VKT_INLINE VKTElementRange VKTValue::elements() const {
 // A guessed position is tested inline: objects of one shape hold a name at
 // the same position, and a hit then costs the two array heads and two
 // entries. The search and version 1 go out of line.
-VKT_INLINE VKTValue VKTValue::atTag(vkt_u32 tag,
-                                    std::atomic<vkt_u32>* guess) const {
+VKT_INLINE bool VKTValue::findTag(vkt_u32 tag, std::atomic<vkt_u32>* guess,
+                                  VKTValue* value) const {
   if (mObj->mVersion != 1) {
     vkt_u32 count, width;
     const vkt_u8* keys = packedHead(mPtr + 1, &count, &width);
     const vkt_u32 found = guess->load(std::memory_order_relaxed);
     if (found < count && readEntry(keys + found * width, width) == tag) {
-      vkt_u32 offsetCount, offsetWidth;
-      const vkt_u8* offsets =
-          packedHead(keys + count * width, &offsetCount, &offsetWidth);
-      return VKTValue(
-          mObj, offsets + offsetCount * offsetWidth +
-                    readEntry(offsets + found * offsetWidth, offsetWidth));
+      *value = memberAt(keys, count, width, found);
+      return true;
     }
   }
-  return searchTag(tag, guess);
+  return searchTag(tag, guess, value);
 }
 
 // An absent key's tag is no key tag, and may still match a 4-byte entry.
 VKT_INLINE VKTValue VKTValue::at(const VKTKey& key) const {
-  if (mObj == nullptr || *mPtr != kObjectId || !key.isPresent()) {
-    return VKTValue();
+  VKTValue value;
+  if (mObj != nullptr && *mPtr == kObjectId && key.isPresent()) {
+    findTag(key.mTag, &key.mGuess, &value);
   }
-  return atTag(key.mTag, &key.mGuess);
+  return value;
 }
 
 // A program names members through a few strings it keeps, so the name at
@@ -1265,10 +1272,13 @@ VKT_INLINE VKTValue VKTValue::atName(const char* key) const {
   const vkt_internal::NameView* names =
       mObj->mNames.load(std::memory_order_acquire);
   vkt_u32 tag;
+  VKTValue value;
   if (names != nullptr && names->recentTag(key, &tag)) {
-    return atTag(tag, &names->guesses[tag]);
+    findTag(tag, &names->guesses[tag], &value);
+  } else {
+    findMember(key, &value, nullptr);
   }
-  return at(key, nullptr);
+  return value;
 }
 
 // The members of an object (v2 and up): ID_OBJECT | key array | offset

@@ -23,8 +23,6 @@
 #include <cstdint>
 #include <new>
 
-#include "vkt.h"  // VKT_UNLIKELY
-
 namespace vkt_internal {
 
 const size_t kPoolBytes = 1 << 20;
@@ -134,7 +132,7 @@ class BlockPool {
   // back to it.
   static void* take() {
     State* state = current();
-    if (VKT_UNLIKELY(state == nullptr)) return loneBlock();
+    if (state == nullptr) return loneBlock();
     if (state->head == nullptr) return state->cutBlock();
     void* p = state->head;
     state->head = *static_cast<void**>(p);
@@ -144,7 +142,7 @@ class BlockPool {
 
   static void give(void* p) {
     State* state = current();
-    if (VKT_UNLIKELY(state == nullptr) || state->count == kPoolBytes / kSize) {
+    if (state == nullptr || state->count == kPoolBytes / kSize) {
       SlabHead::giveBack(p);
       return;
     }

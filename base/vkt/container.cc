@@ -76,28 +76,18 @@ vkt_size VKTValue::size() const {
   return parse_unsigned(mPtr + 1);  // the first array's count
 }
 
-// Inline in the lookups, which come to it with the guess they hold; the
-// search for a guess that misses is a call.
-VKT_INLINE bool VKTValue::findTag(vkt_u32 tag, VKTValue* value,
-                                  std::atomic<vkt_u32>* guess) const {
+// The search behind the guess tests, and the lookups that hold no guess.
+bool VKTValue::searchTag(vkt_u32 tag, std::atomic<vkt_u32>* guess,
+                         VKTValue* value) const {
   if (mObj->mVersion == 1) return findRecordTag(tag, value);
   // ID_OBJECT | key array | offset array | member values, the heads read as
   // the walks read them.
   vkt_u32 count, width;
   const vkt_u8* keys = packedHead(mPtr + 1, &count, &width);
-  vkt_u32 found =
-      guess != nullptr ? guess->load(std::memory_order_relaxed) : count;
-  if (found >= count || readEntry(keys + found * width, width) != tag) {
-    found = search_keys(keys, count, width, tag);
-    if (found == count) return false;
-    if (guess != nullptr) guess->store(found, std::memory_order_relaxed);
-  }
-  vkt_u32 offsetCount, offsetWidth;
-  const vkt_u8* offsets =
-      packedHead(keys + count * width, &offsetCount, &offsetWidth);
-  *value =
-      VKTValue(mObj, offsets + offsetCount * offsetWidth +
-                         readEntry(offsets + found * offsetWidth, offsetWidth));
+  const vkt_u32 found = search_keys(keys, count, width, tag);
+  if (found == count) return false;
+  if (guess != nullptr) guess->store(found, std::memory_order_relaxed);
+  *value = memberAt(keys, count, width, found);
   return true;
 }
 
@@ -116,30 +106,16 @@ bool VKTValue::findMember(const char* key, VKTValue* value,
                           vkt_u32* hint) const {
   if (mObj == nullptr || *mPtr != ID_OBJECT) return false;
   // A name that no object of the image uses is turned away by the key table.
-  // The name last found at the key's address, tested here without a call;
-  // a hinted lookup with the key cache on goes through the cache.
   vkt_u32 tag;
   std::atomic<vkt_u32>* guess = nullptr;
-  const vkt_internal::NameView* names =
-      mObj->mNames.load(std::memory_order_acquire);
-  if (names != nullptr && hint == nullptr && names->recentTag(key, &tag)) {
-    guess = &names->guesses[tag];
-  } else if (!mObj->findKey(key, &tag, hint, &guess)) {
-    return false;
-  }
-  return findTag(tag, value, guess);
+  if (!mObj->findKey(key, &tag, hint, &guess)) return false;
+  return guess != nullptr ? findTag(tag, guess, value)
+                          : searchTag(tag, nullptr, value);
 }
 
 bool VKTValue::findMember(const VKTKey& key, VKTValue* value) const {
   if (mObj == nullptr || *mPtr != ID_OBJECT || !key.isPresent()) return false;
-  return findTag(key.tag(), value, &key.mGuess);
-}
-
-// The search behind the inline guess tests.
-VKTValue VKTValue::searchTag(vkt_u32 tag, std::atomic<vkt_u32>* guess) const {
-  VKTValue value;
-  findTag(tag, &value, guess);
-  return value;
+  return findTag(key.tag(), &key.mGuess, value);
 }
 
 // A version-1 object: the first array holds offsets of records that open

@@ -27,6 +27,11 @@ struct NameBlock : NameView {
   std::vector<vkt_u64> index;
   // What the view's guesses point at.
   std::unique_ptr<std::atomic<vkt_u32>[]> guessSlots;
+  // Records `tag` as the name found at `key`'s address.
+  void remember(const char* key, vkt_u32 tag) const {
+    recentSlot(key).store(vkt_u64(starts[tag]) << 32 | (tag + 1),
+                          std::memory_order_relaxed);
+  }
   void setView() {
     names = bytes.data();
     starts = offsets.data();
